@@ -1,2 +1,28 @@
 # The host world: the same sources as a library, the firmware simulator,
 # and the programs and tests built on them.
+file(GLOB MORVANE_HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/platform/host/*.cpp)
+
+set(MORVANE_HOST_WARNINGS -Wall -Wextra)
+if(MORVANE_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+add_library(morvane_host STATIC ${MORVANE_SYSTEM_SOURCES} ${MORVANE_CLIB_SOURCES} ${MORVANE_HOST_PLATFORM_SOURCES})
+target_include_directories(morvane_host PUBLIC ${CMAKE_SOURCE_DIR} ${EFI_INCLUDES})
+target_compile_definitions(morvane_host PUBLIC ${MORVANE_DEFINES})
+target_compile_options(morvane_host PRIVATE ${MORVANE_HOST_WARNINGS})
+
+enable_testing()
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+file(GLOB MORVANE_UNIT_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/unit/*.cpp)
+add_executable(morvane_unit_tests ${MORVANE_UNIT_TEST_SOURCES})
+target_link_libraries(morvane_unit_tests PRIVATE morvane_host GTest::gtest GTest::gtest_main)
+target_compile_options(morvane_unit_tests PRIVATE ${MORVANE_HOST_WARNINGS})
+gtest_discover_tests(morvane_unit_tests DISCOVERY_TIMEOUT 60)
+
+if(EXISTS ${CMAKE_SOURCE_DIR}/tools/CMakeLists.txt)
+  add_subdirectory(tools)
+endif()

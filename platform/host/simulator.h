@@ -1,0 +1,110 @@
+#pragma once
+// The firmware simulator of the host world: a real EFI_SYSTEM_TABLE whose
+// services are EFIAPI functions of ours, so that the loader's code runs
+// unchanged on the host. One simulator is active at a time (the firmware's
+// services receive no context of their own).
+#include <efi.h>
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/host/handle_database.h"
+
+namespace HostFirmware {
+
+// Thrown by the simulated Exit and caught by RunImage: the image's end.
+struct ImageExit {
+    EFI_STATUS status;
+};
+
+// What the image's entry point looks like.
+using ImageEntry = EFI_STATUS(EFIAPI*)(EFI_HANDLE, EFI_SYSTEM_TABLE*);
+
+class Simulator {
+public:
+    Simulator();
+    ~Simulator();
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    static Simulator& Current();
+
+    EFI_SYSTEM_TABLE* SystemTable() { return &system_table_; }
+    EFI_HANDLE ImageHandle() const { return image_handle_; }
+    EFI_HANDLE DeviceHandle() const { return device_handle_; }
+    HandleDatabase& Handles() { return handles_; }
+
+    // The loaded image's FilePath: one file path node per part, or raw bytes.
+    void SetImagePath(const std::vector<std::u16string>& nodes);
+    void SetImageDevicePath(const std::vector<std::uint8_t>& bytes);
+    // The loaded image's load options as text (no terminator added) or bytes.
+    void SetLoadOptions(const std::u16string& options);
+    void SetLoadOptionsBytes(const std::vector<std::uint8_t>& bytes);
+    void ClearLoadOptions();
+    // Takes the loaded image protocol away, as a broken firmware might.
+    void RemoveLoadedImage();
+
+    // Starts the image's entry point as the firmware would; answers the
+    // status it exits or returns with.
+    EFI_STATUS RunImage(ImageEntry entry);
+
+    // Everything written to the console, as the firmware received it.
+    const std::u16string& ConsoleText() const { return console_text_; }
+    std::string ConsoleUtf8() const;
+    void ClearConsole() { console_text_.clear(); }
+    void PushKey(char16_t unicode, std::uint16_t scan_code = 0);
+
+    // The virtual clock, in microseconds, and each Stall that moved it.
+    std::uint64_t Now() const { return now_microseconds_; }
+    const std::vector<std::uint64_t>& Stalls() const { return stalls_; }
+    void Advance(std::uint64_t microseconds);
+
+    // The watchdog as the image last set it.
+    std::uint64_t WatchdogTimeout() const { return watchdog_timeout_; }
+    int WatchdogCalls() const { return watchdog_calls_; }
+
+    // From now on, every pool allocation fails.
+    void FailPoolAllocations(bool fail) { fail_pool_ = fail; }
+    std::size_t LivePoolBlocks() const { return pool_blocks_.size(); }
+
+    // Services' state, used by the EFIAPI functions.
+    std::u16string console_text_;
+    std::deque<EFI_INPUT_KEY> keys_;
+    std::uint64_t now_microseconds_ = 0;
+    std::vector<std::uint64_t> stalls_;
+    std::uint64_t watchdog_timeout_ = 300;
+    int watchdog_calls_ = 0;
+    bool fail_pool_ = false;
+    std::map<void*, std::size_t> pool_blocks_;
+    std::map<std::uint64_t, std::uint64_t> page_runs_;  // address -> pages
+
+private:
+    void InstallLoadedImage();
+
+    HandleDatabase handles_;
+    EFI_SYSTEM_TABLE system_table_{};
+    EFI_BOOT_SERVICES boot_services_{};
+    EFI_RUNTIME_SERVICES runtime_services_{};
+    SIMPLE_TEXT_OUTPUT_INTERFACE console_out_{};
+    SIMPLE_INPUT_INTERFACE console_in_{};
+    SIMPLE_TEXT_OUTPUT_MODE console_mode_{};
+    EFI_LOADED_IMAGE loaded_image_{};
+    std::vector<std::uint8_t> image_path_;
+    std::vector<std::uint8_t> load_options_;
+    EFI_HANDLE image_handle_ = nullptr;
+    EFI_HANDLE device_handle_ = nullptr;
+    Simulator* previous_ = nullptr;
+};
+
+// Fills the tables with the simulator's functions (one file per family).
+void FillBootServices(EFI_BOOT_SERVICES& services);
+void FillRuntimeServices(EFI_RUNTIME_SERVICES& services);
+void FillConsole(SIMPLE_TEXT_OUTPUT_INTERFACE& out, SIMPLE_INPUT_INTERFACE& in);
+
+// Device path bytes of file path nodes and an end node.
+std::vector<std::uint8_t> FilePathNodes(const std::vector<std::u16string>& nodes);
+
+}  // namespace HostFirmware
