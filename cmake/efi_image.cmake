@@ -34,3 +34,5 @@ add_custom_command(OUTPUT ${EFI_IMAGE}
   COMMAND_EXPAND_LISTS
   COMMENT "Linking the firmware image morvane.efi")
 add_custom_target(morvane_efi ALL DEPENDS ${EFI_IMAGE})
+
+add_test(NAME FirmwareImageChecks COMMAND ${CMAKE_SOURCE_DIR}/tests/build/image_checks_test.sh ${CMAKE_BINARY_DIR})

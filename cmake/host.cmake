@@ -13,7 +13,6 @@ target_include_directories(morvane_host PUBLIC ${CMAKE_SOURCE_DIR} ${EFI_INCLUDE
 target_compile_definitions(morvane_host PUBLIC ${MORVANE_DEFINES})
 target_compile_options(morvane_host PRIVATE ${MORVANE_HOST_WARNINGS})
 
-enable_testing()
 find_package(GTest REQUIRED)
 include(GoogleTest)
 

@@ -21,7 +21,7 @@ import_directory=$(echo "$headers" | awk '/^Entry 1 /{print $3 $4}')
 echo "${import_directory:-0}" | grep -q '^0*$' || fail "the image has an import directory"
 if echo "$headers" | grep -q 'The Import Tables'; then fail "the image has import tables"; fi
 
-red_zone=$(objdump -d --no-show-raw-insn "$so" | grep -E '[^(]-0x[0-9a-f]+\(%rsp\)' || true)
+red_zone=$(objdump -d --no-show-raw-insn "$so" | grep -E -- '-0x[0-9a-f]+\(%rsp[,)]' || true)
 [ -z "$red_zone" ] || fail "accesses below the stack pointer (red zone):
 $red_zone"
 exit 0
