@@ -23,17 +23,25 @@ EFI_STATUS EFIAPI QueryMode(SIMPLE_TEXT_OUTPUT_INTERFACE*, UINTN, UINTN* columns
 }
 EFI_STATUS EFIAPI SetMode(SIMPLE_TEXT_OUTPUT_INTERFACE*, UINTN mode) { return mode == 0 ? EFI_SUCCESS : EFI_UNSUPPORTED; }
 
-EFI_STATUS EFIAPI ResetInput(SIMPLE_INPUT_INTERFACE*, BOOLEAN) { return EFI_SUCCESS; }
+// A reset keeps queued keys: they stand for keys typed after it.
+EFI_STATUS EFIAPI ResetInput(SIMPLE_INPUT_INTERFACE*, BOOLEAN) {
+    ++Simulator::Current().console_resets_;
+    return EFI_SUCCESS;
+}
 
 EFI_STATUS EFIAPI ReadKeyStroke(SIMPLE_INPUT_INTERFACE*, EFI_INPUT_KEY* key) {
-    auto& keys = Simulator::Current().keys_;
-    if (keys.empty()) return EFI_NOT_READY;
-    *key = keys.front();
-    keys.pop_front();
+    Simulator& simulator = Simulator::Current();
+    if (!KeyAvailable(simulator)) return EFI_NOT_READY;
+    *key = simulator.keys_.front().key;
+    simulator.keys_.pop_front();
     return EFI_SUCCESS;
 }
 
 }  // namespace
+
+bool KeyAvailable(const Simulator& simulator) {
+    return !simulator.keys_.empty() && simulator.keys_.front().at <= simulator.Now();
+}
 
 void FillConsole(SIMPLE_TEXT_OUTPUT_INTERFACE& out, SIMPLE_INPUT_INTERFACE& in) {
     out.Reset = Reset;

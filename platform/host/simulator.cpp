@@ -29,6 +29,12 @@ Simulator::Simulator() : previous_(current) {
     FillBootServices(boot_services_);
     FillRuntimeServices(runtime_services_);
     FillConsole(console_out_, console_in_);
+    FillEventServices(boot_services_);
+    auto key_event = std::make_unique<SimulatedEvent>();
+    key_event->key_event = true;
+    key_event_ = key_event.get();
+    events_[key_event_] = std::move(key_event);
+    console_in_.WaitForKey = key_event_;
     console_out_.Mode = &console_mode_;
     system_table_.Hdr.Signature = EFI_SYSTEM_TABLE_SIGNATURE;
     system_table_.Hdr.Revision = (EFI_SPECIFICATION_MAJOR_REVISION << 16) | EFI_SPECIFICATION_MINOR_REVISION;
@@ -100,18 +106,32 @@ void Simulator::ClearLoadOptions() {
     loaded_image_.LoadOptionsSize = 0;
 }
 
+HostFolderVolume& Simulator::MountEsp(const std::string& folder) {
+    EFI_GUID guid = SIMPLE_FILE_SYSTEM_PROTOCOL;
+    if (esp_) handles_.Uninstall(device_handle_, guid, esp_->Protocol());
+    esp_ = std::make_unique<HostFolderVolume>(folder);
+    handles_.Install(device_handle_, guid, esp_->Protocol());
+    return *esp_;
+}
+
 EFI_STATUS Simulator::RunImage(ImageEntry entry) {
     ClibTesting::ForgetImage();
+    ended_waiting_forever_ = false;
     try {
         return entry(image_handle_, &system_table_);
     } catch (const ImageExit& exit) {
         return exit.status;
+    } catch (const WaitsForever&) {
+        ended_waiting_forever_ = true;
+        return EFI_TIMEOUT;
     }
 }
 
 std::string Simulator::ConsoleUtf8() const { return Clib::ToMultibyte(console_text_.data(), console_text_.size()); }
 
-void Simulator::PushKey(char16_t unicode, std::uint16_t scan_code) { keys_.push_back(EFI_INPUT_KEY{scan_code, unicode}); }
+void Simulator::PushKey(char16_t unicode, std::uint16_t scan_code, std::uint64_t at) {
+    keys_.push_back(TimedKey{EFI_INPUT_KEY{scan_code, unicode}, at});
+}
 
 void Simulator::Advance(std::uint64_t microseconds) { now_microseconds_ += microseconds; }
 

@@ -11,13 +11,36 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
 #include "platform/host/handle_database.h"
+#include "platform/host/host_folder_volume.h"
 
 namespace HostFirmware {
 
 // Thrown by the simulated Exit and caught by RunImage: the image's end.
 struct ImageExit {
     EFI_STATUS status;
+};
+
+// Thrown by WaitForEvent when nothing it waits for can ever happen: no key
+// is left to come and no timer is armed. RunImage ends the run there.
+struct WaitsForever {};
+
+// A simulated event: a timer on the virtual clock, or the console's key event.
+struct SimulatedEvent {
+    std::uint32_t type = 0;
+    bool key_event = false;
+    bool signaled = false;
+    bool armed = false;
+    std::uint64_t due = 0;     // microseconds on the virtual clock
+    std::uint64_t period = 0;  // microseconds; 0 for a one-shot timer
+};
+
+// A key that becomes available at a point of the virtual clock.
+struct TimedKey {
+    EFI_INPUT_KEY key;
+    std::uint64_t at;
 };
 
 // What the image's entry point looks like.
@@ -47,6 +70,9 @@ public:
     // Takes the loaded image protocol away, as a broken firmware might.
     void RemoveLoadedImage();
 
+    // Puts a Simple File System over a host folder on the image's device.
+    HostFolderVolume& MountEsp(const std::string& folder);
+
     // Starts the image's entry point as the firmware would; answers the
     // status it exits or returns with.
     EFI_STATUS RunImage(ImageEntry entry);
@@ -55,7 +81,12 @@ public:
     const std::u16string& ConsoleText() const { return console_text_; }
     std::string ConsoleUtf8() const;
     void ClearConsole() { console_text_.clear(); }
-    void PushKey(char16_t unicode, std::uint16_t scan_code = 0);
+    // Queues a key, available from `at` microseconds of the virtual clock.
+    void PushKey(char16_t unicode, std::uint16_t scan_code = 0, std::uint64_t at = 0);
+    // True when the last run ended waiting for something that could not come.
+    bool EndedWaitingForever() const { return ended_waiting_forever_; }
+    int ConsoleResets() const { return console_resets_; }
+    std::size_t LiveEvents() const { return events_.size(); }
 
     // The virtual clock, in microseconds, and each Stall that moved it.
     std::uint64_t Now() const { return now_microseconds_; }
@@ -72,7 +103,11 @@ public:
 
     // Services' state, used by the EFIAPI functions.
     std::u16string console_text_;
-    std::deque<EFI_INPUT_KEY> keys_;
+    std::deque<TimedKey> keys_;
+    std::map<void*, std::unique_ptr<SimulatedEvent>> events_;
+    EFI_EVENT key_event_ = nullptr;
+    bool ended_waiting_forever_ = false;
+    int console_resets_ = 0;
     std::uint64_t now_microseconds_ = 0;
     std::vector<std::uint64_t> stalls_;
     std::uint64_t watchdog_timeout_ = 300;
@@ -97,12 +132,16 @@ private:
     EFI_HANDLE image_handle_ = nullptr;
     EFI_HANDLE device_handle_ = nullptr;
     Simulator* previous_ = nullptr;
+    std::unique_ptr<HostFolderVolume> esp_;
 };
 
 // Fills the tables with the simulator's functions (one file per family).
 void FillBootServices(EFI_BOOT_SERVICES& services);
 void FillRuntimeServices(EFI_RUNTIME_SERVICES& services);
 void FillConsole(SIMPLE_TEXT_OUTPUT_INTERFACE& out, SIMPLE_INPUT_INTERFACE& in);
+void FillEventServices(EFI_BOOT_SERVICES& services);
+// Whether the console has a key available now.
+bool KeyAvailable(const Simulator& simulator);
 
 // Device path bytes of file path nodes and an end node.
 std::vector<std::uint8_t> FilePathNodes(const std::vector<std::u16string>& nodes);

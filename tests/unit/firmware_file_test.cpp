@@ -3,6 +3,8 @@
 #include <efi.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -253,6 +255,103 @@ TEST(FirmwareFile, OpenRefusals) {
     firmware.simulator.FailPoolAllocations(true);
     EXPECT_EQ(RaisedCode([] { Uefi::OpenFile(u"\\x.cfg"); }), Common::FILE_NO_MEMORY);
     EXPECT_TRUE(load_file.asked.empty());
+}
+
+}  // namespace
+
+// ---- the file protocol road, on a simulated ESP over a host folder ----
+
+namespace {
+
+struct TempFolder {
+    std::string path;
+    TempFolder() {
+        char pattern[] = "/tmp/morvane-esp-XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    ~TempFolder() { std::system(("rm -rf '" + path + "'").c_str()); }
+    void Write(const std::string& name, const std::string& contents) const {
+        std::string full = path + "/" + name;
+        std::system(("mkdir -p \"$(dirname '" + full + "')\"").c_str());
+        FILE* file = std::fopen(full.c_str(), "wb");
+        std::fwrite(contents.data(), 1, contents.size(), file);
+        std::fclose(file);
+    }
+    std::string Read(const std::string& name) const {
+        FILE* file = std::fopen((path + "/" + name).c_str(), "rb");
+        if (file == nullptr) return "<missing>";
+        std::string contents;
+        char buffer[4096];
+        while (std::size_t got = std::fread(buffer, 1, sizeof(buffer), file)) contents.append(buffer, got);
+        std::fclose(file);
+        return contents;
+    }
+};
+
+std::string ReadWhole(ri_file& file) {
+    std::string contents(static_cast<std::size_t>(file.size()), '\0');
+    std::uint64_t got = 0;
+    file.read(&contents[0], contents.size(), got);
+    contents.resize(got);
+    return contents;
+}
+
+TEST(FirmwareFile, OpensReadsAndWritesOnTheImageDevice) {
+    TempFolder esp;
+    esp.Write("EFI/BOOT/cfg.xml", "<Root/>");
+    Firmware firmware;
+    HostFirmware::HostFolderVolume& volume = firmware.simulator.MountEsp(esp.path);
+
+    std::unique_ptr<ri_file> document = Uefi::OpenFile(u"\\efi\\boot\\CFG.XML");
+    EXPECT_EQ(ReadWhole(*document), "<Root/>");
+    EXPECT_EQ(document->seek_end(-3), 4);
+    EXPECT_EQ(document->seek_relative(-1), 3);
+    EXPECT_FALSE(document->failed());
+    document.reset();
+
+    {
+        std::unique_ptr<rio_file> created = Uefi::OpenFirmwareFile(u"\\new.bin", Uefi::kOpenCreate);
+        std::uint64_t written = 0;
+        created->write("abcdef", 6, written);
+        EXPECT_EQ(written, 6u);
+        created->seek(2);
+        created->write("XY", 2, written);
+        EXPECT_EQ(created->size(), 6u);
+        EXPECT_FALSE(created->failed());
+    }
+    EXPECT_EQ(esp.Read("new.bin"), "abXYef");
+
+    // A directory is not a file, and a read-only open refuses to write.
+    EXPECT_EQ(RaisedCode([] { Uefi::OpenFile(u"\\EFI\\BOOT"); }), Common::FILE_OPEN);
+    EXPECT_EQ(RaisedCode([] { Uefi::OpenFile(u"\\missing.xml"); }), Common::FILE_OPEN);
+    std::unique_ptr<ri_file> read_only = Uefi::OpenFile(u"\\new.bin");
+    std::uint64_t written = 0;
+    dynamic_cast<rio_file&>(*read_only).write("zz", 2, written);
+    EXPECT_EQ(read_only->error().Code(), Common::FILE_WRITE);
+    read_only.reset();
+
+    Uefi::DeleteFile(u"\\new.bin");
+    EXPECT_EQ(esp.Read("new.bin"), "<missing>");
+    EXPECT_EQ(RaisedCode([] { Uefi::DeleteFile(u"\\new.bin"); }), Common::FILE_OPEN);
+    // Every file was closed; what stays open is the root of each of the
+    // seven opens, which the firmware keeps until the program ends.
+    EXPECT_EQ(volume.OpenFiles(), 7);
+}
+
+TEST(FirmwareFile, DeletedFileAnswersNotFound) {
+    TempFolder esp;
+    esp.Write("gone.txt", "x");
+    Firmware firmware;
+    firmware.simulator.MountEsp(esp.path);
+    std::unique_ptr<rio_file> file = Uefi::OpenFirmwareFile(u"\\gone.txt", Uefi::kOpenReadWrite);
+    auto& efi_file = dynamic_cast<Uefi::EfiFile&>(*file);
+    efi_file.remove();
+    EXPECT_FALSE(efi_file.failed());
+    char byte;
+    std::uint64_t got = 0;
+    efi_file.read(&byte, 1, got);
+    EXPECT_EQ(efi_file.error().Code(), Common::FILE_NOT_FOUND);
+    EXPECT_EQ(esp.Read("gone.txt"), "<missing>");
 }
 
 }  // namespace
