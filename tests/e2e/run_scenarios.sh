@@ -74,7 +74,7 @@ check_usage() {
         fail "'$NO_ARGUMENTS_LINE' does not follow the usage line"
     fi
     if grep -q -F -e "$STARTUP_LINE" "$2"; then
-        fail "the loader started after printing its usage"
+        fail "the start-up line was printed"
     fi
     check_exit "$1" "$2" "$note"
 }
