@@ -12,9 +12,24 @@ target_compile_options(morvane_efi_objects PRIVATE
   -fpic -fno-stack-protector -fno-stack-check -mno-red-zone -fno-threadsafe-statics
   -fno-plt -O2 -Wall -Wextra)
 
+# The compiler turns byte loops into calls of memset and memcpy; inside
+# memset and memcpy themselves that is endless recursion.
+set_source_files_properties(${CMAKE_SOURCE_DIR}/platform/efi/string_functions.cpp
+  PROPERTIES COMPILE_OPTIONS "-fno-tree-loop-distribute-patterns;-fno-builtin")
+
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libsupc++.a OUTPUT_VARIABLE LIBSUPCXX OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_eh.a OUTPUT_VARIABLE LIBGCC_EH OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-libgcc-file-name OUTPUT_VARIABLE LIBGCC OUTPUT_STRIP_TRAILING_WHITESPACE)
+
+# The red-black tree of std::map and std::set is compiled into libstdc++, not
+# into headers. Its object needs nothing else, so it is taken alone from the
+# static library; the image checks below still vet every instruction of it.
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++.a OUTPUT_VARIABLE LIBSTDCXX_STATIC OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(EFI_TREE_OBJECT ${CMAKE_BINARY_DIR}/efi-runtime/tree.o)
+add_custom_command(OUTPUT ${EFI_TREE_OBJECT}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/efi-runtime
+  COMMAND ar x ${LIBSTDCXX_STATIC} tree.o --output ${CMAKE_BINARY_DIR}/efi-runtime
+  COMMENT "Taking the red-black tree from libstdc++")
 
 set(EFI_LINKER_SCRIPT ${CMAKE_SOURCE_DIR}/platform/efi/morvane.lds)
 set(EFI_SO ${CMAKE_BINARY_DIR}/morvane.so)
@@ -24,12 +39,12 @@ set(EFI_SECTIONS -j .text -j .sdata -j .data -j .dynamic -j .rela -j .reloc -j .
 add_custom_command(OUTPUT ${EFI_IMAGE}
   COMMAND ld -nostdlib -znocombreloc -T ${EFI_LINKER_SCRIPT} -shared -Bsymbolic
           -z nodynamic-undefined-weak --eh-frame-hdr --no-undefined
-          /usr/lib/crt0-efi-x86_64.o $<TARGET_OBJECTS:morvane_efi_objects>
+          /usr/lib/crt0-efi-x86_64.o $<TARGET_OBJECTS:morvane_efi_objects> ${EFI_TREE_OBJECT}
           ${LIBSUPCXX} ${LIBGCC_EH} ${LIBGCC} /usr/lib/libgnuefi.a
           -o ${EFI_SO}
   COMMAND objcopy ${EFI_SECTIONS} --target efi-app-x86_64 --subsystem=10 ${EFI_SO} ${EFI_IMAGE}
   COMMAND ${CMAKE_SOURCE_DIR}/platform/efi/check_image.sh ${EFI_SO} ${EFI_IMAGE}
-  DEPENDS morvane_efi_objects $<TARGET_OBJECTS:morvane_efi_objects> ${EFI_LINKER_SCRIPT}
+  DEPENDS morvane_efi_objects $<TARGET_OBJECTS:morvane_efi_objects> ${EFI_LINKER_SCRIPT} ${EFI_TREE_OBJECT}
           ${CMAKE_SOURCE_DIR}/platform/efi/check_image.sh
   COMMAND_EXPAND_LISTS
   COMMENT "Linking the firmware image morvane.efi")

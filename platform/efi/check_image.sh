@@ -4,6 +4,8 @@
 #    itself and silently ignores every other kind);
 #  - an import (the firmware links nothing);
 #  - a subsystem other than 10 (EFI application);
+#  - a memory or string function that calls itself (the compiler turns
+#    byte loops into calls of these very functions);
 #  - an access below the stack pointer (the firmware's interrupt handlers
 #    may use the stack below %rsp: there is no red zone).
 set -eu
@@ -20,6 +22,13 @@ echo "$headers" | grep -q '^Subsystem[[:space:]]*0000000a' || fail "subsystem is
 import_directory=$(echo "$headers" | awk '/^Entry 1 /{print $3 $4}')
 echo "${import_directory:-0}" | grep -q '^0*$' || fail "the image has an import directory"
 if echo "$headers" | grep -q 'The Import Tables'; then fail "the image has import tables"; fi
+
+for function in memset memcpy memmove memcmp strlen; do
+  if objdump -d --no-show-raw-insn "$so" | awk -v f="<$function>:" '$2 == f {inside=1; next} /^$/ {inside=0} inside' |
+     grep -qE "(call|jmp)[[:space:]]+[0-9a-f]+ <$function>"; then
+    fail "$function calls itself"
+  fi
+done
 
 red_zone=$(objdump -d --no-show-raw-insn "$so" | grep -E -- '-0x[0-9a-f]+\(%rsp[,)]' || true)
 [ -z "$red_zone" ] || fail "accesses below the stack pointer (red zone):

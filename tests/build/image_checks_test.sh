@@ -26,6 +26,11 @@ printf 'extern int elsewhere; int *p = &elsewhere;\n' > "$work/symbol_reloc.c"
 gcc -O2 -fpic -mno-red-zone -shared -nostdlib -o "$work/symbol_reloc.so" "$work/symbol_reloc.c"
 expect refuse "symbol relocation" "$work/symbol_reloc.so"
 
+# A memset whose byte loop the compiler turned into a call of memset.
+printf 'typedef unsigned long size_t; void *memset(void *d, int v, size_t n) { unsigned char *p = d; while (n--) *p++ = (unsigned char)v; return d; }\n' > "$work/memset.c"
+gcc -O2 -fpic -mno-red-zone -shared -nostdlib -Wl,-Bsymbolic -o "$work/memset.so" "$work/memset.c"
+expect refuse "self-calling memset" "$work/memset.so"
+
 expect accept "the built image" "$build/morvane.so"
 
 headers=$(objdump -p "$build/morvane.efi")
