@@ -21,15 +21,16 @@ execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libsupc++.a OUTPU
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_eh.a OUTPUT_VARIABLE LIBGCC_EH OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-libgcc-file-name OUTPUT_VARIABLE LIBGCC OUTPUT_STRIP_TRAILING_WHITESPACE)
 
-# The red-black tree of std::map and std::set is compiled into libstdc++, not
-# into headers. Its object needs nothing else, so it is taken alone from the
-# static library; the image checks below still vet every instruction of it.
+# The node links of std::map, std::set (tree.o) and std::list (list.o) are
+# compiled into libstdc++, not into headers. These objects need nothing
+# else, so they are taken alone from the static library; the image checks
+# below still vet every instruction of them.
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++.a OUTPUT_VARIABLE LIBSTDCXX_STATIC OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(EFI_TREE_OBJECT ${CMAKE_BINARY_DIR}/efi-runtime/tree.o)
+set(EFI_TREE_OBJECT ${CMAKE_BINARY_DIR}/efi-runtime/tree.o ${CMAKE_BINARY_DIR}/efi-runtime/list.o)
 add_custom_command(OUTPUT ${EFI_TREE_OBJECT}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/efi-runtime
-  COMMAND ar x ${LIBSTDCXX_STATIC} tree.o --output ${CMAKE_BINARY_DIR}/efi-runtime
-  COMMENT "Taking the red-black tree from libstdc++")
+  COMMAND ar x ${LIBSTDCXX_STATIC} tree.o list.o --output ${CMAKE_BINARY_DIR}/efi-runtime
+  COMMENT "Taking the container node links from libstdc++")
 
 set(EFI_LINKER_SCRIPT ${CMAKE_SOURCE_DIR}/platform/efi/morvane.lds)
 set(EFI_SO ${CMAKE_BINARY_DIR}/morvane.so)

@@ -7,7 +7,10 @@ namespace EfiLoader {
 // last dot, then "xml". Empty when the image path has no dot.
 std::u16string DocumentPath(const std::u16string& image_path);
 
-// Opens the configuration document beside the image and carries it out.
-void RunDocumentWay();
+class ConfigurationFile;
+
+// Opens the configuration document beside the image, runs its jobs one by
+// one and then its main action. `document` outlives the run's actions.
+void RunDocumentWay(ConfigurationFile& document);
 
 }  // namespace EfiLoader

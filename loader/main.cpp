@@ -5,7 +5,9 @@
 #include "firmware/firmware_access.h"
 #include "launch/direct_way.h"
 #include "loader/common/error.h"
+#include "loader/configuration_file.h"
 #include "loader/document_way.h"
+#include "loader/menu.h"
 #include "platform/clib/clib.h"
 
 namespace EfiLoader {
@@ -36,6 +38,9 @@ void Report(const Common::Error& error) {
 
 int main(int argc, char** argv) {
     Uefi::InitializeFirmwareAccess(Clib::ImageHandle(), Clib::SystemTable());
+    ForgetConsoleReset();
+    // Lives as long as main runs: every action points into its tree.
+    ConfigurationFile document;
     try {
         if (AsksForHelp(argc, argv)) {
             PrintUsage(argv[0]);
@@ -45,7 +50,7 @@ int main(int argc, char** argv) {
         if (argc > 1) {
             Launch::RunDirectWay(argc, argv);
         } else {
-            RunDocumentWay();
+            RunDocumentWay(document);
         }
     } catch (const Common::Error& error) {
         Report(error);

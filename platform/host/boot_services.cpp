@@ -15,6 +15,7 @@ namespace {
 Simulator& Sim() { return Simulator::Current(); }
 
 // ---- memory ----
+// Every change of the allocations moves the map key: an earlier map is stale.
 
 EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
     if (buffer == nullptr) return EFI_INVALID_PARAMETER;
@@ -23,6 +24,7 @@ EFI_STATUS EFIAPI AllocatePool(EFI_MEMORY_TYPE, UINTN size, VOID** buffer) {
     if (block == nullptr) return EFI_OUT_OF_RESOURCES;
     Sim().pool_blocks_[block] = size;
     *buffer = block;
+    ++Sim().map_key_;
     return EFI_SUCCESS;
 }
 
@@ -80,6 +82,7 @@ EFI_STATUS EFIAPI AllocatePages(EFI_ALLOCATE_TYPE type, EFI_MEMORY_TYPE, UINTN p
     if (block == nullptr) return EFI_OUT_OF_RESOURCES;
     *memory = reinterpret_cast<std::uint64_t>(block);
     Sim().page_runs_[*memory] = pages;
+    ++Sim().map_key_;
     return EFI_SUCCESS;
 }
 
@@ -88,6 +91,7 @@ EFI_STATUS EFIAPI FreePages(EFI_PHYSICAL_ADDRESS memory, UINTN pages) {
     if (found == Sim().page_runs_.end() || found->second != pages) return EFI_NOT_FOUND;
     munmap(reinterpret_cast<void*>(memory), pages * kPage);
     Sim().page_runs_.erase(found);
+    ++Sim().map_key_;
     return EFI_SUCCESS;
 }
 
@@ -216,6 +220,31 @@ EFI_STATUS EFIAPI ProtocolsPerHandle(EFI_HANDLE handle, EFI_GUID*** buffer, UINT
     return EFI_SUCCESS;
 }
 
+// ---- memory map and the end of boot services ----
+
+EFI_STATUS EFIAPI GetMemoryMap(UINTN* size, EFI_MEMORY_DESCRIPTOR* map, UINTN* key, UINTN* descriptor_size, UINT32* version) {
+    if (size == nullptr) return EFI_INVALID_PARAMETER;
+    const std::vector<std::uint8_t>& bytes = Sim().memory_map_;
+    if (*size < bytes.size()) {
+        *size = bytes.size();
+        return EFI_BUFFER_TOO_SMALL;
+    }
+    if (map == nullptr || key == nullptr || descriptor_size == nullptr || version == nullptr) return EFI_INVALID_PARAMETER;
+    std::memcpy(map, bytes.data(), bytes.size());
+    *size = bytes.size();
+    *key = Sim().map_key_;
+    *descriptor_size = Sim().descriptor_size_;
+    *version = EFI_MEMORY_DESCRIPTOR_VERSION;
+    return EFI_SUCCESS;
+}
+
+EFI_STATUS EFIAPI ExitBootServices(EFI_HANDLE image, UINTN key) {
+    if (image != Sim().ImageHandle()) return EFI_INVALID_PARAMETER;
+    if (key != Sim().map_key_) return EFI_INVALID_PARAMETER;
+    Sim().boot_services_exited_ = true;
+    return EFI_SUCCESS;
+}
+
 // ---- clock, watchdog, image ----
 
 EFI_STATUS EFIAPI Stall(UINTN microseconds) {
@@ -269,6 +298,8 @@ void FillBootServices(EFI_BOOT_SERVICES& services) {
     services.CloseProtocol = CloseProtocol;
     services.OpenProtocolInformation = OpenProtocolInformation;
     services.ProtocolsPerHandle = ProtocolsPerHandle;
+    services.GetMemoryMap = GetMemoryMap;
+    services.ExitBootServices = ExitBootServices;
     services.Stall = Stall;
     services.SetWatchdogTimer = SetWatchdogTimer;
     services.Exit = Exit;

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "platform/clib/clib.h"
@@ -52,6 +53,13 @@ Simulator::Simulator() : previous_(current) {
     device_handle_ = handles_.Create();
     image_handle_ = handles_.Create();
     SetImagePath({u"\\EFI\\BOOT\\BOOTX64.EFI"});
+    // A small machine: low memory, the loader's own, and a large free stretch.
+    SetMemoryMap({{EfiConventionalMemory, 0, 0, 0, 0x9F, EFI_MEMORY_WB},
+                  {EfiReservedMemoryType, 0, 0xA0000, 0, 0x60, 0},
+                  {EfiLoaderCode, 0, 0x100000, 0, 0x100, EFI_MEMORY_WB},
+                  {EfiConventionalMemory, 0, 0x200000, 0, 0x3FE00, EFI_MEMORY_WB},
+                  {EfiACPIReclaimMemory, 0, 0x40000000, 0, 0x10, EFI_MEMORY_WB}},
+                 48);
     InstallLoadedImage();
 }
 
@@ -117,10 +125,15 @@ HostFolderVolume& Simulator::MountEsp(const std::string& folder) {
 EFI_STATUS Simulator::RunImage(ImageEntry entry) {
     ClibTesting::ForgetImage();
     ended_waiting_forever_ = false;
+    hand_over_ = KernelHandOver();
+    boot_services_exited_ = false;
     try {
         return entry(image_handle_, &system_table_);
     } catch (const ImageExit& exit) {
         return exit.status;
+    } catch (const KernelHandOver& hand_over) {
+        hand_over_ = hand_over;
+        return EFI_SUCCESS;
     } catch (const WaitsForever&) {
         ended_waiting_forever_ = true;
         return EFI_TIMEOUT;
@@ -131,6 +144,15 @@ std::string Simulator::ConsoleUtf8() const { return Clib::ToMultibyte(console_te
 
 void Simulator::PushKey(char16_t unicode, std::uint16_t scan_code, std::uint64_t at) {
     keys_.push_back(TimedKey{EFI_INPUT_KEY{scan_code, unicode}, at});
+}
+
+void Simulator::SetMemoryMap(const std::vector<EFI_MEMORY_DESCRIPTOR>& descriptors, std::size_t descriptor_size) {
+    descriptor_size_ = descriptor_size < sizeof(EFI_MEMORY_DESCRIPTOR) ? sizeof(EFI_MEMORY_DESCRIPTOR) : descriptor_size;
+    memory_map_.assign(descriptors.size() * descriptor_size_, 0xA5);
+    for (std::size_t i = 0; i < descriptors.size(); ++i) {
+        std::memcpy(memory_map_.data() + i * descriptor_size_, &descriptors[i], sizeof(EFI_MEMORY_DESCRIPTOR));
+    }
+    ++map_key_;
 }
 
 void Simulator::Advance(std::uint64_t microseconds) { now_microseconds_ += microseconds; }

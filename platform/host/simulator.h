@@ -15,6 +15,7 @@
 
 #include "platform/host/handle_database.h"
 #include "platform/host/host_folder_volume.h"
+#include "platform/host/variable_store.h"
 
 namespace HostFirmware {
 
@@ -26,6 +27,16 @@ struct ImageExit {
 // Thrown by WaitForEvent when nothing it waits for can ever happen: no key
 // is left to come and no timer is armed. RunImage ends the run there.
 struct WaitsForever {};
+
+// Thrown by the host's jump into the kernel: the machine as the kernel
+// would find it. The pages it points into stay mapped until the simulator
+// goes.
+struct KernelHandOver {
+    std::uint64_t kernel_address = 0;
+    std::uint8_t* params = nullptr;  // the 16 KiB parameter area
+    std::uint8_t* stub = nullptr;
+    std::vector<std::uint8_t> params_copy;
+};
 
 // A simulated event: a timer on the virtual clock, or the console's key event.
 struct SimulatedEvent {
@@ -83,6 +94,13 @@ public:
     void ClearConsole() { console_text_.clear(); }
     // Queues a key, available from `at` microseconds of the virtual clock.
     void PushKey(char16_t unicode, std::uint16_t scan_code = 0, std::uint64_t at = 0);
+    // The hand-over of the last run, if it reached the kernel.
+    const KernelHandOver* HandOver() const { return hand_over_.params != nullptr ? &hand_over_ : nullptr; }
+    bool BootServicesExited() const { return boot_services_exited_; }
+    // The firmware memory map that GetMemoryMap reports; descriptors are
+    // `descriptor_size` bytes apart (at least the structure's size).
+    void SetMemoryMap(const std::vector<EFI_MEMORY_DESCRIPTOR>& descriptors, std::size_t descriptor_size);
+
     // True when the last run ended waiting for something that could not come.
     bool EndedWaitingForever() const { return ended_waiting_forever_; }
     int ConsoleResets() const { return console_resets_; }
@@ -97,6 +115,9 @@ public:
     std::uint64_t WatchdogTimeout() const { return watchdog_timeout_; }
     int WatchdogCalls() const { return watchdog_calls_; }
 
+    // The variables behind GetVariable, SetVariable and GetNextVariableName.
+    VariableStore& Variables() { return variables_; }
+
     // From now on, every pool allocation fails.
     void FailPoolAllocations(bool fail) { fail_pool_ = fail; }
     std::size_t LivePoolBlocks() const { return pool_blocks_.size(); }
@@ -107,6 +128,11 @@ public:
     std::map<void*, std::unique_ptr<SimulatedEvent>> events_;
     EFI_EVENT key_event_ = nullptr;
     bool ended_waiting_forever_ = false;
+    KernelHandOver hand_over_;
+    bool boot_services_exited_ = false;
+    std::vector<std::uint8_t> memory_map_;
+    std::size_t descriptor_size_ = 48;
+    std::uint64_t map_key_ = 1;
     int console_resets_ = 0;
     std::uint64_t now_microseconds_ = 0;
     std::vector<std::uint64_t> stalls_;
@@ -133,6 +159,7 @@ private:
     EFI_HANDLE device_handle_ = nullptr;
     Simulator* previous_ = nullptr;
     std::unique_ptr<HostFolderVolume> esp_;
+    VariableStore variables_;
 };
 
 // Fills the tables with the simulator's functions (one file per family).

@@ -14,6 +14,7 @@
 #include "loader/common/error_codes.h"
 #include "platform/clib/clib.h"
 #include "platform/host/simulator.h"
+#include "tests/support/temp_folder.h"
 
 namespace {
 
@@ -263,30 +264,7 @@ TEST(FirmwareFile, OpenRefusals) {
 
 namespace {
 
-struct TempFolder {
-    std::string path;
-    TempFolder() {
-        char pattern[] = "/tmp/morvane-esp-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempFolder() { std::system(("rm -rf '" + path + "'").c_str()); }
-    void Write(const std::string& name, const std::string& contents) const {
-        std::string full = path + "/" + name;
-        std::system(("mkdir -p \"$(dirname '" + full + "')\"").c_str());
-        FILE* file = std::fopen(full.c_str(), "wb");
-        std::fwrite(contents.data(), 1, contents.size(), file);
-        std::fclose(file);
-    }
-    std::string Read(const std::string& name) const {
-        FILE* file = std::fopen((path + "/" + name).c_str(), "rb");
-        if (file == nullptr) return "<missing>";
-        std::string contents;
-        char buffer[4096];
-        while (std::size_t got = std::fread(buffer, 1, sizeof(buffer), file)) contents.append(buffer, got);
-        std::fclose(file);
-        return contents;
-    }
-};
+using TestSupport::TempFolder;
 
 std::string ReadWhole(ri_file& file) {
     std::string contents(static_cast<std::size_t>(file.size()), '\0');
@@ -300,7 +278,7 @@ TEST(FirmwareFile, OpensReadsAndWritesOnTheImageDevice) {
     TempFolder esp;
     esp.Write("EFI/BOOT/cfg.xml", "<Root/>");
     Firmware firmware;
-    HostFirmware::HostFolderVolume& volume = firmware.simulator.MountEsp(esp.path);
+    HostFirmware::HostFolderVolume& volume = firmware.simulator.MountEsp(esp.Path());
 
     std::unique_ptr<ri_file> document = Uefi::OpenFile(u"\\efi\\boot\\CFG.XML");
     EXPECT_EQ(ReadWhole(*document), "<Root/>");
@@ -342,7 +320,7 @@ TEST(FirmwareFile, DeletedFileAnswersNotFound) {
     TempFolder esp;
     esp.Write("gone.txt", "x");
     Firmware firmware;
-    firmware.simulator.MountEsp(esp.path);
+    firmware.simulator.MountEsp(esp.Path());
     std::unique_ptr<rio_file> file = Uefi::OpenFirmwareFile(u"\\gone.txt", Uefi::kOpenReadWrite);
     auto& efi_file = dynamic_cast<Uefi::EfiFile&>(*file);
     efi_file.remove();
