@@ -16,7 +16,7 @@ deps:
 	@tools/install_deps.sh
 
 demo: deps all
-	tests/e2e/demo.sh $(BUILD)
+	tests/e2e/demo_menu.sh $(BUILD)
 
 unit: all
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -28,11 +28,36 @@ asan:
 
 e2e: all
 	tests/e2e/run_scenarios.sh $(BUILD)
+	tests/e2e/document_scenarios.sh $(BUILD)
 
 check: deps
 	$(MAKE) unit
 	$(MAKE) asan
 	$(MAKE) e2e
+	$(MAKE) fuzz-check
 
 clean:
 	rm -rf $(BUILD)
+
+.PHONY: fuzz fuzz-check
+
+# libFuzzer targets (clang, ASan + UBSan) in a build of their own. Each runs
+# for FUZZ_SECONDS (60 unless given); new inputs go to build/fuzz/corpus, a
+# crash to build/fuzz/artifacts and fails the run.
+fuzz:
+	@test -f $(BUILD)/fuzz/CMakeCache.txt || CC=clang-14 CXX=clang++-14 cmake -S fuzz -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD)/fuzz -j $(JOBS)
+	@set -e; for source in fuzz/*_fuzzer.cpp; do \
+	  target=$$(basename $$source .cpp); \
+	  mkdir -p $(BUILD)/fuzz/corpus/$$target $(BUILD)/fuzz/artifacts; \
+	  dictionary=; [ ! -f fuzz/$$target.dict ] || dictionary=-dict=fuzz/$$target.dict; \
+	  echo "fuzz: $$target for $(or $(FUZZ_SECONDS),60) s"; \
+	  $(BUILD)/fuzz/$$target -max_total_time=$(or $(FUZZ_SECONDS),60) -max_len=16384 -timeout=10 \
+	    -print_final_stats=1 $$dictionary -artifact_prefix=$(BUILD)/fuzz/artifacts/$$target- \
+	    $(BUILD)/fuzz/corpus/$$target fuzz/corpus/$$target >$(BUILD)/fuzz/$$target.log 2>&1 \
+	    || { tail -40 $(BUILD)/fuzz/$$target.log; echo "fuzz: $$target failed, see $(BUILD)/fuzz/artifacts"; exit 1; }; \
+	  grep -E 'stat::(number_of_executed_units|new_units_added|peak_rss_mb)' $(BUILD)/fuzz/$$target.log; \
+	done
+
+fuzz-check:
+	$(MAKE) fuzz FUZZ_SECONDS=30

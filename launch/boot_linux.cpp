@@ -6,7 +6,7 @@
 #include "launch/boot_params.h"
 #include "launch/entry_stub.h"
 #include "launch/exit_to_kernel.h"
-// PENDING-VIDEO #include "launch/fill_video.h"
+#include "launch/fill_video.h"
 #include "launch/kernel_header.h"
 #include "launch/page_buffer.h"
 #include "loader/common/error_codes.h"
@@ -116,7 +116,7 @@ void BootLinux(ri_file& kernel, ri_file* ramdisk, const std::string& command_lin
         ReadExact(*ramdisk, ramdisk_area.data(), ramdisk_size);
     }
     FillHeader(params, kernel_address, ramdisk_area, ramdisk_size);
-    // PENDING-VIDEO EfiLoader::FillVideo(area);
+    EfiLoader::FillVideo(area);
     FillFirmwareFields(params);
     PlaceCommandLine(area, command_line);
 

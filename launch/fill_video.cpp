@@ -71,7 +71,9 @@ void FindLineLength(EfiVideo& video, VideoRecord& record) {
     video.FillRectangle(0, 0, 1, height, kRed, kGreen, kBlue, 0);
     std::uint64_t mask = FieldMask(Red(record)) | FieldMask(Green(record)) | FieldMask(Blue(record));
     if (width > kWidestLine) BadFramebuffer(ERROR_TAG);
-    if (record.lfb_depth < 8) BadFramebuffer(ERROR_TAG);  // checked before; kept for a record nobody checked
+    // CheckVideo has made sure of whole bytes; a record that skipped it must
+    // not step by pixels of no bytes.
+    if (record.lfb_depth < 8) BadFramebuffer(ERROR_TAG);
 
     std::uint64_t base = record.lfb_base;
     std::uint64_t reference = PhysicalU64(base) & mask;
@@ -83,10 +85,10 @@ void FindLineLength(EfiVideo& video, VideoRecord& record) {
     for (std::uint32_t trial = width; trial <= kWidestLine; ++trial) {
         std::uint64_t stride = std::uint64_t(trial) * pixel_bytes;
         std::uint64_t last_line = base + (height - 1) * stride;
-        // Wider strides only reach further: stop where the last line would
-        // start outside the framebuffer the firmware told of, or above 4 GiB.
+        // Wider strides only reach further, and a line starting above 4 GiB
+        // can't be in a framebuffer the record describes. (lfb_size is no
+        // bound here: after a mode switch it still tells the old mode's.)
         if (last_line + pixel_bytes > kFourGiB) break;
-        if (record.lfb_size != 0 && last_line + pixel_bytes > base + record.lfb_size) break;
         bool every_line = true;
         for (std::uint32_t line = 1; line < height && every_line; ++line) {
             every_line = (PhysicalU64(base + line * stride) & mask) == reference;

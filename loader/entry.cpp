@@ -3,6 +3,7 @@
 #include <efi.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,11 +48,13 @@ int RunMain(EFI_HANDLE image, EFI_SYSTEM_TABLE* system_table) {
         arguments = EfiLoader::SplitLoadOptions(loaded->LoadOptions, loaded->LoadOptionsSize);
     }
     if (arguments.empty()) return EfiLoader::main(0, nullptr);
-    char** argv = BuildArgumentBlock(arguments);
-    if (argv == nullptr) return Clib::LastError();
-    int result = EfiLoader::main(static_cast<int>(arguments.size()), argv);
-    Clib::Release(argv);
-    return result;
+    // Owned by a scope, so that whatever leaves main gives the block back.
+    struct Release {
+        void operator()(char** block) const { Clib::Release(block); }
+    };
+    std::unique_ptr<char*, Release> argv(BuildArgumentBlock(arguments));
+    if (!argv) return Clib::LastError();
+    return EfiLoader::main(static_cast<int>(arguments.size()), argv.get());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "firmware/boot_next.h"
 #include "firmware/firmware_access.h"
 #include "launch/direct_way.h"
 #include "loader/common/error.h"
@@ -23,6 +24,15 @@ bool AsksForHelp(int argc, char** argv) {
 void PrintUsage(const char* program) {
     Clib::Printf("Usage: %s <kernel> [ramdismk] [cmdline arg]....\n", program);
     Clib::Printf("If no arguments are specified, xml config is loaded\n");
+}
+
+// An installer may leave a one-shot entry tagged for the loader; left
+// behind, the machine would boot it forever. Failing to remove it must not
+// stop the loader, so the outcome is dropped.
+void ClearTaggedBootEntry() {
+    boost::shared_ptr<Uefi::BootNext> boot_next;
+    static_cast<void>(Uefi::CreateBootNext(boot_next, 0));
+    if (boot_next) static_cast<void>(boot_next->Clear());
 }
 
 void Report(const Common::Error& error) {
@@ -47,6 +57,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         Clib::WPrintf(u"%s\n", kStartupLine);
+        ClearTaggedBootEntry();
         if (argc > 1) {
             Launch::RunDirectWay(argc, argv);
         } else {

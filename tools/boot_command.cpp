@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "launch/boot_params.h"
+#include "platform/host/graphics_stand_ins.h"
 #include "platform/clib/clib.h"
 #include "platform/host/simulator.h"
 #include "tools/command.h"
@@ -19,7 +21,8 @@ namespace MorvaneTool {
 namespace {
 
 const char kUsage[] =
-    "Usage: morvane boot --esp DIR [--keys KEYS] [--image PATH] [-- LOAD OPTIONS...]\n"
+    "Usage: morvane boot --esp DIR [--keys KEYS] [--image PATH] [--vars FILE]\n"
+    "                    [--no-display] [-- LOAD OPTIONS...]\n"
     "\n"
     "Runs the loader on a simulated machine whose EFI system partition is the\n"
     "folder DIR, prints the console as the firmware shows it, then how the run\n"
@@ -28,6 +31,11 @@ const char kUsage[] =
     "  --esp DIR      the folder that stands for the EFI system partition\n"
     "  --image PATH   the loader's path on it (default \\EFI\\BOOT\\BOOTX64.EFI);\n"
     "                 the configuration document is looked for beside it\n"
+    "  --vars FILE    an OVMF variable file (a copy of a machine's NVRAM): the\n"
+    "                 loader sees its boot entries, and what it changes is\n"
+    "                 written back to FILE\n"
+    "  --no-display   a machine without graphics output (the simulated one\n"
+    "                 otherwise has a 1024x768 display)\n"
     "  --keys KEYS    keys typed, in order: characters stand for themselves,\n"
     "                 {Esc} {Up} {Down} {Left} {Right} {Home} {End} {Insert}\n"
     "                 {Delete} {PgUp} {PgDown} {F1}..{F12} for named keys,\n"
@@ -111,8 +119,59 @@ void PrintConsole(const std::string& console) {
     std::fwrite(shown.data(), 1, shown.size(), stdout);
 }
 
+const char* E820Name(std::uint32_t type) {
+    switch (type) {
+        case 1: return "usable";
+        case 2: return "reserved";
+        case 3: return "ACPI data";
+        case 4: return "ACPI NVS";
+        case 5: return "unusable";
+        default: return "?";
+    }
+}
+
+void PrintE820(Launch::ByteArea params) {
+    auto print = [](std::uint8_t* entry) {
+        Launch::ByteArea e(entry);
+        std::printf("  [mem %#018llx-%#018llx] %s\n", static_cast<unsigned long long>(e.U64(0)),
+                    static_cast<unsigned long long>(e.U64(0) + e.U64(8) - 1), E820Name(e.U32(16)));
+    };
+    for (unsigned i = 0; i < params.U8(0x1E8); ++i) print(params.At(0x2D0 + 20 * i));
+    if (std::uint64_t node = params.U64(0x250)) {
+        Launch::ByteArea header(reinterpret_cast<std::uint8_t*>(node));
+        for (std::uint32_t at = 0; at + 20 <= header.U32(12); at += 20) print(reinterpret_cast<std::uint8_t*>(node) + 16 + at);
+    }
+}
+
+// What a kernel developer looks at in the parameter block.
+void PrintHandOver(const HostFirmware::KernelHandOver& hand_over) {
+    Launch::ByteArea params(hand_over.params);
+    std::printf("----\nkernel hand-over:\n");
+    std::printf("  boot protocol     %u.%02u\n", params.U8(0x207), params.U8(0x206));
+    std::printf("  code32_start      %#010x (kernel placed here)\n", params.U32(0x214));
+    std::printf("  kernel_alignment  %#x\n", params.U32(0x230));
+    std::printf("  type_of_loader    %#04x\n", params.U8(0x210));
+    std::printf("  loadflags         %#04x\n", params.U8(0x211));
+    std::printf("  ramdisk           %#010x, %u bytes\n", params.U32(0x218), params.U32(0x21C));
+    std::printf("  cmd_line_ptr      %#010x\n", params.U32(0x228));
+    std::printf("  command line      \"%s\"\n", reinterpret_cast<const char*>(hand_over.params + 0x1000));
+    std::printf("  video             %ux%u, %u bpp, base %#010x, %u bytes, %u bytes per line\n", params.U16(0x12),
+                params.U16(0x14), params.U16(0x16), params.U32(0x18), params.U32(0x1C), params.U16(0x24));
+    std::printf("  colours           red %u@%u green %u@%u blue %u@%u reserved %u@%u\n", params.U8(0x26), params.U8(0x27),
+                params.U8(0x28), params.U8(0x29), params.U8(0x2A), params.U8(0x2B), params.U8(0x2C), params.U8(0x2D));
+    std::printf("  efi system table  %#010x%08x, memory map %#010x (%u bytes, descriptors of %u)\n", params.U32(0x1D8),
+                params.U32(0x1C4), params.U32(0x1D0), params.U32(0x1D4), params.U32(0x1C8));
+    std::printf("  e820 (%u entries in the block%s):\n", params.U8(0x1E8), params.U64(0x250) != 0 ? ", more in setup_data" : "");
+    PrintE820(params);
+}
+
 void PrintEnding(const HostFirmware::Simulator& firmware, EFI_STATUS status) {
     double seconds = static_cast<double>(firmware.Now()) / 1e6;
+    if (const HostFirmware::KernelHandOver* hand_over = firmware.HandOver()) {
+        PrintHandOver(*hand_over);
+        std::printf("ended: the kernel took over (simulated time %.1f s)\n", seconds);
+        return;
+    }
     std::printf("----\n");
     if (firmware.EndedWaitingForever()) {
         std::printf("ended: waiting for a key that never comes (simulated time %.1f s)\n", seconds);
@@ -129,6 +188,8 @@ int RunBootCommand(int argc, char** argv) {
     std::string esp;
     std::string keys;
     std::string image = "\\EFI\\BOOT\\BOOTX64.EFI";
+    std::string vars;
+    bool display = true;
     std::vector<std::string> options;
     bool have_options = false;
     for (int i = 1; i < argc; ++i) {
@@ -147,6 +208,10 @@ int RunBootCommand(int argc, char** argv) {
             keys = argv[++i];
         } else if (argument == "--image" && has_value) {
             image = argv[++i];
+        } else if (argument == "--vars" && has_value) {
+            vars = argv[++i];
+        } else if (argument == "--no-display") {
+            display = false;
         } else {
             std::fprintf(stderr, "morvane boot: unexpected argument '%s'\n%s", argument.c_str(), kUsage);
             return kExitUsageOrIo;
@@ -161,14 +226,23 @@ int RunBootCommand(int argc, char** argv) {
     firmware.MountEsp(esp);
     firmware.SetImagePath({ImagePath(image)});
     if (have_options) firmware.SetLoadOptions(LoadOptions(options));
+    if (display) firmware.Graphics().InstallGop({{1024, 768, 1024, PixelBlueGreenRedReserved8BitPerColor}}, 0);
     std::string problem;
     if (!QueueKeys(firmware, keys, problem)) {
         std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
         return kExitUsageOrIo;
     }
+    if (!vars.empty() && !firmware.Variables().LoadFile(vars, problem)) {
+        std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
+        return kExitUsageOrIo;
+    }
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);
     PrintConsole(firmware.ConsoleUtf8());
     PrintEnding(firmware, status);
+    if (!vars.empty() && !firmware.Variables().SaveFile(vars, problem)) {
+        std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
+        return kExitUsageOrIo;
+    }
     return kExitOk;
 }
 

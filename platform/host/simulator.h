@@ -19,6 +19,8 @@
 
 namespace HostFirmware {
 
+class GraphicsStandIns;  // platform/host/graphics_stand_ins.h
+
 // Thrown by the simulated Exit and caught by RunImage: the image's end.
 struct ImageExit {
     EFI_STATUS status;
@@ -160,6 +162,17 @@ private:
     Simulator* previous_ = nullptr;
     std::unique_ptr<HostFolderVolume> esp_;
     VariableStore variables_;
+
+    // ---- graphics stand-ins (defined in graphics_stand_ins.cpp) ----
+public:
+    // GOP, UGA Draw, EDID Active and PCI root bridges over one simulated
+    // framebuffer; made on first use, each protocol installed on request.
+    GraphicsStandIns& Graphics();
+
+private:
+    // A deleter of its own, so this header needs no complete type.
+    std::unique_ptr<GraphicsStandIns, void (*)(GraphicsStandIns*)> graphics_{nullptr, nullptr};
+    // ---- end of graphics stand-ins ----
 };
 
 // Fills the tables with the simulator's functions (one file per family).

@@ -1,6 +1,6 @@
 #pragma once
 // The simulator's firmware variables: GetVariable, SetVariable and
-// GetNextVariableName with the UEFI specification's rules, over a store in
+// GetNextVariableName with the UEFI standard's rules, over a store in
 // memory that can be filled from, and written back to, an OVMF variable
 // file (firmware volume, variable store header, authenticated or plain
 // variable headers). Tests reach the store directly, may make it refuse

@@ -1,6 +1,6 @@
 # Shared pieces of the end-to-end runs: a FAT ESP made by mkfs.fat and mtools,
 # one QEMU + OVMF boot of it, and the firmware console cleaned for comparison.
-# Sourced by run_scenarios.sh and demo.sh.
+# Sourced by run_scenarios.sh, demo.sh, document_scenarios.sh and demo_menu.sh.
 
 OVMF_CODE=/usr/share/OVMF/OVMF_CODE_4M.fd
 OVMF_VARS=/usr/share/OVMF/OVMF_VARS_4M.fd
@@ -56,4 +56,113 @@ boot_esp() {
 # (ESC[2J, ESC[01;01H, ESC[=3h, colours, ...) and the CRs of its CRLF lines.
 clean_console() {
     sed -e 's/\x1b\[[0-9;?=]*[@-~]//g' -e 's/\x1b[^[]//g' -e 's/\r//g'
+}
+
+# ---------------------------------------------------------------------------
+# Boots of the loader as the firmware's own removable-media boot file, with
+# the marker on a second disk as the boot option behind it. Used by
+# document_scenarios.sh and demo_menu.sh.
+
+# The marker's line, and QEMU's status when the marker ends it: its
+# isa-debug-exit value 0x21 gives (0x21 << 1) | 1.
+MARKER_LINE='marker: next boot option reached'
+MARKER_EXIT_STATUS=67
+
+# e2e_document_images BUILD_DIR: sets LOADER_IMAGE and MARKER_IMAGE, or fails.
+e2e_document_images() {
+    LOADER_IMAGE=$1/morvane.efi
+    MARKER_IMAGE=$1/tests/e2e/marker/marker.efi
+    local image
+    for image in "$LOADER_IMAGE" "$MARKER_IMAGE"; do
+        if [ ! -f "$image" ]; then
+            echo "missing $image: build first (make)" >&2
+            return 1
+        fi
+    done
+}
+
+# make_loader_esp IMAGE [DOCUMENT]: a whole-disk FAT volume with the loader
+# as \EFI\BOOT\BOOTX64.EFI and, if given, DOCUMENT (any file, text or BXML)
+# beside it as \EFI\BOOT\BOOTX64.xml, where the loader looks for it.
+make_loader_esp() {
+    local image=$1
+    rm -f "$image"
+    mkfs.fat -C "$image" 16384 >/dev/null || return 1
+    mmd -i "$image" ::/EFI ::/EFI/BOOT || return 1
+    mcopy -i "$image" "$LOADER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI || return 1
+    if [ $# -ge 2 ]; then
+        mcopy -i "$image" "$2" ::/EFI/BOOT/BOOTX64.xml || return 1
+    fi
+}
+
+# make_marker_disk IMAGE: a whole-disk FAT volume with the marker as its
+# removable-media boot file.
+make_marker_disk() {
+    local image=$1
+    rm -f "$image"
+    mkfs.fat -C "$image" 2048 >/dev/null || return 1
+    mmd -i "$image" ::/EFI ::/EFI/BOOT || return 1
+    mcopy -i "$image" "$MARKER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI || return 1
+}
+
+# type_keys RAW FIFO [LINE KEYS]...: for each pair in turn, waits until the
+# cleaned console in RAW holds LINE as a whole line, gives the loader a
+# moment to reach its wait for a key (a key that arrives before the console
+# is reset there is lost), then writes KEYS (printf %b escapes, so '\033[B'
+# is the Down key of the serial terminal) to FIFO, QEMU's standard input.
+# Runs until its last pair is done; the caller ends it when QEMU ends.
+type_keys() {
+    local raw=$1 fifo=$2
+    shift 2
+    while [ $# -ge 2 ]; do
+        until clean_console <"$raw" | grep -q -x -F -e "$1"; do
+            sleep 0.2
+        done
+        sleep 1
+        printf '%b' "$2" >"$fifo"
+        shift 2
+    done
+}
+
+# boot_loader_disks WORKDIR ESP NEXT_DISK [LINE KEYS]...: boots ESP as the
+# first disk and NEXT_DISK as the second, with a fresh copy of the NVRAM, and
+# writes the raw serial console to WORKDIR/console.raw. With LINE KEYS pairs,
+# the keys are typed on the serial console as type_keys says; without, QEMU's
+# standard input is empty. OVMF's boot order is then: the q35 DVD drive
+# (empty, fails at once), the first disk, the second disk. Returns QEMU's
+# exit status: MARKER_EXIT_STATUS when the marker ended it, 124 at the time
+# limit.
+boot_loader_disks() {
+    local workdir=$1 esp=$2 next=$3
+    shift 3
+    local input=/dev/null driver='' keys_fd='' status
+    cp "$OVMF_VARS" "$workdir/vars.fd" || return 1
+    : >"$workdir/console.raw"
+    if [ $# -gt 0 ]; then
+        input=$workdir/keys.fifo
+        rm -f "$input"
+        mkfifo "$input" || return 1
+        # Held open for reading and writing, so neither QEMU's open of its
+        # input nor the writes of type_keys wait for the other side, and QEMU
+        # never sees the end of its input while it runs.
+        exec {keys_fd}<>"$input"
+        type_keys "$workdir/console.raw" "$input" "$@" &
+        driver=$!
+    fi
+    timeout -k 5 "$BOOT_TIME_LIMIT" qemu-system-x86_64 \
+        -machine q35,accel=tcg -m 256 -display none -serial stdio -nic none -no-reboot \
+        -drive if=pflash,format=raw,readonly=on,file="$OVMF_CODE" \
+        -drive if=pflash,format=raw,file="$workdir/vars.fd" \
+        -drive format=raw,file="$esp" \
+        -drive format=raw,file="$next" \
+        -device isa-debug-exit,iobase=0xf4,iosize=0x04 \
+        <"$input" >"$workdir/console.raw" 2>"$workdir/qemu.err"
+    status=$?
+    if [ -n "$driver" ]; then
+        kill "$driver" 2>/dev/null
+        wait "$driver" 2>/dev/null
+        exec {keys_fd}>&-
+        rm -f "$input"
+    fi
+    return "$status"
 }

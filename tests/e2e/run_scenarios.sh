@@ -147,6 +147,8 @@ scenario help_uppercase  check_open_error 'morvane.efi /HELP'
 scenario missing_kernel  check_open_error 'morvane.efi nokernel'
 scenario no_options      check_open_error
 wait
+# The tagged one-shot boot entry in real NVRAM; it records its own result.
+"$HERE/nvram_scenario.sh" "$BUILD_DIR"
 
 passed=0 failed=0
 for result in "$WORK"/*/result; do

@@ -8,6 +8,7 @@
 
 #include "launch/boot_params.h"
 #include "launch/entry_stub.h"
+#include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tests/support/synthetic_kernel.h"
 #include "tests/support/temp_folder.h"
@@ -23,7 +24,10 @@ struct Boot {
     TestSupport::TempFolder esp;
     HostFirmware::Simulator firmware;
     std::string console;
-    Boot() { firmware.MountEsp(esp.Path()); }
+    Boot() {
+        firmware.MountEsp(esp.Path());
+        firmware.Graphics().InstallGop({{1024, 768, 1024, PixelBlueGreenRedReserved8BitPerColor}}, 0);
+    }
     const HostFirmware::KernelHandOver* Run(const std::u16string& options) {
         firmware.SetLoadOptions(options);
         firmware.RunImage(_ModuleEntryPoint);
@@ -90,6 +94,16 @@ TEST(BootLinux, DirectWayPlacesKernelRamdiskAndCommandLine) {
         }
         ASSERT_EQ(hand_over->params[i], 0) << std::hex << i;
     }
+
+    // The framebuffer the display gives: 1024 x 768 at 32 bits, blue first.
+    EXPECT_EQ(params.U16(0x12), 1024);
+    EXPECT_EQ(params.U16(0x14), 768);
+    EXPECT_EQ(params.U16(0x16), 32);
+    EXPECT_EQ(params.U32(0x18), boot.firmware.Graphics().Framebuffer().Base());
+    EXPECT_EQ(params.U16(0x24), 4096);
+    EXPECT_EQ(params.U8(0x27), 16);  // red position
+    EXPECT_EQ(params.U8(0x2B), 0);   // blue position
+    EXPECT_EQ(params.U8(0x0F), 0x70);
 
     // The stub, copied behind the area's cleared stretch.
     EXPECT_EQ(hand_over->stub, hand_over->params + 0x3000);
@@ -170,6 +184,20 @@ TEST(BootLinux, HeaderChecks) {
             EXPECT_TRUE(boot.firmware.page_runs_.empty()) << c.name;
         }
     }
+}
+
+TEST(BootLinux, NoDisplayMeansNoBoot) {
+    TestSupport::TempFolder esp;
+    HostFirmware::Simulator firmware;
+    firmware.MountEsp(esp.Path());
+    esp.Write("k", SyntheticKernel().Bytes());
+    firmware.SetLoadOptions(u"m \\k");
+    firmware.RunImage(_ModuleEntryPoint);
+    EXPECT_EQ(firmware.HandOver(), nullptr);
+    EXPECT_EQ(ReportOf(firmware.ConsoleUtf8()),
+              "Runtime exception 'NO fue posible detectar el modo de salida gr\xC3\xA1" "fica.', code 21495812");
+    EXPECT_FALSE(firmware.BootServicesExited());
+    EXPECT_TRUE(firmware.page_runs_.empty());
 }
 
 TEST(BootLinux, FileSizeLimits) {

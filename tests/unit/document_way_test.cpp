@@ -211,6 +211,30 @@ TEST(DocumentWay, FailedJobStopsEverythingBehindIt) {
     EXPECT_EQ(no_target.esp.Read("src"), "data");
 }
 
+TEST(DocumentWay, HostileDocumentsAreRefusedWithoutHangOrCrash) {
+    // A folder where the document should be: not a file, so it does not open.
+    Machine folder;
+    std::system(("mkdir -p '" + folder.esp.Path() + "/EFI/BOOT/BOOTX64.xml'").c_str());
+    EXPECT_TRUE(EndsWithReport(folder.Boot(), kOpenFailure));
+
+    // 50 MiB: blanks in front of a root that never closes, and zeros.
+    for (char filler : {' ', '\0'}) {
+        Machine large;
+        std::string document(50u << 20, filler);
+        document += "<R><Chainload/>";
+        large.Document(document);
+        EXPECT_TRUE(EndsWithReport(large.Boot(), kBadConfiguration));
+    }
+
+    // A Delay that is not a number reads as 0: the default runs at once.
+    Machine not_a_number;
+    not_a_number.Document(R"(<R><Menu><Topic Delay="soon"/><Entry Key="a" Text="A"><Menu><Topic Text="no"/></Menu></Entry>
+                           <Entry Key="b" Default=""><Chainload/></Entry></Menu></R>)");
+    not_a_number.firmware.PushKey(u'a', 0, 1);
+    EXPECT_EQ(not_a_number.Boot(), kStartup + "A\r\n");
+    EXPECT_EQ(not_a_number.firmware.Now(), 0u);
+}
+
 TEST(DocumentWay, DocumentPathTakesTheLastDotOfTheWholePath) {
     Machine machine;
     machine.firmware.SetImagePath({u"\\EFI.D\\LOADER"});

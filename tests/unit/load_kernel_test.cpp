@@ -7,6 +7,7 @@
 
 #include "launch/boot_params.h"
 #include "loader/load_kernel.h"
+#include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tests/support/synthetic_kernel.h"
 #include "tests/support/temp_folder.h"
@@ -20,6 +21,7 @@ struct Machine {
     HostFirmware::Simulator firmware;
     Machine() {
         firmware.MountEsp(esp.Path());
+        firmware.Graphics().InstallGop({{800, 600, 832, PixelRedGreenBlueReserved8BitPerColor}}, 0);
         esp.Write("boot/vmlinuz", TestSupport::SyntheticKernel().Bytes());
         esp.Write("boot/initrd", std::string(5000, 'r'));
     }

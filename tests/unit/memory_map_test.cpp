@@ -6,6 +6,7 @@
 
 #include "launch/boot_params.h"
 #include "launch/exit_to_kernel.h"
+#include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tests/support/synthetic_kernel.h"
 #include "tests/support/temp_folder.h"
@@ -88,6 +89,7 @@ struct KernelBoot {
     HostFirmware::Simulator firmware;
     KernelBoot() {
         firmware.MountEsp(esp.Path());
+        firmware.Graphics().InstallGop({{800, 600, 800, PixelBlueGreenRedReserved8BitPerColor}}, 0);
         esp.Write("k", TestSupport::SyntheticKernel().Bytes());
         firmware.SetLoadOptions(u"m \\k");
     }

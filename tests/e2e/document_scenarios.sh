@@ -1,0 +1,488 @@
+#!/bin/bash
+# End-to-end scenarios of the document way: the real morvane.efi is the
+# firmware's own removable-media boot file \EFI\BOOT\BOOTX64.EFI, started by
+# OVMF with no load options, and reads \EFI\BOOT\BOOTX64.xml beside it.
+# The marker app on a second disk is the boot option behind it: its line
+# shows that the loader handed control back to the firmware, which went on.
+# Keys are typed on the serial console once the menu's lines have appeared.
+# Files that the loader renames are checked afterwards with mtools.
+#
+#   tests/e2e/document_scenarios.sh BUILD_DIR
+#
+# Needs BUILD_DIR/morvane.efi, BUILD_DIR/tests/e2e/marker/marker.efi and the
+# host tool BUILD_DIR/morvane (for the binary form of the documents).
+# Consoles and documents of failed scenarios are kept in BUILD_DIR/e2e-logs/.
+set -u
+
+if [ $# -ne 1 ]; then
+    echo "usage: $0 BUILD_DIR" >&2
+    exit 2
+fi
+HERE=$(cd "$(dirname "$0")" && pwd)
+SOURCE_DIR=$(cd "$HERE/../.." && pwd)
+BUILD_DIR=$(cd "$1" && pwd) || exit 2
+. "$HERE/lib.sh"
+e2e_document_images "$BUILD_DIR" || exit 2
+TOOL=$BUILD_DIR/morvane
+SAMPLE_DOCUMENT=$SOURCE_DIR/examples/morvane.xml
+
+WORK=$BUILD_DIR/e2e-document-work
+LOGS=$BUILD_DIR/e2e-logs
+rm -rf "$WORK"
+mkdir -p "$WORK" "$LOGS"
+rm -f "$LOGS"/document-*.log
+
+# The loader's exact console texts; a line of an expected console that
+# begins with '~' is an extended regular expression for the whole line.
+STARTUP_LINE='Iniciando el cargador Morvane UEFI...'
+OPEN_ERROR_REPORT="~^Runtime exception 'Error durante la apertura del archivo\\.', code 262151, tag 0x[0-9a-f]{16}\$"
+BAD_CONFIGURATION_REPORT="~^Runtime exception '', code 21495817, tag 0x[0-9a-f]{16}\$"
+
+# ---------------------------------------------------------------------------
+# Checks. Each writes its complaints through fail, which run_scenario
+# defines per scenario.
+
+# line_of TEXT FILE: number of the first line equal to TEXT, or 0.
+line_of() {
+    local n
+    n=$(grep -n -x -F -e "$1" "$2" | head -n 1 | cut -d: -f1)
+    echo "${n:-0}"
+}
+
+# loader_block CONSOLE: what the loader printed, from its start-up line up to
+# the firmware's next line of its own ("BdsDxe: ..."), which it prints when
+# it goes on to the next boot option.
+loader_block() {
+    awk -v start="$STARTUP_LINE" '
+        !inside && $0 == start { inside = 1 }
+        inside && /^BdsDxe: / { exit }
+        inside { print }' "$1"
+}
+
+# check_loader_lines CONSOLE EXPECTED...: the loader printed exactly the
+# EXPECTED lines, in this order, and nothing between or behind them.
+check_loader_lines() {
+    local console=$1 block expected got i=0 line pattern
+    shift
+    if [ "$(grep -c -x -F -e "$STARTUP_LINE" "$console")" -ne 1 ]; then
+        fail "the start-up line is not there exactly once (loader started $(grep -c -x -F -e "$STARTUP_LINE" "$console") times)"
+        return
+    fi
+    block=${console%.txt}.loader
+    loader_block "$console" >"$block"
+    mapfile -t got <"$block"
+    for pattern in "$@"; do
+        line=${got[i]-<nothing>}
+        i=$((i + 1))
+        case $pattern in
+            '~'*) expected=${pattern#\~}
+                  if ! printf '%s\n' "$line" | grep -q -E -e "$expected"; then
+                      fail "loader line $i: expected /$expected/, got '$line'"
+                      return
+                  fi ;;
+            *)    if [ "$line" != "$pattern" ]; then
+                      fail "loader line $i: expected '$pattern', got '$line'"
+                      return
+                  fi ;;
+        esac
+    done
+    if [ "${#got[@]}" -gt "$#" ]; then
+        fail "loader line $(($# + 1)): nothing more expected, got '${got[$#]}'"
+    fi
+}
+
+# check_next_option STATUS CONSOLE: the loader returned to the firmware,
+# which started the marker from the second disk, and the marker ended QEMU.
+check_next_option() {
+    local status=$1 console=$2 startup marker
+    case $status in
+        "$MARKER_EXIT_STATUS") ;;
+        124) fail "no end within ${BOOT_TIME_LIMIT} s" ;;
+        *) fail "QEMU exited with status $status, not the marker's $MARKER_EXIT_STATUS" ;;
+    esac
+    startup=$(line_of "$STARTUP_LINE" "$console")
+    marker=$(line_of "$MARKER_LINE" "$console")
+    if [ "$marker" -eq 0 ]; then
+        fail "the next boot option did not start: no '$MARKER_LINE'"
+    elif [ "$marker" -le "$startup" ]; then
+        fail "the marker ran before the loader"
+    fi
+}
+
+# check_run STATUS CONSOLE EXPECTED...: both of the above.
+check_run() {
+    local status=$1 console=$2
+    shift 2
+    check_loader_lines "$console" "$@"
+    check_next_option "$status" "$console"
+}
+
+# boot DIR NAME ESP [LINE KEYS]...: one boot of ESP with a fresh marker disk;
+# the console goes to DIR/NAME.txt, QEMU's status to BOOT_STATUS.
+boot() {
+    local dir=$1 name=$2 esp=$3
+    shift 3
+    if ! make_marker_disk "$dir/next.img"; then
+        fail "cannot make the marker disk"
+        BOOT_STATUS=255
+        return
+    fi
+    boot_loader_disks "$dir" "$esp" "$dir/next.img" "$@"
+    BOOT_STATUS=$?
+    clean_console <"$dir/console.raw" >"$dir/$name.txt"
+    cp "$dir/qemu.err" "$dir/$name.qemu.err"
+}
+
+# to_bxml IN OUT: the binary form of a document, made by the host tool; it
+# must really be the binary form, or comparing both forms proves nothing.
+to_bxml() {
+    if ! "$TOOL" conf convert --to bxml "$1" "$2" >"$2.out" 2>&1; then
+        fail "the host tool cannot convert $1: $(head -n 3 "$2.out")"
+        return 1
+    fi
+    if [ "$(head -c 4 "$2")" != BXML ]; then
+        fail "the converted document does not begin with BXML"
+        return 1
+    fi
+}
+
+# A menu that must never be reached: it shows itself and leaves the loader
+# after one second, so a wrong choice ends the run with its topic printed.
+wrong_turn() {
+    printf '<Menu><Topic Text="Wrong turn: %s" Delay="1"/>' "$1"
+    printf '<Entry Key="q" Default=""><Chainload/></Entry></Menu>'
+}
+
+# ---------------------------------------------------------------------------
+# Scenarios. Each gets its own directory and writes its documents there.
+
+# No document beside the image: the report of the failed open, then back to
+# the firmware.
+scenario_missing_document() {
+    local dir=$1
+    make_loader_esp "$dir/esp.img" || { fail "cannot make the ESP"; return; }
+    boot "$dir" console "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/console.txt" "$STARTUP_LINE" "$OPEN_ERROR_REPORT"
+}
+
+# A text document cut off inside its main action.
+scenario_truncated_text() {
+    local dir=$1
+    printf '<Boot><Menu>' >"$dir/document.xml"
+    make_loader_esp "$dir/esp.img" "$dir/document.xml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" console "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/console.txt" "$STARTUP_LINE" "$BAD_CONFIGURATION_REPORT"
+}
+
+# Well-formed, but refused by the rules of the menu: "Upper" is the key Up,
+# so the two entries share a key. Nothing of the menu is printed.
+scenario_refused_menu() {
+    local dir=$1
+    cat >"$dir/document.xml" <<'EOF'
+<Boot>
+  <Menu>
+    <Topic Text="This menu is refused before it is shown"/>
+    <Entry Key="Up" Text="Up"><Chainload/></Entry>
+    <Entry Key="Upper" Text="Upper"><Chainload/></Entry>
+  </Menu>
+</Boot>
+EOF
+    make_loader_esp "$dir/esp.img" "$dir/document.xml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" console "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/console.txt" "$STARTUP_LINE" "$BAD_CONFIGURATION_REPORT"
+}
+
+# The keyed menu document of menu_keys, in binary form and cut in half.
+scenario_truncated_bxml() {
+    local dir=$1 size
+    keyed_menu_document >"$dir/document.xml"
+    to_bxml "$dir/document.xml" "$dir/whole.bxml" || return
+    size=$(stat -c %s "$dir/whole.bxml")
+    head -c $((size / 2)) "$dir/whole.bxml" >"$dir/document.bxml"
+    make_loader_esp "$dir/esp.img" "$dir/document.bxml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" console "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/console.txt" "$STARTUP_LINE" "$BAD_CONFIGURATION_REPORT"
+}
+
+# A menu without a delay, a nested menu behind the Down key, Chainload
+# entries, and wrong turns on every other key.
+keyed_menu_document() {
+    cat <<EOF
+<?xml version="1.0" encoding="utf-8"?>
+<!-- Entries in another order than their keys -->
+<Boot>
+  <Menu>
+    <Topic Text="Test menu: choose an entry"/>
+    <Entry Key="2" Text="2 - wrong turn">$(wrong_turn 2)</Entry>
+    <Entry Key="x">$(wrong_turn x)</Entry>
+    <Entry Key="1" Text="1 - wrong turn">$(wrong_turn 1)</Entry>
+    <Entry Key="Esc" Text="Esc - wrong turn">$(wrong_turn Esc)</Entry>
+    <Entry Key="Down" Text="Down - more choices">
+      <Menu>
+        <Topic Text="More choices"/>
+        <Entry Key="d" Text="d - wrong turn">$(wrong_turn d)</Entry>
+        <Entry Key="c" Text="c - leave the loader"><Chainload/></Entry>
+        <Entry Key="C" Text="C - wrong turn">$(wrong_turn C)</Entry>
+      </Menu>
+    </Entry>
+  </Menu>
+</Boot>
+EOF
+}
+
+# What the loader prints for it when Down and then c are typed: named keys
+# before characters, characters by code, nothing for an entry without Text.
+KEYED_MENU_LINES=(
+    "$STARTUP_LINE"
+    "Test menu: choose an entry"
+    "Down - more choices"
+    "Esc - wrong turn"
+    "1 - wrong turn"
+    "2 - wrong turn"
+    "More choices"
+    "C - wrong turn"
+    "c - leave the loader"
+    "d - wrong turn"
+)
+# Typed: a key of no entry (ignored), then Down as the serial terminal sends
+# it; in the nested menu, again an unknown key, then c.
+KEYED_MENU_KEYS=(
+    "2 - wrong turn" 'z\033[B'
+    "d - wrong turn" 'zc'
+)
+
+# The keyed menu, once as text and once in binary form: the keys lead through
+# the nested menu to a Chainload, both forms print the same console.
+scenario_menu_keys() {
+    local dir=$1
+    keyed_menu_document >"$dir/document.xml"
+    make_loader_esp "$dir/esp.img" "$dir/document.xml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" text "$dir/esp.img" "${KEYED_MENU_KEYS[@]}"
+    check_run "$BOOT_STATUS" "$dir/text.txt" "${KEYED_MENU_LINES[@]}"
+
+    to_bxml "$dir/document.xml" "$dir/document.bxml" || return
+    make_loader_esp "$dir/esp.img" "$dir/document.bxml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" bxml "$dir/esp.img" "${KEYED_MENU_KEYS[@]}"
+    check_run "$BOOT_STATUS" "$dir/bxml.txt" "${KEYED_MENU_LINES[@]}"
+    if ! cmp -s "$dir/text.txt" "$dir/bxml.txt"; then
+        fail "the text and binary forms give different consoles: $(diff "$dir/text.txt" "$dir/bxml.txt" | head -n 4 | paste -s -d ' ')"
+    fi
+}
+
+# A menu with a delay whose default entry is a nested menu with a delay of
+# its own, whose default leaves the loader. No key is typed.
+timed_menu_document() {
+    cat <<EOF
+<Boot>
+  <Menu>
+    <Topic Text="Timed menu: the default runs in 2 s" Delay="2"/>
+    <Entry Key="1" Text="1 - wrong turn">$(wrong_turn 1)</Entry>
+    <Entry Key="2" Text="2 - default: a nested timed menu" Default="">
+      <Menu>
+        <Topic Text="Nested timed menu" Delay="1"/>
+        <Entry Key="a" Text="a - wrong turn">$(wrong_turn a)</Entry>
+        <Entry Key="b" Text="b - default: leave the loader" Default=""><Chainload/></Entry>
+      </Menu>
+    </Entry>
+  </Menu>
+</Boot>
+EOF
+}
+TIMED_MENU_LINES=(
+    "$STARTUP_LINE"
+    "Timed menu: the default runs in 2 s"
+    "1 - wrong turn"
+    "2 - default: a nested timed menu"
+    "Nested timed menu"
+    "a - wrong turn"
+    "b - default: leave the loader"
+)
+
+scenario_menu_timeout() {
+    local dir=$1
+    timed_menu_document >"$dir/document.xml"
+    make_loader_esp "$dir/esp.img" "$dir/document.xml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" text "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/text.txt" "${TIMED_MENU_LINES[@]}"
+
+    to_bxml "$dir/document.xml" "$dir/document.bxml" || return
+    make_loader_esp "$dir/esp.img" "$dir/document.bxml" || { fail "cannot make the ESP"; return; }
+    boot "$dir" bxml "$dir/esp.img"
+    check_run "$BOOT_STATUS" "$dir/bxml.txt" "${TIMED_MENU_LINES[@]}"
+    if ! cmp -s "$dir/text.txt" "$dir/bxml.txt"; then
+        fail "the text and binary forms give different consoles: $(diff "$dir/text.txt" "$dir/bxml.txt" | head -n 4 | paste -s -d ' ')"
+    fi
+}
+
+# check_file IMAGE PATH EXPECTED: PATH on the FAT volume IMAGE holds exactly
+# the bytes of the host file EXPECTED, read back by mtools.
+check_file() {
+    local image=$1 path=$2 expected=$3
+    if ! mdir -i "$image" "::$path" >/dev/null 2>&1; then
+        fail "$path is missing"
+    elif ! mtype -i "$image" "::$path" | cmp -s - "$expected"; then
+        fail "$path does not hold the expected $(stat -c %s "$expected") bytes (has $(mtype -i "$image" "::$path" | wc -c))"
+    fi
+}
+
+# check_absent IMAGE PATH: no file PATH on the FAT volume IMAGE.
+check_absent() {
+    if mdir -i "$1" "::$2" >/dev/null 2>&1; then
+        fail "$2 is still there"
+    fi
+}
+
+# check_volume IMAGE: the FAT checker finds nothing to repair.
+check_volume() {
+    local report
+    if ! report=$(fsck.fat -n "$1" 2>&1); then
+        fail "fsck.fat -n: $(printf '%s\n' "$report" | tail -n 3 | paste -s -d ' ')"
+    fi
+}
+
+# Two Rename jobs in a row, the second taking the first one's target; the
+# last target already exists and is longer than the new contents. The main
+# action is a Chainload, so the loader ends right behind the jobs. A second
+# boot of the same volume finds the first source gone: the report of the
+# failed open, and nothing changed.
+scenario_rename() {
+    local dir=$1 esp=$1/esp.img
+    cat >"$dir/document.xml" <<'EOF'
+<Boot>
+  <Chainload/>
+  <Jobs>
+    <Rename FileNameSource="\source.bin" FileNameTarget="\staging\between.bin"/>
+    <Rename FileNameSource="\staging\between.bin" FileNameTarget="\renamed.bin"/>
+  </Jobs>
+</Boot>
+EOF
+    # Over two of the loader's 32 KiB copy steps, and not a whole number of them.
+    head -c 70001 /dev/urandom >"$dir/source.bin"
+    head -c 100000 /dev/urandom >"$dir/old-target.bin"
+    make_loader_esp "$esp" "$dir/document.xml" || { fail "cannot make the ESP"; return; }
+    if ! { mmd -i "$esp" ::/staging &&
+           mcopy -i "$esp" "$dir/source.bin" ::/source.bin &&
+           mcopy -i "$esp" "$dir/old-target.bin" ::/renamed.bin; }; then
+        fail "cannot fill the ESP"
+        return
+    fi
+
+    boot "$dir" first "$esp"
+    check_run "$BOOT_STATUS" "$dir/first.txt" "$STARTUP_LINE"
+    check_file "$esp" /renamed.bin "$dir/source.bin"
+    check_absent "$esp" /source.bin
+    check_absent "$esp" /staging/between.bin
+    check_volume "$esp"
+
+    boot "$dir" second "$esp"
+    check_run "$BOOT_STATUS" "$dir/second.txt" "$STARTUP_LINE" "$OPEN_ERROR_REPORT"
+    check_file "$esp" /renamed.bin "$dir/source.bin"
+    check_absent "$esp" /source.bin
+    check_volume "$esp"
+}
+
+# The sample document shipped for integrators, with the file its Rename job
+# expects: the job runs, the menu shows, and its default leaves the loader.
+scenario_sample_document() {
+    local dir=$1 esp=$1/esp.img
+    printf 'first boot\n' >"$dir/first-boot.txt"
+    make_loader_esp "$esp" "$SAMPLE_DOCUMENT" || { fail "cannot make the ESP"; return; }
+    mcopy -i "$esp" "$dir/first-boot.txt" ::/EFI/BOOT/first-boot.txt || { fail "cannot fill the ESP"; return; }
+    boot "$dir" console "$esp"
+    check_run "$BOOT_STATUS" "$dir/console.txt" \
+        "$STARTUP_LINE" \
+        "Morvane boot menu - the default runs in 5 seconds" \
+        "[1] Leave the loader: the firmware goes on to its next boot option" \
+        "[2] More choices..."
+    check_file "$esp" /EFI/BOOT/first-boot.done "$dir/first-boot.txt"
+    check_absent "$esp" /EFI/BOOT/first-boot.txt
+    check_volume "$esp"
+}
+
+# The sample document again, with keys: 2 opens its nested menu before the
+# delay runs out, and F10 (as the serial terminal sends it) leaves the loader.
+scenario_sample_keys() {
+    local dir=$1 esp=$1/esp.img
+    printf 'first boot\n' >"$dir/first-boot.txt"
+    make_loader_esp "$esp" "$SAMPLE_DOCUMENT" || { fail "cannot make the ESP"; return; }
+    mcopy -i "$esp" "$dir/first-boot.txt" ::/EFI/BOOT/first-boot.txt || { fail "cannot fill the ESP"; return; }
+    boot "$dir" console "$esp" \
+        "[2] More choices..." '2' \
+        "[Esc] Leave the loader" '\033[21~'
+    check_run "$BOOT_STATUS" "$dir/console.txt" \
+        "$STARTUP_LINE" \
+        "Morvane boot menu - the default runs in 5 seconds" \
+        "[1] Leave the loader: the firmware goes on to its next boot option" \
+        "[2] More choices..." \
+        "More choices - press a key" \
+        "[F10] Leave the loader as well" \
+        "[Esc] Leave the loader"
+}
+
+# ---------------------------------------------------------------------------
+
+# run_scenario NAME: runs scenario_NAME in WORK/NAME and writes 'pass' or the
+# reasons of failure to WORK/NAME/result.
+run_scenario() {
+    local name=$1 dir=$WORK/$1 failures
+    mkdir -p "$dir"
+    failures=$dir/result
+    : >"$failures"
+    fail() { echo "$1" >>"$failures"; }
+
+    "scenario_$name" "$dir"
+
+    if [ -s "$failures" ]; then
+        {
+            echo "== scenario $name"
+            sed 's/^/== failed: /' "$failures"
+            for file in "$dir"/*.xml; do
+                [ -f "$file" ] && { echo "== document $(basename "$file")"; cat "$file"; }
+            done
+            for file in "$dir"/*.txt; do
+                case $file in */first-boot.txt) continue ;; esac
+                [ -f "$file" ] && { echo "== console $(basename "$file" .txt)"; cat "$file"; }
+            done
+            for file in "$dir"/*.qemu.err; do
+                [ -s "$file" ] && { echo "== QEMU errors $(basename "$file" .qemu.err)"; cat "$file"; }
+            done
+        } >"$LOGS/document-$name.log"
+        echo "FAIL $name: $(paste -s -d ';' "$failures")   (log: $LOGS/document-$name.log)"
+    else
+        echo pass >"$failures"
+        echo "PASS $name"
+        rm -f "$dir"/*.img "$dir/vars.fd"
+    fi
+}
+
+# Two at a time: one boot keeps one core busy.
+PARALLEL=2
+scenario() {
+    while [ "$(jobs -r -p | wc -l)" -ge "$PARALLEL" ]; do
+        wait -n
+    done
+    run_scenario "$1" &
+}
+
+# The longest first, so that the two slots end close together.
+scenario rename
+scenario menu_keys
+scenario missing_document
+scenario truncated_text
+scenario refused_menu
+scenario truncated_bxml
+scenario menu_timeout
+scenario sample_document
+scenario sample_keys
+wait
+
+passed=0 failed=0
+for result in "$WORK"/*/result; do
+    if [ "$(cat "$result")" = pass ]; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+    fi
+done
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
