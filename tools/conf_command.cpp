@@ -1,0 +1,380 @@
+// morvane conf: configuration documents read exactly as the loader reads
+// them, through the system's own readers.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "files/bxml_writer.h"
+#include "files/utf_conversion.h"
+#include "files/xml_document.h"
+#include "files/xml_writer.h"
+#include "loader/common/error_codes.h"
+#include "tools/command.h"
+#include "tools/error_names.h"
+#include "tools/host_file.h"
+
+namespace MorvaneTool {
+namespace {
+
+void PrintConfUsage(std::FILE* out) {
+    std::fprintf(out,
+                 "Usage: morvane conf check FILE\n"
+                 "       morvane conf show FILE\n"
+                 "       morvane conf convert --to xml|bxml IN OUT\n"
+                 "\n"
+                 "Reads a configuration document, text or binary (BXML), as the loader reads it.\n"
+                 "\n"
+                 "  check    print 'ok' and a summary, or the refusal: the error code that the\n"
+                 "           loader reports (decimal and name), the byte offset where reading\n"
+                 "           stopped, the line and column for the text form, and the reason\n"
+                 "  show     print the elements with their attributes, indented; texts are\n"
+                 "           shown quoted, except those made only of white space\n"
+                 "  convert  write the document in the text (xml) or binary (bxml) form;\n"
+                 "           reading the result gives the same tree\n"
+                 "\n"
+                 "FILE, IN and OUT may be '-' for standard input or output.\n"
+                 "Exit status: 0 success, 1 document refused or not convertible,\n"
+                 "2 usage or input/output error.\n");
+}
+
+int UsageError(const char* problem) {
+    std::fprintf(stderr, "morvane conf: %s\n", problem);
+    std::fprintf(stderr, "Run 'morvane conf --help' for usage.\n");
+    return kExitUsageOrIo;
+}
+
+std::string DisplayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
+
+std::string Decimal(std::uint64_t value) {
+    char digits[24];
+    std::snprintf(digits, sizeof digits, "%llu", static_cast<unsigned long long>(value));
+    return digits;
+}
+
+std::string Count(std::uint64_t count, const char* noun) {
+    return Decimal(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string CodeText(std::uint32_t code) { return Decimal(code) + " " + ErrorName(code); }
+
+std::string ReasonText(const xml_read_report& report, const Common::Error& stream_error) {
+    switch (report.refusal) {
+        case xml_refusal::none:
+            return "no refusal";
+        case xml_refusal::control_byte:
+            return "a control character (a byte below 0x20 other than tab, line feed and carriage return)";
+        case xml_refusal::bad_markup:
+            return "'<' is not followed by a name, '/', '?', '!--' or '![CDATA[' "
+                   "(document type declarations are not accepted)";
+        case xml_refusal::bad_entity:
+            return "an unknown entity, or '&' without a proper end "
+                   "(only &amp; &apos; &gt; &lt; &quot; &#N; and &#xN; are known)";
+        case xml_refusal::bad_character_reference:
+            return "a character reference above U+FFFD or in the surrogate range";
+        case xml_refusal::invalid_utf8:
+            return "invalid UTF-8 (or a character the document cannot hold)";
+        case xml_refusal::bad_tag:
+            return "a character that has no place inside a tag";
+        case xml_refusal::bad_value:
+            return "an attribute value that is not quoted, or holds '<'";
+        case xml_refusal::unexpected_end:
+            return "the document ends inside an element";
+        case xml_refusal::unexpected_token:
+            return "markup out of place";
+        case xml_refusal::duplicate_attribute:
+            return "an attribute that the element already has";
+        case xml_refusal::attribute_without_value:
+            return "an attribute without '=' and a quoted value";
+        case xml_refusal::end_tag_mismatch:
+            return "an end tag that does not match the open element";
+        case xml_refusal::end_tag_not_closed:
+            return "an end tag not closed by '>'";
+        case xml_refusal::no_root:
+            return "no root element";
+        case xml_refusal::content_after_root:
+            return "more than white space, comments and processing instructions behind the root element";
+        case xml_refusal::unknown_version:
+            return "unknown binary form version " + Decimal(report.major_version);
+        case xml_refusal::stream_error:
+            if (stream_error.Code() == Common::FILE_EOF) {
+                return "the document ends early (" + CodeText(stream_error.Code()) + " stored in the stream)";
+            }
+            return "the stream failed with " + CodeText(stream_error.Code());
+        case xml_refusal::too_deep:
+            return "elements nested deeper than " + Decimal(xml_max_depth) + " levels";
+        case xml_refusal::too_many_elements:
+            return "more than " + Decimal(xml_max_elements) + " elements";
+        case xml_refusal::too_long:
+            return "the document is longer than " + Decimal(xml_max_document_bytes) + " bytes";
+    }
+    return "unknown reason";
+}
+
+// A read that ended in an error of the host file itself is an input/output
+// error of the tool, not something the document did.
+bool IsHostReadFailure(const xml_read_report& report, const Common::Error& stream_error) {
+    return report.refusal == xml_refusal::stream_error && stream_error.Code() != Common::FILE_EOF;
+}
+
+struct loaded_document {
+    xml_document root;
+    xml_read_report report;
+    Common::Error stream_error;
+    bool whole = false;
+};
+
+// Opens and reads `path`; answers false after an input/output error, which
+// it has reported.
+bool LoadDocument(const std::string& path, loaded_document& document) {
+    std::string problem;
+    std::unique_ptr<stdio_ifile> input = OpenInput(path, problem);
+    if (!input) {
+        std::fprintf(stderr, "morvane: %s\n", problem.c_str());
+        return false;
+    }
+    document.whole = read_xml_document(document.root, *input, document.report);
+    document.stream_error = input->error();
+    // The binary form may answer true without a root element; the loader
+    // then finds no action to take, which is the same refusal.
+    if (document.whole && !document.root) {
+        document.whole = false;
+        document.report.refusal = xml_refusal::no_root;
+    }
+    if (IsHostReadFailure(document.report, document.stream_error)) {
+        std::fprintf(stderr, "morvane: cannot read %s: %s\n", DisplayName(path).c_str(),
+                     CodeText(document.stream_error.Code()).c_str());
+        return false;
+    }
+    return true;
+}
+
+std::string RefusalLine(const std::string& path, const loaded_document& document) {
+    const xml_read_report& report = document.report;
+    std::string line = DisplayName(path) + ":";
+    if (!report.binary) line += Decimal(report.line) + ":" + Decimal(report.column) + ":";
+    line += " byte " + Decimal(report.offset) + ": refused with " + CodeText(Common::BAD_CONFIGURATION) + ": " +
+            ReasonText(report, document.stream_error) + "\n";
+    return line;
+}
+
+struct tree_counts {
+    std::uint64_t elements = 0;
+    std::uint64_t attributes = 0;
+    std::uint64_t depth = 0;
+};
+
+// Walks the tree in document order without recursion; `visit` sees each
+// element with its depth, and each text with the depth of its children.
+template <typename ElementVisitor, typename TextVisitor>
+void WalkTree(const xml_element& root, ElementVisitor visit_element, TextVisitor visit_text) {
+    struct position {
+        const xml_element* element;
+        std::size_t next;
+    };
+    std::vector<position> open;
+    visit_element(root, 0);
+    open.push_back({&root, 0});
+    while (!open.empty()) {
+        position& current = open.back();
+        const xml_element& element = *current.element;
+        std::size_t index = current.next++;
+        if (index < element.texts.size()) visit_text(element.texts[index], open.size());
+        if (index < element.children.size()) {
+            const xml_element& child = *element.children[index];
+            visit_element(child, open.size());
+            open.push_back({&child, 0});
+        } else {
+            open.pop_back();
+        }
+    }
+}
+
+tree_counts CountTree(const xml_element& root) {
+    tree_counts counts;
+    WalkTree(
+        root,
+        [&](const xml_element& element, std::size_t depth) {
+            ++counts.elements;
+            counts.attributes += element.attributes.size();
+            if (depth + 1 > counts.depth) counts.depth = depth + 1;
+        },
+        [](const std::u16string&, std::size_t) {});
+    return counts;
+}
+
+std::string ShowName(const std::string& name) {
+    std::string out;
+    for (unsigned char byte : name) {
+        if (byte > 0x20 && byte < 0x7F && byte != '\\' && byte != '"') {
+            out.push_back(static_cast<char>(byte));
+        } else {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\x%02X", byte);
+            out += escape;
+        }
+    }
+    return out;
+}
+
+std::string ShowValue(const std::u16string& value) {
+    std::string out = "\"";
+    for (char16_t unit : value) {
+        // Backslashes stay as they are: the paths in these documents are
+        // full of them.
+        if (unit == u'"') {
+            out += "\\\"";
+        } else if (unit == u'\n') {
+            out += "\\n";
+        } else if (unit == u'\t') {
+            out += "\\t";
+        } else if (unit == u'\r') {
+            out += "\\r";
+        } else if (unit < 0x20 || unit == 0x7F || (unit >= 0xD800 && unit <= 0xDFFF) || unit >= 0xFFFE) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(unit));
+            out += escape;
+        } else {
+            out += utf16_to_utf8(&unit, 1);
+        }
+    }
+    return out + "\"";
+}
+
+bool IsBlank(const std::u16string& text) {
+    for (char16_t unit : text) {
+        if (unit != u' ' && unit != u'\t' && unit != u'\n' && unit != u'\r') return false;
+    }
+    return true;
+}
+
+std::string ShowTree(const xml_element& root) {
+    std::string out;
+    WalkTree(
+        root,
+        [&](const xml_element& element, std::size_t depth) {
+            out.append(depth * 2, ' ');
+            out += ShowName(element.name);
+            for (const auto& attribute : element.attributes) {
+                out += " " + ShowName(attribute.first) + "=" + ShowValue(attribute.second);
+            }
+            out.push_back('\n');
+        },
+        [&](const std::u16string& text, std::size_t depth) {
+            if (IsBlank(text)) return;
+            out.append(depth * 2, ' ');
+            out += ShowValue(text) + "\n";
+        });
+    return out;
+}
+
+int Check(const std::string& path) {
+    loaded_document document;
+    if (!LoadDocument(path, document)) return kExitUsageOrIo;
+    if (!document.whole) {
+        std::fputs(RefusalLine(path, document).c_str(), stdout);
+        return kExitRefused;
+    }
+    tree_counts counts = CountTree(*document.root);
+    std::string form = document.report.binary ? "binary document version " + Decimal(document.report.major_version) +
+                                                    "." + Decimal(document.report.minor_version)
+                                              : "text document";
+    std::printf("ok: %s: %s, root <%s>, %s, %s, %s\n", DisplayName(path).c_str(), form.c_str(),
+                ShowName(document.root->name).c_str(), Count(counts.elements, "element").c_str(),
+                Count(counts.attributes, "attribute").c_str(), Count(counts.depth, "level").c_str());
+    return kExitOk;
+}
+
+int Show(const std::string& path) {
+    loaded_document document;
+    if (!LoadDocument(path, document)) return kExitUsageOrIo;
+    if (!document.whole) {
+        std::fputs(RefusalLine(path, document).c_str(), stderr);
+        return kExitRefused;
+    }
+    std::fputs(ShowTree(*document.root).c_str(), stdout);
+    return kExitOk;
+}
+
+const char* ProblemText(xml_write_problem problem, bool binary) {
+    switch (problem) {
+        case xml_write_problem::none:
+            return "no problem";
+        case xml_write_problem::bad_name:
+            return "a name that the text form cannot carry (names start with a letter, '_' or ':' "
+                   "and go on with letters, digits, '_', ':', '-' and '.')";
+        case xml_write_problem::unwritable_character:
+            return binary ? "a U+0000 character, which the binary form cannot carry"
+                          : "a character that the text form cannot carry (U+FFFE, U+FFFF or a surrogate)";
+        case xml_write_problem::too_many_attributes:
+            return "more than 255 attributes, which the binary form cannot count";
+    }
+    return "unknown problem";
+}
+
+int Convert(const std::string& form, const std::string& in, const std::string& out) {
+    const bool binary = form == "bxml";
+    loaded_document document;
+    if (!LoadDocument(in, document)) return kExitUsageOrIo;
+    if (!document.whole) {
+        std::fputs(RefusalLine(in, document).c_str(), stderr);
+        return kExitRefused;
+    }
+    std::string bytes;
+    xml_write_failure failure =
+        binary ? write_bxml(*document.root, bytes) : write_xml_text(*document.root, bytes);
+    if (failure) {
+        std::fprintf(stderr, "morvane: %s cannot be written as %s: element %s: %s\n", DisplayName(in).c_str(),
+                     form.c_str(), ShowName(failure.element->name).c_str(), ProblemText(failure.problem, binary));
+        return kExitRefused;
+    }
+    std::string problem;
+    if (!WriteOutput(out, bytes, problem)) {
+        std::fprintf(stderr, "morvane: %s\n", problem.c_str());
+        return kExitUsageOrIo;
+    }
+    return kExitOk;
+}
+
+bool IsHelp(const char* argument) { return std::strcmp(argument, "--help") == 0 || std::strcmp(argument, "-h") == 0; }
+
+}  // namespace
+
+int RunConfCommand(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (IsHelp(argv[i])) {
+            PrintConfUsage(stdout);
+            return kExitOk;
+        }
+    }
+    if (argc < 2) return UsageError("missing action: check, show or convert");
+    const std::string action = argv[1];
+    std::vector<std::string> operands;
+    std::string form;
+    for (int i = 2; i < argc; ++i) {
+        std::string argument = argv[i];
+        if (action == "convert" && argument == "--to") {
+            if (i + 1 >= argc) return UsageError("--to needs a form: xml or bxml");
+            form = argv[++i];
+        } else if (action == "convert" && argument.compare(0, 5, "--to=") == 0) {
+            form = argument.substr(5);
+        } else if (argument.size() > 1 && argument[0] == '-') {
+            return UsageError(("unknown option '" + argument + "'").c_str());
+        } else {
+            operands.push_back(argument);
+        }
+    }
+    if (action == "check" || action == "show") {
+        if (operands.size() != 1) return UsageError(("'" + action + "' takes one FILE").c_str());
+        return action == "check" ? Check(operands[0]) : Show(operands[0]);
+    }
+    if (action == "convert") {
+        if (form.empty()) return UsageError("convert needs --to xml or --to bxml");
+        if (form != "xml" && form != "bxml") return UsageError(("unknown form '" + form + "': xml or bxml").c_str());
+        if (operands.size() != 2) return UsageError("convert takes IN and OUT");
+        return Convert(form, operands[0], operands[1]);
+    }
+    return UsageError(("unknown action '" + action + "'").c_str());
+}
+
+}  // namespace MorvaneTool
