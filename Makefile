@@ -4,7 +4,7 @@ BUILD      := build
 ASAN_BUILD := build/asan
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps configure demo check unit asan e2e clean
+.PHONY: all deps configure demo check unit asan e2e bench clean
 
 all: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -16,7 +16,7 @@ deps:
 	@tools/install_deps.sh
 
 demo: deps all
-	tests/e2e/demo_menu.sh $(BUILD)
+	tests/e2e/demo_kernel.sh $(BUILD) examples/morvane.xml
 
 unit: all
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -29,6 +29,12 @@ asan:
 e2e: all
 	tests/e2e/run_scenarios.sh $(BUILD)
 	tests/e2e/document_scenarios.sh $(BUILD)
+	tests/e2e/kernel_scenarios.sh $(BUILD)
+
+# Time from power-on to a booted initramfs: the loader against the
+# firmware's own direct kernel boot, in one run.
+bench: all
+	bench/boot_time.sh $(BUILD)
 
 check: deps
 	$(MAKE) unit

@@ -37,6 +37,7 @@ rm -f "$LOGS"/document-*.log
 STARTUP_LINE='Iniciando el cargador Morvane UEFI...'
 OPEN_ERROR_REPORT="~^Runtime exception 'Error durante la apertura del archivo\\.', code 262151, tag 0x[0-9a-f]{16}\$"
 BAD_CONFIGURATION_REPORT="~^Runtime exception '', code 21495817, tag 0x[0-9a-f]{16}\$"
+KERNEL_CORRUPT_REPORT="~^Runtime exception 'El kernel est. da.ado\\.', code 21495810, tag 0x[0-9a-f]{16}\$"
 
 # ---------------------------------------------------------------------------
 # Checks. Each writes its complaints through fail, which run_scenario
@@ -381,31 +382,38 @@ EOF
     check_volume "$esp"
 }
 
-# The sample document shipped for integrators, with the file its Rename job
-# expects: the job runs, the menu shows, and its default leaves the loader.
+# The sample document shipped for integrators. Its kernel entry opens its
+# files when the document is read, so stand-ins lie where it looks; they
+# are no kernels, so when the delay runs out the default entry, the kernel,
+# is refused as damaged: proof that the default was taken.
 scenario_sample_document() {
     local dir=$1 esp=$1/esp.img
-    printf 'first boot\n' >"$dir/first-boot.txt"
-    make_loader_esp "$esp" "$SAMPLE_DOCUMENT" || { fail "cannot make the ESP"; return; }
-    mcopy -i "$esp" "$dir/first-boot.txt" ::/EFI/BOOT/first-boot.txt || { fail "cannot fill the ESP"; return; }
+    make_sample_esp "$dir" "$esp" || return
     boot "$dir" console "$esp"
     check_run "$BOOT_STATUS" "$dir/console.txt" \
         "$STARTUP_LINE" \
         "Morvane boot menu - the default runs in 5 seconds" \
         "[1] Leave the loader: the firmware goes on to its next boot option" \
-        "[2] More choices..."
-    check_file "$esp" /EFI/BOOT/first-boot.done "$dir/first-boot.txt"
-    check_absent "$esp" /EFI/BOOT/first-boot.txt
+        "[2] More choices..." \
+        "[L] Linux from this volume" \
+        "Loading Linux..." \
+        "$KERNEL_CORRUPT_REPORT"
     check_volume "$esp"
+}
+
+# make_sample_esp DIR ESP: the sample document with stand-ins for its kernel.
+make_sample_esp() {
+    printf 'not a kernel\n' >"$1/vmlinuz"
+    printf 'not a ramdisk\n' >"$1/initrd.img"
+    make_loader_esp "$2" "$SAMPLE_DOCUMENT" || { fail "cannot make the ESP"; return 1; }
+    mcopy -i "$2" "$1/vmlinuz" ::/vmlinuz && mcopy -i "$2" "$1/initrd.img" ::/initrd.img || { fail "cannot fill the ESP"; return 1; }
 }
 
 # The sample document again, with keys: 2 opens its nested menu before the
 # delay runs out, and F10 (as the serial terminal sends it) leaves the loader.
 scenario_sample_keys() {
     local dir=$1 esp=$1/esp.img
-    printf 'first boot\n' >"$dir/first-boot.txt"
-    make_loader_esp "$esp" "$SAMPLE_DOCUMENT" || { fail "cannot make the ESP"; return; }
-    mcopy -i "$esp" "$dir/first-boot.txt" ::/EFI/BOOT/first-boot.txt || { fail "cannot fill the ESP"; return; }
+    make_sample_esp "$dir" "$esp" || return
     boot "$dir" console "$esp" \
         "[2] More choices..." '2' \
         "[Esc] Leave the loader" '\033[21~'
@@ -414,6 +422,7 @@ scenario_sample_keys() {
         "Morvane boot menu - the default runs in 5 seconds" \
         "[1] Leave the loader: the firmware goes on to its next boot option" \
         "[2] More choices..." \
+        "[L] Linux from this volume" \
         "More choices - press a key" \
         "[F10] Leave the loader as well" \
         "[Esc] Leave the loader"

@@ -1,6 +1,6 @@
 # Shared pieces of the end-to-end runs: a FAT ESP made by mkfs.fat and mtools,
 # one QEMU + OVMF boot of it, and the firmware console cleaned for comparison.
-# Sourced by run_scenarios.sh, demo.sh, document_scenarios.sh and demo_menu.sh.
+# Sourced by the scenario and demo scripts of this folder.
 
 OVMF_CODE=/usr/share/OVMF/OVMF_CODE_4M.fd
 OVMF_VARS=/usr/share/OVMF/OVMF_VARS_4M.fd
@@ -61,7 +61,7 @@ clean_console() {
 # ---------------------------------------------------------------------------
 # Boots of the loader as the firmware's own removable-media boot file, with
 # the marker on a second disk as the boot option behind it. Used by
-# document_scenarios.sh and demo_menu.sh.
+# the document and kernel scenarios and the demo.
 
 # The marker's line, and QEMU's status when the marker ends it: its
 # isa-debug-exit value 0x21 gives (0x21 << 1) | 1.
