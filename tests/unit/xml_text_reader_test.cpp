@@ -7,45 +7,12 @@
 #include "files/buf_ifile.h"
 #include "files/xml_document.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/xml_tree_text.h"
 
 namespace {
 
-std::string Quote(const std::u16string& text) {
-    std::string out = "\"";
-    for (char16_t unit : text) {
-        if (unit == u'"' || unit == u'\\') {
-            out.push_back('\\');
-            out.push_back(static_cast<char>(unit));
-        } else if (unit >= 0x20 && unit < 0x7F) {
-            out.push_back(static_cast<char>(unit));
-        } else {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(unit));
-            out += escape;
-        }
-    }
-    return out + "\"";
-}
-
-// name{attribute="value",...}["text" child "text" ...]
-std::string Describe(const xml_element& element) {
-    std::string out = element.name;
-    if (!element.attributes.empty()) {
-        out += "{";
-        for (const auto& attribute : element.attributes) {
-            if (out.back() != '{') out += ",";
-            out += attribute.first + "=" + Quote(attribute.second);
-        }
-        out += "}";
-    }
-    out += "[";
-    for (std::size_t i = 0; i < element.texts.size(); ++i) {
-        if (i > 0) out += " ";
-        out += Quote(element.texts[i]);
-        if (i < element.children.size()) out += " " + Describe(*element.children[i]);
-    }
-    return out + "]";
-}
+using TestSupport::Describe;
+using TestSupport::Quote;
 
 struct Outcome {
     bool whole;

@@ -13,6 +13,7 @@
 #include "files/bxml_writer.h"
 #include "files/xml_document.h"
 #include "files/xml_writer.h"
+#include "tests/support/xml_tree_text.h"
 
 namespace {
 
@@ -22,38 +23,8 @@ std::string Bytes(std::initializer_list<int> values) {
     return out;
 }
 
-std::string Quote(const std::u16string& text) {
-    std::string out = "\"";
-    for (char16_t unit : text) {
-        if (unit >= 0x20 && unit < 0x7F && unit != u'"') {
-            out.push_back(static_cast<char>(unit));
-        } else {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(unit));
-            out += escape;
-        }
-    }
-    return out + "\"";
-}
-
-std::string Describe(const xml_element& element) {
-    std::string out = element.name;
-    if (!element.attributes.empty()) {
-        out += "{";
-        for (const auto& attribute : element.attributes) {
-            if (out.back() != '{') out += ",";
-            out += attribute.first + "=" + Quote(attribute.second);
-        }
-        out += "}";
-    }
-    out += "[";
-    for (std::size_t i = 0; i < element.texts.size(); ++i) {
-        if (i > 0) out += " ";
-        out += Quote(element.texts[i]);
-        if (i < element.children.size()) out += " " + Describe(*element.children[i]);
-    }
-    return out + "]";
-}
+using TestSupport::Describe;
+using TestSupport::Quote;
 
 xml_document ReadBack(const std::string& bytes) {
     buf_ifile<unsigned char> file(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
