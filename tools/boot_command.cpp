@@ -133,7 +133,7 @@ const char* E820Name(std::uint32_t type) {
 void PrintE820(Launch::ByteArea params) {
     auto print = [](std::uint8_t* entry) {
         Launch::ByteArea e(entry);
-        std::printf("  [mem %#018llx-%#018llx] %s\n", static_cast<unsigned long long>(e.U64(0)),
+        std::printf("  [mem 0x%016llx-0x%016llx] %s\n", static_cast<unsigned long long>(e.U64(0)),
                     static_cast<unsigned long long>(e.U64(0) + e.U64(8) - 1), E820Name(e.U32(16)));
     };
     for (unsigned i = 0; i < params.U8(0x1E8); ++i) print(params.At(0x2D0 + 20 * i));
@@ -148,18 +148,18 @@ void PrintHandOver(const HostFirmware::KernelHandOver& hand_over) {
     Launch::ByteArea params(hand_over.params);
     std::printf("----\nkernel hand-over:\n");
     std::printf("  boot protocol     %u.%02u\n", params.U8(0x207), params.U8(0x206));
-    std::printf("  code32_start      %#010x (kernel placed here)\n", params.U32(0x214));
-    std::printf("  kernel_alignment  %#x\n", params.U32(0x230));
-    std::printf("  type_of_loader    %#04x\n", params.U8(0x210));
-    std::printf("  loadflags         %#04x\n", params.U8(0x211));
-    std::printf("  ramdisk           %#010x, %u bytes\n", params.U32(0x218), params.U32(0x21C));
-    std::printf("  cmd_line_ptr      %#010x\n", params.U32(0x228));
+    std::printf("  code32_start      0x%08x (kernel placed here)\n", params.U32(0x214));
+    std::printf("  kernel_alignment  0x%x\n", params.U32(0x230));
+    std::printf("  type_of_loader    0x%02x\n", params.U8(0x210));
+    std::printf("  loadflags         0x%02x\n", params.U8(0x211));
+    std::printf("  ramdisk           0x%08x, %u bytes\n", params.U32(0x218), params.U32(0x21C));
+    std::printf("  cmd_line_ptr      0x%08x\n", params.U32(0x228));
     std::printf("  command line      \"%s\"\n", reinterpret_cast<const char*>(hand_over.params + 0x1000));
-    std::printf("  video             %ux%u, %u bpp, base %#010x, %u bytes, %u bytes per line\n", params.U16(0x12),
+    std::printf("  video             %ux%u, %u bpp, base 0x%08x, %u bytes, %u bytes per line\n", params.U16(0x12),
                 params.U16(0x14), params.U16(0x16), params.U32(0x18), params.U32(0x1C), params.U16(0x24));
     std::printf("  colours           red %u@%u green %u@%u blue %u@%u reserved %u@%u\n", params.U8(0x26), params.U8(0x27),
                 params.U8(0x28), params.U8(0x29), params.U8(0x2A), params.U8(0x2B), params.U8(0x2C), params.U8(0x2D));
-    std::printf("  efi system table  %#010x%08x, memory map %#010x (%u bytes, descriptors of %u)\n", params.U32(0x1D8),
+    std::printf("  efi system table  0x%08x%08x, memory map 0x%08x (%u bytes, descriptors of %u)\n", params.U32(0x1D8),
                 params.U32(0x1C4), params.U32(0x1D0), params.U32(0x1D4), params.U32(0x1C8));
     std::printf("  e820 (%u entries in the block%s):\n", params.U8(0x1E8), params.U64(0x250) != 0 ? ", more in setup_data" : "");
     PrintE820(params);
