@@ -50,7 +50,8 @@ Common::Error Menu::Run() {
     // The product is taken as 32 bits: -1 stays negative, so no time-out.
     auto timeout_ms = static_cast<std::int32_t>(static_cast<std::uint32_t>(delay) * 1000u);
     KeyCode key = WaitForKey(keys, timeout_ms);
-    if (key != 0) return entries[key]->action->Run();
+    auto chosen = entries.find(key);
+    if (key != 0 && chosen != entries.end()) return chosen->second->action->Run();
     if (default_entry) default_entry->action->Run();
     return Common::Success;
 }
