@@ -1,9 +1,11 @@
 #include "loader/load_kernel.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "firmware/efi_file.h"
 #include "launch/boot_linux.h"
+#include "loader/partition_disk.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
 #include "platform/clib/clib.h"
@@ -88,9 +90,12 @@ Common::Error OpenLocation(LoadKernel&, const FileLocation& location, boost::sha
         file.reset(Uefi::OpenFile(path).release());
         return Common::Success;
     }
-    // Partitions are reached through the loader's own drivers, which this
-    // build does not carry yet: no partition can be found by its GUID.
-    return Common::Error(ERROR_TAG, Common::DISK_NOT_FOUND, Common::Messages::DISK_NOT_FOUND);
+    std::unique_ptr<Fdisk::SimpleDisk> disk;
+    Common::Error error = FindPartitionDisk(location.guid, disk);
+    if (error.Failed()) return error;
+    // The partition is there, but this build carries no file-system driver
+    // that could mount it yet.
+    return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
 }
 
 Common::Error LoadKernel::Load() {

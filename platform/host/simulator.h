@@ -20,6 +20,7 @@
 namespace HostFirmware {
 
 class GraphicsStandIns;  // platform/host/graphics_stand_ins.h
+class BlockDevices;      // platform/host/block_io_devices.h
 
 // Thrown by the simulated Exit and caught by RunImage: the image's end.
 struct ImageExit {
@@ -173,6 +174,16 @@ private:
     // A deleter of its own, so this header needs no complete type.
     std::unique_ptr<GraphicsStandIns, void (*)(GraphicsStandIns*)> graphics_{nullptr, nullptr};
     // ---- end of graphics stand-ins ----
+
+    // ---- block devices (defined in block_io_devices.cpp) ----
+public:
+    // Block I/O over disk-image files: a handle per whole disk and per GPT
+    // partition; made on first use, empty until an image is attached.
+    BlockDevices& Disks();
+
+private:
+    std::unique_ptr<BlockDevices, void (*)(BlockDevices*)> disks_{nullptr, nullptr};
+    // ---- end of block devices ----
 };
 
 // Fills the tables with the simulator's functions (one file per family).
