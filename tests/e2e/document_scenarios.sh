@@ -485,13 +485,4 @@ scenario sample_document
 scenario sample_keys
 wait
 
-passed=0 failed=0
-for result in "$WORK"/*/result; do
-    if [ "$(cat "$result")" = pass ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-    fi
-done
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+tally_results "$WORK"

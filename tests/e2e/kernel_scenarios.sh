@@ -352,13 +352,4 @@ for name in $scenarios; do
 done
 wait
 
-passed=0 failed=0
-for result in "$WORK"/*/result; do
-    if [ "$(cat "$result")" = pass ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-    fi
-done
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+tally_results "$WORK"

@@ -166,3 +166,19 @@ boot_loader_disks() {
     fi
     return "$status"
 }
+
+# tally_results WORK: counts the "result" files the scenarios under WORK
+# left ("pass", or their reasons), prints the closing line and answers
+# whether all passed.
+tally_results() {
+    local passed=0 failed=0 result
+    for result in "$1"/*/result; do
+        if [ "$(cat "$result")" = pass ]; then
+            passed=$((passed + 1))
+        else
+            failed=$((failed + 1))
+        fi
+    done
+    echo "$passed passed, $failed failed"
+    [ "$failed" -eq 0 ]
+}

@@ -150,13 +150,4 @@ wait
 # The tagged one-shot boot entry in real NVRAM; it records its own result.
 "$HERE/nvram_scenario.sh" "$BUILD_DIR"
 
-passed=0 failed=0
-for result in "$WORK"/*/result; do
-    if [ "$(cat "$result")" = pass ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-    fi
-done
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+tally_results "$WORK"
