@@ -89,10 +89,17 @@ void* realloc(void* old_block, std::size_t size) {
 
 }  // extern "C"
 
+// As the standard operator new: the installed new handler gets its chance
+// (the file references install one that turns exhaustion into a stored
+// error) before std::bad_alloc is thrown.
 void* operator new(std::size_t size) {
-    void* block = PoolMemory::Allocate(size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
+    for (;;) {
+        void* block = PoolMemory::Allocate(size);
+        if (block != nullptr) return block;
+        std::new_handler handler = std::get_new_handler();
+        if (handler == nullptr) throw std::bad_alloc();
+        handler();
+    }
 }
 void* operator new[](std::size_t size) { return operator new(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return PoolMemory::Allocate(size); }
