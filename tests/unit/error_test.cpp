@@ -76,9 +76,11 @@ TEST(Error, TagsAreModuleConstantPlusLine) {
     Error first(ERROR_TAG, 1);
     Error second(ERROR_TAG, 1);
     EXPECT_EQ(second.Tag() - first.Tag(), 1u);
-    EXPECT_EQ(first.Tag() - Common::ModuleConstant("error_test.cpp"), std::uint64_t(__LINE__) - 3);
-    EXPECT_EQ(Common::ModuleConstant("/a/b/error_test.cpp"), Common::ModuleConstant("error_test.cpp"));
-    EXPECT_NE(Common::ModuleConstant("main.cpp"), Common::ModuleConstant("error_test.cpp"));
+    EXPECT_EQ(first.Tag() - Common::ModuleConstant("unit/error_test.cpp"), std::uint64_t(__LINE__) - 3);
+    EXPECT_EQ(Common::ModuleConstant("/a/b/unit/error_test.cpp"), Common::ModuleConstant("unit/error_test.cpp"));
+    EXPECT_EQ(Common::ModuleConstant("C:\\src\\unit\\error_test.cpp"), Common::ModuleConstant("unit\\error_test.cpp"));
+    // Files of one name in two folders are two modules.
+    EXPECT_NE(Common::ModuleConstant("files/file_object.cpp"), Common::ModuleConstant("fsdriver/file_object.cpp"));
 }
 
 TEST(Error, CopiesShareTheRecordAndTheLastOneFreesTheChain) {
