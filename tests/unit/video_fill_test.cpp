@@ -15,6 +15,8 @@
 #include "loader/common/error_codes.h"
 #include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
+#include "tests/support/graphics_machine.h"
+#include "tests/support/raised_code.h"
 
 namespace {
 
@@ -25,21 +27,8 @@ using HostFirmware::SimulatedFramebuffer;
 
 constexpr EFI_GRAPHICS_PIXEL_FORMAT kBgr = PixelBlueGreenRedReserved8BitPerColor;
 
-struct Machine {
-    HostFirmware::Simulator simulator;
-    Machine() { Uefi::InitializeFirmwareAccess(simulator.ImageHandle(), simulator.SystemTable()); }
-    HostFirmware::GraphicsStandIns& Graphics() { return simulator.Graphics(); }
-};
-
-template <typename Action>
-std::uint32_t RaisedCode(Action action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+using Machine = TestSupport::GraphicsMachine;
+using TestSupport::RaisedCode;
 
 // A protocol whose Query answers a fixed record and whose fill paints into a
 // simulated framebuffer: the checks and the measurement see real memory.

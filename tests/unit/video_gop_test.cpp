@@ -15,6 +15,8 @@
 #include "loader/common/error_codes.h"
 #include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
+#include "tests/support/graphics_machine.h"
+#include "tests/support/raised_code.h"
 
 namespace {
 
@@ -25,21 +27,8 @@ using HostFirmware::GopModeSpec;
 constexpr EFI_GRAPHICS_PIXEL_FORMAT kRgb = PixelRedGreenBlueReserved8BitPerColor;
 constexpr EFI_GRAPHICS_PIXEL_FORMAT kBgr = PixelBlueGreenRedReserved8BitPerColor;
 
-struct Machine {
-    HostFirmware::Simulator simulator;
-    Machine() { Uefi::InitializeFirmwareAccess(simulator.ImageHandle(), simulator.SystemTable()); }
-    HostFirmware::GraphicsStandIns& Graphics() { return simulator.Graphics(); }
-};
-
-template <typename Action>
-std::uint32_t RaisedCode(Action action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+using Machine = TestSupport::GraphicsMachine;
+using TestSupport::RaisedCode;
 
 // What Query must tell of a 32-bit mode, built from the mode's description.
 VideoRecord ExpectedRecord(const GopModeSpec& mode, std::uint32_t base, std::uint32_t size) {

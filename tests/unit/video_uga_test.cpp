@@ -19,6 +19,8 @@
 #include "loader/common/error_codes.h"
 #include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
+#include "tests/support/graphics_machine.h"
+#include "tests/support/raised_code.h"
 
 namespace {
 
@@ -29,21 +31,8 @@ using HostFirmware::PixelOrder;
 using HostFirmware::PrefetchableWindow;
 using HostFirmware::UgaModeSpec;
 
-struct Machine {
-    HostFirmware::Simulator simulator;
-    Machine() { Uefi::InitializeFirmwareAccess(simulator.ImageHandle(), simulator.SystemTable()); }
-    HostFirmware::GraphicsStandIns& Graphics() { return simulator.Graphics(); }
-};
-
-template <typename Action>
-std::uint32_t RaisedCode(Action action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+using Machine = TestSupport::GraphicsMachine;
+using TestSupport::RaisedCode;
 
 TEST(VideoUga, ModeChoice) {
     struct Case {
