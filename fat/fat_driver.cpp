@@ -1,0 +1,128 @@
+#include "fat/fat_driver.h"
+
+#include "fat/fat_handler.h"
+#include "fsdriver/cached_block.h"
+#include "loader/common/error.h"
+#include "loader/common/error_codes.h"
+#include "loader/common/error_tag.h"
+
+namespace {
+
+constexpr std::uint32_t kFSInfoLead = 0x41615252;
+constexpr std::uint32_t kFSInfoStruct = 0x61417272;
+constexpr std::uint32_t kFSInfoTrail = 0xAA55;
+constexpr std::uint32_t kFSInfoFreeCount = 488;
+
+std::uint32_t ReadU32(const unsigned char* at) {
+    return std::uint32_t(at[0]) | std::uint32_t(at[1]) << 8 | std::uint32_t(at[2]) << 16 | std::uint32_t(at[3]) << 24;
+}
+
+}  // namespace
+
+FATDriver::~FATDriver() {
+    // A destructor has nobody to tell: a free count that can't be written
+    // is dropped like any other failed write of the dismount.
+    try {
+        write_free_count();
+    } catch (const Common::Error&) {
+    }
+    dismount();
+    delete handler;
+    handler = nullptr;
+}
+
+void FATDriver::write_free_count() {
+    if (free_count == free_baseline || fsinfo_sector == 0) return;
+    std::uint32_t count = free_cluster_count(true);
+    BlockHandle info = get_block(fsinfo_sector, 1, false);
+    prepare_block_write(info);
+    unsigned char* at = info.data() + kFSInfoFreeCount;
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<unsigned char>(count >> (8 * i));
+    info.set_dirty();
+}
+
+std::uint32_t FATDriver::alloc_cluster() {
+    if (alloc_run.first == alloc_run.end && !handler->find_free(alloc_run)) {
+        throw Common::Error(ERROR_TAG, Common::FILE_DISK_FULL);
+    }
+    std::uint32_t cluster = alloc_run.first;
+    // A new cluster is always an end of chain; the caller links it.
+    handler->set_entry(cluster, 0xFFFFFFFF);
+    ++alloc_run.first;
+    --free_count;
+    return cluster;
+}
+
+void FATDriver::free_chain(std::uint32_t first) {
+    ClusterRun run{0, 0, first};
+    // A loop in the chain ends itself: its start reads 0 on the second pass.
+    while (handler->next_run(run)) {
+        for (std::uint32_t cluster = run.first; cluster != run.end; ++cluster) {
+            discard_block(std::uint64_t(cluster - 2) * sectors_per_cluster + first_data_sector);
+            handler->set_entry(cluster, 0);
+            ++free_count;
+        }
+    }
+}
+
+std::uint32_t FATDriver::free_cluster_count(bool strict) {
+    if (fsinfo_sector != 0 && !free_valid) {
+        BlockHandle info = get_block(fsinfo_sector, 1, false);
+        const unsigned char* data = info.data();
+        bool good = sector_size >= 512 && ReadU32(data) == kFSInfoLead && ReadU32(data + 484) == kFSInfoStruct &&
+                    (ReadU32(data + 508) >> 16) == kFSInfoTrail;
+        if (!good) {
+            fsinfo_sector = 0;
+            if (strict) throw Common::Error(ERROR_TAG, Common::FILE_CORRUPT);
+        } else {
+            std::uint32_t recorded = ReadU32(data + kFSInfoFreeCount);
+            // Allocations and frees made before this first look stay counted.
+            free_count = recorded + free_count - free_baseline;
+            free_baseline = recorded;
+            if (recorded < cluster_count) free_valid = true;
+        }
+    }
+    if (free_count >= cluster_count) free_valid = false;
+    if (!free_valid) {
+        free_count = handler->count_free();
+        free_valid = true;
+    }
+    return free_count;
+}
+
+void FATDriver::flush_blocks() {
+    if (!mirror_fats) {
+        FileSystemDriver::flush_blocks();
+        return;
+    }
+    const std::uint64_t tables_end = std::uint64_t(first_data_sector) - root_dir_sectors;
+    const std::uint64_t active_end = std::uint64_t(active_fat_first) + sectors_per_fat;
+    auto at = blocks.begin();
+    for (; at != blocks.end() && at->first < tables_end; ++at) {
+        CachedBlock* block = at->second;
+        if (block->dirty == 0) continue;
+        if (at->first >= reserved_sectors) break;
+        block->dirty = 0;
+        device->Transfer(Fdisk::kTransferWrite, first_sector + block->first, block->data(), block->count);
+    }
+    if (at != blocks.end() && at->first < tables_end) {
+        // From the first changed table block on, everything cached of the
+        // table goes to each copy; a block never spills past its table.
+        const auto from = at;
+        for (std::uint32_t copy = 0; copy < fat_count; ++copy) {
+            for (auto it = from; it != blocks.end() && it->first < tables_end; ++it) {
+                CachedBlock* block = it->second;
+                if (block->first < active_fat_first || block->first >= active_end) continue;
+                std::uint64_t count = block->count;
+                if (count > active_end - block->first) count = active_end - block->first;
+                std::uint64_t target = block->first - active_fat_first + reserved_sectors +
+                                       std::uint64_t(copy) * sectors_per_fat;
+                device->Transfer(Fdisk::kTransferWrite, first_sector + target, block->data(), count);
+            }
+        }
+        for (auto it = from; it != blocks.end() && it->first < tables_end; ++it) {
+            if (it->first >= active_fat_first && it->first < active_end) it->second->dirty = 0;
+        }
+    }
+    FileSystemDriver::flush_blocks();
+}
