@@ -41,6 +41,11 @@ constexpr std::uint32_t kInitSize = 0x260;
 constexpr std::uint32_t kE820Table = 0x2D0;
 }  // namespace BootParamsOffset
 
+// The boot protocol's fields and its 32-bit entry reach only the low 4 GiB;
+// the kernel itself must lie below 1 GiB.
+constexpr std::uint64_t kBelowOneGiB = 0x40000000;
+constexpr std::uint64_t kBelowFourGiB = 0x100000000;
+
 constexpr std::uint32_t kBootParamsSize = 0x1000;
 constexpr std::uint32_t kE820EntrySize = 20;
 constexpr std::uint32_t kE820EntriesInParams = 128;

@@ -7,11 +7,14 @@
 #include "firmware/firmware_access.h"
 #include "launch/video_modes.h"
 #include "launch/video_protocols.h"
+#include "launch/boot_params.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
 
 namespace EfiLoader {
+
+using Launch::kBelowFourGiB;
 namespace {
 
 // Wider modes cost the kernel's console more than they give.
@@ -20,7 +23,6 @@ constexpr std::uint32_t kWidestMode = 1024;
 // asking for ever.
 constexpr std::uint32_t kModeLimit = 1024;
 constexpr std::uint32_t kLargestField = 0xFFFF;
-constexpr std::uint64_t kFourGiB = 0x100000000;
 
 [[noreturn]] void NotDetected(std::uint64_t tag) {
     throw Common::Error(tag, Common::VIDEO_NOT_DETECTED, Common::Messages::VIDEO_NOT_DETECTED);
@@ -55,7 +57,7 @@ struct Framebuffer {
 
 Framebuffer FramebufferOf(const EFI_GRAPHICS_OUTPUT_PROTOCOL_MODE& mode) {
     if (mode.FrameBufferBase == 0 || mode.FrameBufferSize == 0) NotLinear(ERROR_TAG);
-    if (mode.FrameBufferBase >= kFourGiB || mode.FrameBufferSize > kFourGiB - 1 - mode.FrameBufferBase) BadFramebuffer(ERROR_TAG);
+    if (mode.FrameBufferBase >= kBelowFourGiB || mode.FrameBufferSize > kBelowFourGiB - 1 - mode.FrameBufferBase) BadFramebuffer(ERROR_TAG);
     return Framebuffer{static_cast<std::uint32_t>(mode.FrameBufferBase), static_cast<std::uint32_t>(mode.FrameBufferSize)};
 }
 

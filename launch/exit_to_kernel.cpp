@@ -14,7 +14,6 @@ namespace {
 
 using namespace BootParamsOffset;
 
-constexpr std::uint64_t kBelowFourGiB = 0x100000000;
 constexpr std::uint64_t kMemoryWriteBack = 0x8;
 constexpr std::uint32_t kNodeHeader = 16;
 constexpr std::uint32_t kSetupE820Ext = 1;

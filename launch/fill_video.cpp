@@ -4,15 +4,17 @@
 
 #include "launch/pci_framebuffer.h"
 #include "launch/video_memory.h"
+#include "launch/boot_params.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
 
 namespace EfiLoader {
+
+using Launch::kBelowFourGiB;
 namespace {
 
 constexpr std::uint32_t kWidestLine = 4096;
 constexpr std::uint32_t kWidestPixel = 64;
-constexpr std::uint64_t kFourGiB = 0x100000000;
 
 // The colour the left column is painted with.
 constexpr std::uint8_t kRed = 0x11;
@@ -88,7 +90,7 @@ void FindLineLength(EfiVideo& video, VideoRecord& record) {
         // Wider strides only reach further, and a line starting above 4 GiB
         // can't be in a framebuffer the record describes. (lfb_size is no
         // bound here: after a mode switch it still tells the old mode's.)
-        if (last_line + pixel_bytes > kFourGiB) break;
+        if (last_line + pixel_bytes > kBelowFourGiB) break;
         bool every_line = true;
         for (std::uint32_t line = 1; line < height && every_line; ++line) {
             every_line = (PhysicalU64(base + line * stride) & mask) == reference;

@@ -1,11 +1,14 @@
 #include "launch/pci_framebuffer.h"
 
 #include "launch/video_memory.h"
+#include "launch/boot_params.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
 
 namespace EfiLoader {
+
+using Launch::kBelowFourGiB;
 namespace {
 
 constexpr std::size_t kClassCode = 0x0B;
@@ -17,7 +20,6 @@ constexpr std::uint32_t kPrefetchable = 0x8;
 constexpr std::uint32_t kTypeMask = 0x6;
 constexpr std::uint32_t kType64 = 0x4;
 constexpr std::uint32_t kAddressMask = ~std::uint32_t(0xF);
-constexpr std::uint64_t kFourGiB = 0x100000000;
 
 // The colour the test line is painted with.
 constexpr std::uint8_t kRed = 0x11;
@@ -55,7 +57,7 @@ std::uint32_t ComparedPixels(const PixelPattern& pattern, std::uint32_t width) {
 bool ShowsPattern(std::uint32_t window, const PixelPattern& pattern, std::uint32_t width) {
     std::uint32_t pixels = ComparedPixels(pattern, width);
     // A line that would run past 4 GiB can't be described in the record.
-    if (std::uint64_t(window) + std::uint64_t(pixels) * pattern.bytes_per_pixel > kFourGiB) return false;
+    if (std::uint64_t(window) + std::uint64_t(pixels) * pattern.bytes_per_pixel > kBelowFourGiB) return false;
     for (std::uint32_t i = 0; i < pixels; ++i) {
         std::uint64_t pixel = std::uint64_t(window) + std::uint64_t(i) * pattern.bytes_per_pixel;
         if (PhysicalByte(pixel) != pattern.first || PhysicalByte(pixel + 1) != pattern.second ||
