@@ -12,6 +12,13 @@
 class FATDriver : public FileSystemDriverWindows {
 public:
     class FATHandler;
+    class FATDirectory;
+    class FATIterator;
+    class FATFile;
+    // Name and time conversions of directory entries, without state of their own.
+    class FATText;
+    class ShortName;
+    class EntryTime;
 
     // Writes a changed free count to the FSInfo sector, dismounts, and
     // destroys the handler.
