@@ -1,6 +1,12 @@
 #include "fat/fat_driver.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "fat/fat_directory.h"
 #include "fat/fat_handler.h"
+#include "fat/fat_text.h"
+#include "fsdriver/driver_error.h"
 #include "fsdriver/cached_block.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
@@ -125,4 +131,58 @@ void FATDriver::flush_blocks() {
         }
     }
     FileSystemDriver::flush_blocks();
+}
+
+bool FATDriver::passes_filter(std::uint32_t cluster, std::uint32_t size, bool directory) const {
+    if (filter_bits == nullptr) return true;
+    if ((size == 0 && !directory) || cluster < 2) return true;
+    std::uint64_t bit = cluster - 2;
+    return bit < filter_size && (filter_bits[bit / 8] >> (bit % 8) & 1) != 0;
+}
+
+void FATDriver::space(std::uint64_t& total, std::uint64_t& free, std::uint64_t& available) {
+    total = (std::uint64_t(sectors_per_cluster) * cluster_count + first_data_sector) * sector_size;
+    free = std::uint64_t(free_cluster_count(false)) * sectors_per_cluster * sector_size;
+    available = free;
+}
+
+void FATDriver::label(char16_t* buffer, std::uint32_t capacity) {
+    if (capacity == 0) return;
+    const unsigned char* bytes = boot_label;
+    auto* root = static_cast<FATDirectory*>(get_object(0));
+    for (std::uint32_t index = 0; index < root->entry_count && !root->entry(index).is_end(); ++index) {
+        const DirEntry& candidate = root->entry(index);
+        if (!candidate.is_deleted() && (candidate.attr & fat_entry::kVolumeLabel) != 0 && !candidate.is_long()) {
+            bytes = candidate.name;
+            break;
+        }
+    }
+    std::u16string text;
+    if (!FATText::oem_to_text(bytes, 11, text)) text.clear();
+    for (char16_t& unit : text) {
+        if (unit == 0) unit = u' ';
+    }
+    while (!text.empty() && text.back() == u' ') text.pop_back();
+    std::size_t length = std::min<std::size_t>(text.size(), capacity - 1);
+    std::copy(text.begin(), text.begin() + length, buffer);
+    buffer[length] = 0;
+}
+
+int FATDriver::compare_identifiers(const file_identifier& a, const file_identifier& b) {
+    auto key_of = [](const file_identifier& identifier) -> const unsigned char* {
+        auto* known = dynamic_cast<const the_identifier*>(&identifier);
+        return known != nullptr ? known->key() : nullptr;
+    };
+    const unsigned char* left = key_of(a);
+    const unsigned char* right = key_of(b);
+    if (left == nullptr || right == nullptr) return left == right ? 0 : left == nullptr ? -1 : 1;
+    int order = std::memcmp(left, right, 11);
+    return order < 0 ? -1 : order > 0 ? 1 : 0;
+}
+
+void FATDriver::normalize_path(std::u16string& path) { FATText::text_upper(path); }
+
+FileSystemDriver::DirectoryObject* FATDriver::open_directory(std::uint32_t id) {
+    if (id != 0 && !valid_cluster(id)) RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    return new FATDirectory(this, id);
 }

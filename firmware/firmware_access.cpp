@@ -1,6 +1,7 @@
 #include "firmware/firmware_access.h"
 
 #include "firmware/image_path.h"
+#include "firmware/unicode_collation.h"
 
 namespace {
 EFI_HANDLE image_handle = nullptr;
@@ -13,6 +14,7 @@ void InitializeFirmwareAccess(EFI_HANDLE image, EFI_SYSTEM_TABLE* table) {
     image_handle = image;
     system_table = table;
     ForgetImagePath();
+    ForgetUnicodeCollation();
 }
 
 EFI_HANDLE ImageHandle() { return image_handle; }

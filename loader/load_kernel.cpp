@@ -5,6 +5,7 @@
 
 #include "firmware/efi_file.h"
 #include "launch/boot_linux.h"
+#include "loader/mount_volume.h"
 #include "loader/partition_disk.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
@@ -83,19 +84,25 @@ Common::Error ParseLocation(const xml_element* element, const std::string& key, 
     return Common::Success;
 }
 
-Common::Error OpenLocation(LoadKernel&, const FileLocation& location, boost::shared_ptr<ri_file>& file) {
+Common::Error OpenLocation(LoadKernel& action, const FileLocation& location, boost::shared_ptr<ri_file>& file) {
     if (location.OnOwnVolume()) {
         std::u16string path = location.path;
         std::replace(path.begin(), path.end(), u'/', u'\\');
         file.reset(Uefi::OpenFile(path).release());
         return Common::Success;
     }
-    std::unique_ptr<Fdisk::SimpleDisk> disk;
-    Common::Error error = FindPartitionDisk(location.guid, disk);
-    if (error.Failed()) return error;
-    // The partition is there, but this build carries no file-system driver
-    // that could mount it yet.
-    return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+    if (!action.volume) {
+        std::unique_ptr<Fdisk::SimpleDisk> disk;
+        Common::Error error = FindPartitionDisk(location.guid, disk);
+        if (error.Failed()) return error;
+        action.volume.reset(MountVolume(kDriverTable[0].factory, disk));
+        if (!action.volume) return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+    }
+    const char16_t* leaf = location.path.c_str();
+    std::unique_ptr<rio_dir> parent(action.volume->open_parent(leaf));
+    if (parent) file.reset(parent->open_for_update(leaf, true));
+    if (!file || file->failed()) return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+    return Common::Success;
 }
 
 Common::Error LoadKernel::Load() {

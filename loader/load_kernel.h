@@ -5,8 +5,10 @@
 #include <boost/shared_ptr.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "files/dir_object.h"
 #include "files/file_object.h"
 #include "loader/action.h"
 
@@ -26,6 +28,9 @@ public:
     Common::Error Load() override;
     Common::Error Run() override;
 
+    // The root of the volume named by the first GPT location, mounted once
+    // for both files. Its files keep the driver alive on their own too.
+    std::unique_ptr<rio_dir> volume;
     boost::shared_ptr<ri_file> kernel;
     boost::shared_ptr<ri_file> ramdisk;
     std::string arguments;

@@ -6,12 +6,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "launch/boot_params.h"
-#include "platform/host/graphics_stand_ins.h"
 #include "platform/clib/clib.h"
+#include "platform/host/block_io_devices.h"
+#include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tools/command.h"
 
@@ -21,8 +23,8 @@ namespace MorvaneTool {
 namespace {
 
 const char kUsage[] =
-    "Usage: morvane boot --esp DIR [--keys KEYS] [--image PATH] [--vars FILE]\n"
-    "                    [--no-display] [-- LOAD OPTIONS...]\n"
+    "Usage: morvane boot --esp DIR [--disk IMAGE]... [--keys KEYS] [--image PATH]\n"
+    "                    [--vars FILE] [--no-display] [-- LOAD OPTIONS...]\n"
     "\n"
     "Runs the loader on a simulated machine whose EFI system partition is the\n"
     "folder DIR, prints the console as the firmware shows it, then how the run\n"
@@ -36,6 +38,9 @@ const char kUsage[] =
     "                 written back to FILE\n"
     "  --no-display   a machine without graphics output (the simulated one\n"
     "                 otherwise has a 1024x768 display)\n"
+    "  --disk IMAGE   a disk image file attached as a hard disk, read-only; each\n"
+    "                 partition of its GPT becomes a partition of the machine,\n"
+    "                 so a LoadKernel with a GPT Guid can find it (repeatable)\n"
     "  --keys KEYS    keys typed, in order: characters stand for themselves,\n"
     "                 {Esc} {Up} {Down} {Left} {Right} {Home} {End} {Insert}\n"
     "                 {Delete} {PgUp} {PgDown} {F1}..{F12} for named keys,\n"
@@ -92,6 +97,20 @@ bool QueueKeys(HostFirmware::Simulator& firmware, const std::string& keys, std::
             return false;
         }
         firmware.PushKey(0, found->scan_code, at);
+    }
+    return true;
+}
+
+// Attaches each image as a read-only hard disk, in the order given, so the
+// machine's block devices are numbered as on the command line.
+bool AttachDisks(HostFirmware::Simulator& firmware, const std::vector<std::string>& images, std::string& problem) {
+    for (const std::string& image : images) {
+        try {
+            firmware.Disks().Attach(image);
+        } catch (const std::runtime_error& error) {
+            problem = error.what();
+            return false;
+        }
     }
     return true;
 }
@@ -189,6 +208,7 @@ int RunBootCommand(int argc, char** argv) {
     std::string keys;
     std::string image = "\\EFI\\BOOT\\BOOTX64.EFI";
     std::string vars;
+    std::vector<std::string> disks;
     bool display = true;
     std::vector<std::string> options;
     bool have_options = false;
@@ -206,6 +226,8 @@ int RunBootCommand(int argc, char** argv) {
             esp = argv[++i];
         } else if (argument == "--keys" && has_value) {
             keys = argv[++i];
+        } else if (argument == "--disk" && has_value) {
+            disks.push_back(argv[++i]);
         } else if (argument == "--image" && has_value) {
             image = argv[++i];
         } else if (argument == "--vars" && has_value) {
@@ -234,6 +256,10 @@ int RunBootCommand(int argc, char** argv) {
     }
     if (!vars.empty() && !firmware.Variables().LoadFile(vars, problem)) {
         std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
+        return kExitUsageOrIo;
+    }
+    if (!AttachDisks(firmware, disks, problem)) {
+        std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
         return kExitUsageOrIo;
     }
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);

@@ -13,5 +13,6 @@ constexpr int kExitUsageOrIo = 2;
 int RunConfCommand(int argc, char** argv);
 int RunBootCommand(int argc, char** argv);
 int RunVarsCommand(int argc, char** argv);
+int RunFsCommand(int argc, char** argv);
 
 }  // namespace MorvaneTool

@@ -2,7 +2,8 @@
 # Installs the Debian packages the project needs; quiet when all are there.
 set -eu
 packages="build-essential cmake g++ binutils gnu-efi libboost-dev googletest libgtest-dev libgmock-dev
- libbenchmark-dev qemu-system-x86 ovmf mtools dosfstools gdisk cpio clang-14 libclang-rt-14-dev libfuzzer-14-dev"
+ libbenchmark-dev qemu-system-x86 ovmf mtools dosfstools gdisk cpio clang-14 libclang-rt-14-dev libfuzzer-14-dev
+ grub-common"
 missing=""
 for package in $packages; do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

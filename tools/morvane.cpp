@@ -16,6 +16,7 @@ const subcommand kSubcommands[] = {
     {"conf", "check, show and convert configuration documents", MorvaneTool::RunConfCommand},
     {"boot", "run the whole loader on a simulated machine", MorvaneTool::RunBootCommand},
     {"vars", "list the boot entries of an OVMF variable file", MorvaneTool::RunVarsCommand},
+    {"fs", "list, read and change a disk image's volume with the loader's drivers", MorvaneTool::RunFsCommand},
 };
 
 void PrintUsage(std::FILE* out) {

@@ -54,6 +54,51 @@ printf '<R><Menu><Entry Key="a" Text="only"><Chainload/></Entry></Menu></R>' > "
 "$tool" boot --esp "$work/wait" > "$work/out" 2>&1
 grep -q '^ended: waiting for a key that never comes' "$work/out" || fail "waiting: $(cat "$work/out")"
 
+# A GPT disk made by sgdisk: partition 1 holds no file system, partition 2
+# is a FAT volume made by mkfs.fat with the kernel and a ramdisk of its own
+# below \boot. The document names partition 2 by its GUID in lower case.
+gpt_guid=6a1f3e2d-9b4c-4d5e-8f70-112233445566
+blank_guid=0D9C8B7A-6F5E-4D3C-AB2A-998877665544
+disk="$work/gpt.img"
+truncate -s 8M "$disk"
+sgdisk -o -n 1:0:+1M -t 1:8300 -u 1:$blank_guid -n 2:0:0 -t 2:0700 -u 2:$gpt_guid "$disk" > "$work/sgdisk.out" 2>&1 ||
+    fail "sgdisk: $(cat "$work/sgdisk.out")"
+first=$(sgdisk -i 2 "$disk" | sed -n 's/^First sector: \([0-9]*\).*/\1/p')
+last=$(sgdisk -i 2 "$disk" | sed -n 's/^Last sector: \([0-9]*\).*/\1/p')
+mkfs.fat -C "$work/part.img" $(( (last - first + 1) / 2 )) > /dev/null || fail "mkfs.fat"
+printf 'ramdisk from the partition' > "$work/gpt-initrd.img"
+if ! { mmd -i "$work/part.img" ::/boot && mcopy -i "$work/part.img" "$kernel" ::/boot/vmlinuz &&
+       mcopy -i "$work/part.img" "$work/gpt-initrd.img" ::/boot/initrd.img; }; then
+    fail "mtools cannot fill the partition"
+fi
+dd if="$work/part.img" of="$disk" bs=512 seek="$first" conv=notrunc status=none
+rm -f "$kernel" "$work/esp/initrd.img"
+
+# gpt_document GUID: a menu whose default entry boots from the partition GUID.
+gpt_document() {
+    printf '<R><Menu><Topic Delay="1"/><Entry Key="l" Text="Linux" Default=""><LoadKernel>'
+    printf '<Kernel Path="/boot/vmlinuz" Arguments="root=PARTUUID=%s"/>' "$gpt_guid"
+    printf '<Ramdisk Path="\\boot\\initrd.img"/><GPT Guid="%s"/></LoadKernel></Entry></Menu></R>' "$1"
+}
+gpt_document "$gpt_guid" > "$work/esp/EFI/BOOT/BOOTX64.xml"
+"$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1 || fail "boot exited with $?"
+grep -q '^ended: the kernel took over' "$work/out" || fail "GPT boot: $(cat "$work/out")"
+grep -q 'ramdisk           0x[0-9a-f]*, 26 bytes' "$work/out" || fail "GPT ramdisk: $(cat "$work/out")"
+grep -q "command line      \"reboot=k root=PARTUUID=$gpt_guid\"" "$work/out" || fail "GPT command line: $(cat "$work/out")"
+
+# A GUID that no partition has, and a partition that no driver mounts: each
+# stops the loader with its report, and no kernel runs.
+gpt_document 6A1F3E2D-9B4C-4D5E-8F70-112233445567 > "$work/esp/EFI/BOOT/BOOTX64.xml"
+"$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
+grep -q "^Runtime exception 'No se pudo encontrar\.', code 1101838, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
+    fail "wrong GUID: $(cat "$work/out")"
+gpt_document "$blank_guid" > "$work/esp/EFI/BOOT/BOOTX64.xml"
+"$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
+grep -q "^Runtime exception '', code 21495816, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
+    fail "unmounted partition: $(cat "$work/out")"
+"$tool" boot --esp "$work/esp" --disk "$work/missing.img" > "$work/out" 2>&1
+[ $? -eq 2 ] || fail "a missing disk image must exit with 2"
+
 # Usage errors exit with 2.
 "$tool" boot --esp "$work/esp" --keys '{Nope}' > "$work/out" 2>&1
 [ $? -eq 2 ] || fail "an unknown key name must exit with 2"

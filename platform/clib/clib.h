@@ -1,12 +1,14 @@
 #pragma once
 // The C library layer over the firmware: standard output on the firmware's
 // console, formatted printing for 8-bit and 16-bit formats, the multibyte
-// form (UTF-8) of 16-bit strings, and the end of the program. It holds its
-// own copy of the firmware pointers because it starts before anything else.
+// form (UTF-8) of 16-bit strings, calendar time, and the end of the program.
+// It holds its own copy of the firmware pointers because it starts before
+// anything else.
 #include <efi.h>
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace Clib {
@@ -45,6 +47,32 @@ void WriteStdout(const std::u16string& text);
 // their own 3-byte forms, so nothing is lost on the way.
 std::string ToMultibyte(const char16_t* text, std::size_t length);
 std::u16string FromMultibyte(const char* text, std::size_t length);
+
+// A moment in the calendar, with the fields and ranges of the C library's
+// broken-down time: month 0 to 11, year counted from 1900, daylight saving
+// -1 for not known.
+struct CalendarTime {
+    int second = 0;
+    int minute = 0;
+    int hour = 0;
+    int day = 1;
+    int month = 0;
+    int year = 70;
+    int daylight = -1;
+};
+
+// Local calendar time to seconds since 1970-01-01 00:00:00 UTC. Fields out
+// of their range carry over as with mktime (month 12 is January of the next
+// year, day 0 the last day of the month before). -1 when it cannot be told.
+std::int64_t MakeTime(const CalendarTime& local);
+// Seconds since 1970 to local calendar time; false when it cannot be told.
+bool LocalTime(std::int64_t seconds, CalendarTime& local);
+// The same two conversions in UTC, by calendar arithmetic alone, whatever
+// the world's time zone.
+std::int64_t UtcMakeTime(const CalendarTime& utc);
+bool UtcTime(std::int64_t seconds, CalendarTime& utc);
+// The present moment in milliseconds since 1970, 0 when the clock can't be read.
+std::int64_t Now();
 
 }  // namespace Clib
 

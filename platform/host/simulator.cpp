@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "firmware/firmware_access.h"
 #include "platform/clib/clib.h"
 
 namespace HostFirmware {
@@ -65,6 +66,8 @@ Simulator::Simulator() : previous_(current) {
 
 Simulator::~Simulator() {
     ClibTesting::ForgetImage();
+    // The loader's firmware pointers must not outlive the tables they point at.
+    if (Uefi::SystemTable() == &system_table_) Uefi::InitializeFirmwareAccess(nullptr, nullptr);
     for (auto& block : pool_blocks_) std::free(block.first);
     for (auto& run : page_runs_) munmap(reinterpret_cast<void*>(run.first), run.second * 4096);
     current = previous_;

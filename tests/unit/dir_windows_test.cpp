@@ -13,9 +13,9 @@
 
 namespace {
 
-class WinTree : public driver_test::TreeDriverOf<FileSystemDriverWindows> {
+class WinTree : public driver_test::NotingTreeDriverOf<FileSystemDriverWindows> {
 public:
-    using TreeDriverOf::TreeDriverOf;
+    using NotingTreeDriverOf::NotingTreeDriverOf;
 };
 
 // A mounted volume that the test holds by one reference, as the loader does.
@@ -212,6 +212,53 @@ TEST(DirWindows, RelationsAndRequests) {
     std::uint32_t unknown[2] = {0x58585858, 0};
     root->control(unknown);
     EXPECT_EQ(root->error().Code(), Common::FILE_UNSUPPORTED);
+}
+
+TEST(DirWindows, ShortNameAndFormatRequests) {
+    WinVolume v;
+    auto root = v.root();
+    std::unique_ptr<rio_dir> grub(root->open_dir(u"boot\\grub"));
+    delete grub->begin();  // the walk enters the path cache
+    ASSERT_FALSE(v.driver->path_cache.empty());
+
+    struct {
+        std::uint32_t word, pad;
+        const char16_t* name;
+        const char16_t* short_name;
+    } request = {0x4E465353, 0, u"boot", u"BOOT~1"};  // "SSFN"
+    root->control(&request);
+    EXPECT_FALSE(root->failed());
+    EXPECT_TRUE(v.driver->path_cache.empty());
+    for (auto names : {std::make_pair(u"a:b", u"AB"), std::make_pair(u"boot", u"B*"), std::make_pair(u"", u"X")}) {
+        request.name = names.first;
+        request.short_name = names.second;
+        root->control(&request);
+        EXPECT_EQ(root->error().Code(), Common::FILE_RENAME);
+    }
+    EXPECT_EQ(v.driver->notes, std::vector<std::string>{"short boot BOOT~1"});
+
+    // "MKFF" belongs to the root, and goes on to the driver from there only.
+    std::uint32_t make_ff[4] = {0x46464B4D};
+    grub->control(make_ff);
+    EXPECT_EQ(grub->error().Code(), Common::FILE_UNSUPPORTED);
+    EXPECT_EQ(v.driver->notes.size(), 1u);
+    root->control(make_ff);
+    EXPECT_EQ(v.driver->notes.back(), "driver MKFF");
+
+    // "SRSQ" is both flavours'; "STME" is the other flavour's.
+    const char data[] = "sd";
+    struct {
+        std::uint32_t word, pad;
+        const char16_t* path;
+        const void* data;
+        std::uint64_t size;
+    } security = {0x51535253, 0, u"\\boot\\vmlinuz", data, 2}, times = {0x454D5453, 0, u"boot", nullptr, 0};
+    root->control(&security);
+    EXPECT_FALSE(root->failed());
+    EXPECT_EQ(v.driver->notes.back(), "security vmlinuz sd");
+    root->control(&times);
+    EXPECT_EQ(root->error().Code(), Common::FILE_UNSUPPORTED);
+    EXPECT_EQ(v.driver->notes.back(), "driver STME");
 }
 
 TEST(DirWindows, DirectoriesKeepTheDriverAlive) {

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "firmware/simple_disk.h"
+#include "fsdriver/backup_object.h"
 #include "fsdriver/directory_object.h"
 #include "fsdriver/file_object.h"
 #include "fsdriver/file_system_driver.h"
@@ -254,6 +256,108 @@ public:
     std::vector<Node> nodes;
     int lookups = 0;
     int opened = 0;
+};
+
+// What a noting tree asks the test for when a backup or restore object is
+// wanted: `what` says of which entry ("file:NAME", "dir:NAME", "dir:." for
+// the directory itself). None refuses.
+using BackupFactory = std::function<FileSystemDriver::BackupObject*(const std::string& what)>;
+using RestoreFactory = std::function<FileSystemDriver::RestoreObject*(const std::string& what)>;
+
+inline std::string NarrowText(const std::u16string& text) { return std::string(text.begin(), text.end()); }
+
+// A file of the noting tree, which can be backed up and restored.
+class NotingFile : public MemoryFile {
+public:
+    NotingFile(std::vector<std::string>* events, std::string what, const BackupFactory& backup,
+               const RestoreFactory& restore)
+        : MemoryFile(events), what_(std::move(what)), backup_(backup), restore_(restore) {}
+    FileSystemDriver::BackupObject* new_backup_object(std::uint32_t) override { return backup_(what_); }
+    FileSystemDriver::RestoreObject* new_restore_object(std::uint32_t) override { return restore_(what_); }
+
+private:
+    std::string what_;
+    const BackupFactory& backup_;
+    const RestoreFactory& restore_;
+};
+
+// A tree directory that notes the optional operations it is asked for, as
+// "operation NAME args", and answers backups and restores by the factories.
+class NotingDirectory : public TreeDirectory {
+public:
+    NotingDirectory(FileSystemDriver* driver, std::uint32_t id, std::vector<Node>& nodes, int& lookups,
+                    std::vector<std::string>& notes, const BackupFactory& backup, const RestoreFactory& restore)
+        : TreeDirectory(driver, id, nodes, lookups), nodes_(nodes), notes_(notes), backup_(backup), restore_(restore) {}
+
+    void set_security(const std::u16string& name, const void* data, std::uint32_t size) override {
+        notes_.push_back("security " + NarrowText(name) + " " + std::string(static_cast<const char*>(data), size));
+    }
+    void set_permissions(const std::u16string& name, std::uint32_t value) override {
+        notes_.push_back("permissions " + NarrowText(name) + " " + std::to_string(value));
+    }
+    void set_owner(const std::u16string& name, std::uint32_t owner, std::uint32_t group) override {
+        notes_.push_back("owner " + NarrowText(name) + " " + std::to_string(owner) + " " + std::to_string(group));
+    }
+    void set_times(const std::u16string& name, std::uint64_t modified, std::uint64_t created,
+                   std::uint64_t accessed) override {
+        notes_.push_back("times " + NarrowText(name) + " " + std::to_string(modified) + " " + std::to_string(created) +
+                         " " + std::to_string(accessed));
+    }
+    void make_node(const std::u16string& name, std::uint32_t kind, std::uint32_t permissions, std::uint32_t major,
+                   std::uint32_t minor) override {
+        notes_.push_back("node " + NarrowText(name) + " " + std::to_string(kind) + " " + std::to_string(permissions) +
+                         " " + std::to_string(major) + " " + std::to_string(minor));
+    }
+    void set_short_name(const std::u16string& name, const std::u16string& short_name) override {
+        notes_.push_back("short " + NarrowText(name) + " " + NarrowText(short_name));
+    }
+    FileSystemDriver::FileObject* open_file(FileSystemDriver::IteratorObject& entry) override {
+        return new NotingFile(&events, "file:" + NarrowText(entry.name()), backup_, restore_);
+    }
+    FileSystemDriver::FileObject* create_file(const std::u16string& name) override {
+        nodes_.push_back(Node{false, {}});
+        node().entries[name] = static_cast<std::uint32_t>(nodes_.size() - 1);
+        notes_.push_back("create " + NarrowText(name));
+        return new NotingFile(&events, "file:" + NarrowText(name), backup_, restore_);
+    }
+    FileSystemDriver::BackupObject* new_backup_object(FileSystemDriver::IteratorObject* entry,
+                                                      std::uint32_t) override {
+        return backup_("dir:" + (entry == nullptr ? std::string(".") : NarrowText(entry->name())));
+    }
+    FileSystemDriver::RestoreObject* new_restore_object(std::uint32_t) override {
+        return restore_("dir:" + std::to_string(id));
+    }
+
+private:
+    std::vector<Node>& nodes_;
+    std::vector<std::string>& notes_;
+    const BackupFactory& backup_;
+    const RestoreFactory& restore_;
+};
+
+// A tree driver whose directories note what they are asked, and which
+// notes the request words that reach the driver itself.
+template <typename Base>
+class NotingTreeDriverOf : public TreeDriverOf<Base> {
+public:
+    using TreeDriverOf<Base>::TreeDriverOf;
+
+    FileSystemDriver::DirectoryObject* open_directory(std::uint32_t id) override {
+        ++this->opened;
+        return new NotingDirectory(this, id, this->nodes, this->lookups, notes, backup, restore);
+    }
+    void control(void* block) override {
+        char word[5] = {};
+        std::memcpy(word, block, 4);
+        notes.push_back(std::string("driver ") + word);
+        FileSystemDriver::control(block);
+    }
+    bool supports_backup() override { return static_cast<bool>(backup); }
+    bool supports_restore() override { return static_cast<bool>(restore); }
+
+    std::vector<std::string> notes;
+    BackupFactory backup;    // empty: backups unsupported
+    RestoreFactory restore;  // empty: restores unsupported
 };
 
 }  // namespace driver_test

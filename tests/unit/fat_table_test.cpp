@@ -725,7 +725,9 @@ TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
             EXPECT_EQ(std::memcmp(&raw[reserved * sector], &raw[(reserved + copy * spf) * sector], spf * sector), 0)
                 << copy;
         }
-        if (c.bits == 32) EXPECT_EQ(Le(raw, Le(raw, 48, 2) * sector + 488, 4), expected_free);
+        if (c.bits == 32) {
+            EXPECT_EQ(Le(raw, Le(raw, 48, 2) * sector + 488, 4), expected_free);
+        }
         std::remove(image.c_str());
         std::remove((image + ".free").c_str());
     }

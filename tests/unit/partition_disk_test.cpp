@@ -214,7 +214,9 @@ TEST(PartitionDisk, OnlyAGptSignatureMatches) {
         std::unique_ptr<Fdisk::SimpleDisk> disk;
         EXPECT_EQ(EfiLoader::FindPartitionDisk(kBoot.bytes, disk).Code(), c.code);
         EXPECT_EQ(disk != nullptr, c.code == 0);
-        if (disk) EXPECT_EQ(disk->GetLastSector(), 99u);
+        if (disk) {
+            EXPECT_EQ(disk->GetLastSector(), 99u);
+        }
     }
 }
 
@@ -282,23 +284,56 @@ TEST(PartitionDisk, AFailedEnumerationGivesTheFirmwareStatus) {
 // The kernel action's partition road, as far as this build goes: a GUID that
 // names no partition is not found; one that names a partition reaches the
 // mount, which no built-in driver takes yet.
+// Three's kRoot partition formatted by mkfs.fat and filled by mtools with
+// a kernel and a ramdisk under \boot; the other partitions hold no volume.
+struct FatPartitionImage {
+    TestSupport::TempFolder folder;
+    std::string path = folder.Path() + "/fat.img";
+    FatPartitionImage() {
+        const MadePartition& root = Three().made.at(1);
+        const std::string volume = folder.Path() + "/volume.img";
+        const std::string make =
+            "cp '" + Three().path + "' '" + path + "' && truncate -s " +
+            std::to_string((root.last - root.first + 1) * 512) + " '" + volume + "' && mkfs.fat -F 12 '" + volume +
+            "' >/dev/null && printf 'kernel bytes' > '" + folder.Path() + "/k' && printf 'ramdisk' > '" +
+            folder.Path() + "/r' && mmd -i '" + volume + "' ::BOOT && mcopy -i '" + volume + "' '" + folder.Path() +
+            "/k' ::BOOT/vmlinuz && mcopy -i '" + volume + "' '" + folder.Path() + "/r' ::BOOT/Initrd.img && dd if='" +
+            volume + "' of='" + path + "' bs=512 seek=" + std::to_string(root.first) + " conv=notrunc status=none";
+        EXPECT_EQ(std::system(make.c_str()), 0) << make;
+    }
+};
+
+std::string ReadAll(ri_file& file) {
+    char buffer[64];
+    std::uint64_t got = 0;
+    file.read(buffer, sizeof buffer, got);
+    return std::string(buffer, got);
+}
+
 TEST(PartitionDisk, KernelActionOnAPartition) {
+    FatPartitionImage image;
     struct Case {
         const char* guid;
+        const char16_t* kernel_path;
         std::uint32_t code;
     };
     const Case cases[] = {
-        {kRoot.text, 0x1480008},                               // VOLUME_NOT_MOUNTED
-        {"A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5062", 0x10D00E},   // DISK_NOT_FOUND
+        {kRoot.text, u"/boot/vmlinuz", 0},
+        // The path walk takes both separators, and the names their FAT case rules.
+        {"a1b2c3d4-e5f6-4708-9a0b-1c2d3e4f5061", u"\\BOOT\\VMLINUZ", 0},
+        {kRoot.text, u"\\boot\\missing", 0x1480008},          // VOLUME_NOT_MOUNTED
+        {kHome.text, u"\\boot\\vmlinuz", 0x1480008},          // no driver takes it
+        {"A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5062", u"\\vmlinuz", 0x10D00E},  // DISK_NOT_FOUND
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.guid);
         Firmware firmware;
-        firmware.Disks().Attach(Three().path);
+        firmware.Disks().Attach(image.path);
         auto element = xml_element::create("LoadKernel");
         auto kernel = xml_element::create("Kernel");
-        kernel->attributes["Path"] = u"\\vmlinuz";
+        kernel->attributes["Path"] = c.kernel_path;
         auto ramdisk = xml_element::create("Ramdisk");
-        ramdisk->attributes["Path"] = u"\\initrd.img";
+        ramdisk->attributes["Path"] = u"boot/initrd.img";
         auto gpt = xml_element::create("GPT");
         std::string guid = c.guid;
         gpt->attributes["Guid"] = std::u16string(guid.begin(), guid.end());
@@ -306,7 +341,13 @@ TEST(PartitionDisk, KernelActionOnAPartition) {
         element->append_child(std::move(ramdisk));
         element->append_child(std::move(gpt));
         EfiLoader::LoadKernel action(element.get());
-        EXPECT_EQ(action.Load().Code(), c.code) << c.guid;
+        EXPECT_EQ(action.Load().Code(), c.code);
+        if (c.code != 0) continue;
+        ASSERT_TRUE(action.kernel && action.ramdisk);
+        // Both files come from the one volume the action holds.
+        EXPECT_NE(action.volume, nullptr);
+        EXPECT_EQ(ReadAll(*action.kernel), "kernel bytes");
+        EXPECT_EQ(ReadAll(*action.ramdisk), "ramdisk");
     }
 }
 

@@ -1,0 +1,75 @@
+# shellcheck shell=bash
+# GPT disks for the end-to-end runs, made by sgdisk, with FAT volumes made
+# by mkfs.fat straight into their partitions and filled by mtools through
+# the image@@offset form. Sourced by gpt_scenarios.sh.
+
+# make_gpt_layout IMAGE SIZE_MIB [TYPE:SIZE_MIB:UNIQUE_GUID]...: a zeroed
+# (sparse) disk of SIZE_MIB with one partition per argument, in order, from
+# sgdisk's first aligned sector on. TYPE is sgdisk's short code (EF00 for an
+# EFI system partition, 0700 for a basic data one). Each partition starts
+# out zeroed: no file system until fill_fat_partition makes one.
+make_gpt_layout() {
+    local image=$1 size=$2 number=0 part type rest
+    local -a arguments=(-o)
+    shift 2
+    rm -f "$image"
+    truncate -s "${size}M" "$image" || return 1
+    for part in "$@"; do
+        number=$((number + 1))
+        type=${part%%:*}
+        rest=${part#*:}
+        arguments+=(-n "$number:0:+${rest%%:*}M" -t "$number:$type" -u "$number:${rest#*:}")
+    done
+    # One run writes the whole table. -q stays out: with it this sgdisk
+    # silently writes nothing.
+    sgdisk "${arguments[@]}" "$image" >"$image.sgdisk" 2>&1 || { cat "$image.sgdisk" >&2; return 1; }
+    rm -f "$image.sgdisk"
+}
+
+# partition_sectors IMAGE N: "FIRST LAST", the LBAs of partition N.
+partition_sectors() {
+    sgdisk -i "$2" "$1" | sed -n -e 's/^First sector: \([0-9]*\).*/\1/p' -e 's/^Last sector: \([0-9]*\).*/\1/p' |
+        paste -s -d ' '
+}
+
+# fill_fat_partition IMAGE N FAT_BITS [HOST_FILE PATH]...: a FAT volume of
+# FAT_BITS (12, 16 or 32; empty lets mkfs.fat choose) over the whole of
+# partition N, holding each HOST_FILE at PATH (mtools form, ::/A/B; folders
+# are made as needed).
+fill_fat_partition() {
+    local image=$1 number=$2 bits=$3 first last offset folder
+    local -a format=()
+    shift 3
+    read -r first last <<<"$(partition_sectors "$image" "$number")"
+    if [ -z "$first" ] || [ -z "$last" ]; then
+        echo "no partition $number on $image" >&2
+        return 1
+    fi
+    [ -z "$bits" ] || format=(-F "$bits")
+    # The block count is in KiB; --offset keeps the volume inside the
+    # partition and records its start as the hidden sectors. mkfs.fat warns
+    # that the count is not the whole file's: that is the point, so its
+    # words are shown only when it fails.
+    if ! mkfs.fat "${format[@]}" --offset "$first" "$image" $(((last - first + 1) / 2)) >"$image.mkfs" 2>&1; then
+        cat "$image.mkfs" >&2
+        return 1
+    fi
+    rm -f "$image.mkfs"
+    offset=$((first * 512))
+    while [ $# -ge 2 ]; do
+        folder=${2%/*}
+        [ "$folder" = "::" ] || make_partition_folders "$image@@$offset" "$folder" || return 1
+        mcopy -i "$image@@$offset" "$1" "$2" || return 1
+        shift 2
+    done
+}
+
+# make_partition_folders MTOOLS_IMAGE ::/A/B: makes ::/A and ::/A/B as needed.
+make_partition_folders() {
+    local image=$1 path=:: part
+    local IFS=/
+    for part in ${2#::/}; do
+        path=$path/$part
+        mdir -i "$image" "$path" >/dev/null 2>&1 || mmd -i "$image" "$path" || return 1
+    done
+}

@@ -1,0 +1,290 @@
+#!/bin/bash
+# End-to-end scenarios of a kernel named by its GPT partition: one disk made
+# by sgdisk holds the EFI system partition, with the real morvane.efi as the
+# firmware's removable-media boot file and its document beside it, and a
+# FAT32 partition with a chosen unique GUID, made by mkfs.fat and filled by
+# mtools. The document's LoadKernel names that GUID in a <GPT Guid="..."/>
+# element, so the loader must find the partition among the firmware's block
+# devices and read kernel and ramdisk through its own FAT driver: the
+# firmware's own file access could not tell which partition is meant.
+#
+#   tests/e2e/gpt_scenarios.sh BUILD_DIR [SCENARIO]...
+#
+# Scenarios:
+#   kernel       Debian's kernel and the busybox initramfs, only on the
+#                FAT32 partition, boot; /init checks the ramdisk's payload
+#                against its SHA-256 (see tests/e2e/kernel/init).
+#   wrong_guid   the document names a GUID that no partition carries: the
+#                report of DISK_NOT_FOUND, then back to the firmware.
+#   unmounted    the GUID names a partition without a file system: the
+#                report of VOLUME_NOT_MOUNTED, then back to the firmware.
+# The marker app on a second disk is the boot option behind the loader:
+# after a report it ends the run at once. With SCENARIO names, runs only those. Needs
+# BUILD_DIR/morvane.efi, the marker and the host tool BUILD_DIR/morvane
+# (which checks each document first); fetches the kernel and builds the
+# initramfs as kernel_scenarios.sh does. Consoles of failed scenarios are
+# kept in BUILD_DIR/e2e-logs/gpt-NAME.log.
+set -u
+
+if [ $# -lt 1 ]; then
+    echo "usage: $0 BUILD_DIR [SCENARIO]..." >&2
+    exit 2
+fi
+HERE=$(cd "$(dirname "$0")" && pwd)
+BUILD_DIR=$(cd "$1" && pwd) || exit 2
+shift
+. "$HERE/lib.sh"
+. "$HERE/kernel/kernel_lib.sh"
+. "$HERE/gpt_disk.sh"
+e2e_document_images "$BUILD_DIR" || exit 2
+TOOL=$BUILD_DIR/morvane
+kernel_inputs "$BUILD_DIR" || exit 2
+
+WORK=$BUILD_DIR/e2e-gpt-work
+LOGS=$BUILD_DIR/e2e-logs
+rm -rf "$WORK"
+mkdir -p "$WORK" "$LOGS"
+rm -f "$LOGS"/gpt-*.log
+
+# The loader's exact console texts. Non-ASCII letters reach the serial
+# console as '?'.
+STARTUP_LINE='Iniciando el cargador Morvane UEFI...'
+TAG='tag 0x[0-9a-f]{16}'
+DISK_NOT_FOUND_REPORT="^Runtime exception 'No se pudo encontrar\\.', code 1101838, $TAG\$"
+NOT_MOUNTED_REPORT="^Runtime exception '', code 21495816, $TAG\$"
+
+# The partition the kernel lies on, and GUIDs that must not be taken for
+# it: one differs only in its last digit, the other names a partition
+# that holds no file system. The document spells the GUID in lower case,
+# which must match as well as the upper case that sgdisk prints.
+KERNEL_GUID=6a1f3e2d-9b4c-4d5e-8f70-a1b2c3d4e5f6
+NEAR_GUID=6A1F3E2D-9B4C-4D5E-8F70-A1B2C3D4E5F7
+BLANK_GUID=0D9C8B7A-6F5E-4D3C-AB2A-998877665544
+ESP_GUID=3B9E2F51-7C4D-4E8A-9F10-5A6B7C8D9E0F
+# The menu's entry hands its Arguments attribute over behind the loader's
+# fixed prefix.
+ARGUMENTS='console=ttyS0 panic=-1 quiet'
+KERNEL_CMDLINE="reboot=k $ARGUMENTS"
+# Sizes in MiB: the data partition takes the kernel and the 70 MB ramdisk.
+ESP_MIB=40
+DATA_MIB=160
+SMALL_DATA_MIB=40
+
+# gpt_document GUID: a menu whose default entry boots after 1 s, its files
+# named with both kinds of separator, on the partition GUID.
+gpt_document() {
+    printf '<R><Menu><Topic Delay="1"/><Entry Key="l" Text="Linux" Default="">'
+    printf '<LoadKernel><GPT Guid="%s"/>' "$1"
+    printf '<Kernel Path="/boot/vmlinuz" Arguments="%s"/>' "$ARGUMENTS"
+    printf '<Ramdisk Path="\\boot\\initrd.img"/><Loading Text="Cargando..."/>'
+    printf '</LoadKernel></Entry></Menu></R>\n'
+}
+
+# ---------------------------------------------------------------------------
+# Checks. Each writes its complaints through fail, which run_scenario
+# defines per scenario.
+
+# line_of TEXT FILE: number of the first line equal to TEXT, or 0.
+line_of() {
+    local n
+    n=$(grep -n -x -F -e "$1" "$2" | head -n 1 | cut -d: -f1)
+    echo "${n:-0}"
+}
+
+# check_started CONSOLE: the loader started exactly once.
+check_started() {
+    local count
+    count=$(grep -c -x -F -e "$STARTUP_LINE" "$1")
+    if [ "$count" -ne 1 ]; then
+        fail "the loader's start-up line appears $count times, not once"
+    fi
+}
+
+# init_value KEY LINES: the rest of the first /init line "KEY ...".
+init_value() {
+    sed -n "s/^$1 //p" "$2" | head -n 1
+}
+
+# check_gpt_boot DIR CONSOLE: the loader printed the entry and its loading
+# line and nothing else, then the kernel booted with the document's
+# arguments and the whole ramdisk from the partition, and powered off.
+check_gpt_boot() {
+    local dir=$1 console=$2 lines startup greeting value
+    lines=$dir/init.txt
+    init_lines "$console" >"$lines"
+    case $BOOT_END in
+        poweroff) ;;
+        timeout) fail "no power-off within ${KERNEL_BOOT_TIME_LIMIT} s" ;;
+        *) fail "the machine did not power off: QEMU $BOOT_END" ;;
+    esac
+    check_started "$console"
+    if grep -q '^Runtime exception' "$console"; then
+        fail "the loader reported: $(grep '^Runtime exception' "$console" | head -n 1)"
+    fi
+    startup=$(line_of "$STARTUP_LINE" "$console")
+    greeting=$(line_of "$INIT_GREETING" "$console")
+    if [ "$greeting" -eq 0 ]; then
+        fail "the initramfs did not start: no '$INIT_GREETING'"
+        return
+    fi
+    value=$(sed -n "$((startup + 1)),$((greeting - 1))p" "$console" | paste -s -d '|')
+    if [ "$value" != 'Linux|Cargando...' ]; then
+        fail "the loader's lines before the kernel: expected 'Linux|Cargando...', got '$value'"
+    fi
+    value=$(init_value cmdline "$lines")
+    if [ "$value" != "[$KERNEL_CMDLINE]" ]; then
+        fail "kernel command line: expected [$KERNEL_CMDLINE], got ${value:-nothing}"
+    fi
+    value=$(init_value 'payload sha256' "$lines")
+    if [ "$value" != "$PAYLOAD_SHA256 size 67108864" ]; then
+        fail "ramdisk payload: expected $PAYLOAD_SHA256 size 67108864, got ${value:-nothing}"
+    fi
+    if ! grep -q -x 'done' "$lines"; then
+        fail "/init did not reach its end"
+    fi
+}
+
+# check_report_and_next STATUS CONSOLE REGEX: the loader's one line after
+# its start-up line is the report REGEX, no kernel ran, and the firmware
+# went on to the marker, which ended QEMU.
+check_report_and_next() {
+    local status=$1 console=$2 regex=$3 startup report marker
+    case $status in
+        "$MARKER_EXIT_STATUS") ;;
+        124) fail "no end within ${BOOT_TIME_LIMIT} s" ;;
+        *) fail "QEMU exited with status $status, not the marker's $MARKER_EXIT_STATUS" ;;
+    esac
+    check_started "$console"
+    startup=$(line_of "$STARTUP_LINE" "$console")
+    report=$(grep -n -E -e "$regex" "$console" | head -n 1 | cut -d: -f1)
+    if [ -z "$report" ]; then
+        fail "no report /$regex/ (got: $(grep -a 'exception' "$console" | head -n 1))"
+    elif [ "$report" -ne $((startup + 1)) ]; then
+        fail "the report is not the line right after the start-up line"
+    fi
+    marker=$(line_of "$MARKER_LINE" "$console")
+    if [ "$marker" -eq 0 ]; then
+        fail "the next boot option did not start: no '$MARKER_LINE'"
+    elif [ "$marker" -le "${report:-0}" ]; then
+        fail "the marker ran before the report"
+    fi
+    if grep -q -F -e "$INIT_PREFIX" "$console"; then
+        fail "a kernel ran after all"
+    fi
+}
+
+# ---------------------------------------------------------------------------
+# Scenarios. Each makes its disks in DIR and leaves the cleaned console in
+# DIR/console.txt.
+
+# write_document DIR GUID: DIR/BOOTX64.xml for GUID, checked by the host tool.
+write_document() {
+    gpt_document "$2" >"$1/BOOTX64.xml"
+    if ! "$TOOL" conf check "$1/BOOTX64.xml" >"$1/conf-check.txt" 2>&1; then
+        fail "morvane conf check refuses the document: $(cat "$1/conf-check.txt")"
+        return 1
+    fi
+}
+
+# make_gpt_machine_disk DIR DATA_MIB KERNEL RAMDISK: DIR/disk.img with the
+# ESP (the loader and DIR/BOOTX64.xml), the FAT32 data partition with
+# KERNEL and RAMDISK below \boot, and a partition of 1 MiB left blank.
+make_gpt_machine_disk() {
+    local dir=$1 data_mib=$2
+    make_gpt_layout "$dir/disk.img" $((ESP_MIB + data_mib + 4)) \
+        "EF00:$ESP_MIB:$ESP_GUID" "0700:$data_mib:$KERNEL_GUID" "8300:1:$BLANK_GUID" &&
+    fill_fat_partition "$dir/disk.img" 1 "" \
+        "$LOADER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI "$dir/BOOTX64.xml" ::/EFI/BOOT/BOOTX64.xml &&
+    fill_fat_partition "$dir/disk.img" 2 32 "$3" ::/boot/vmlinuz "$4" ::/boot/initrd.img
+}
+
+# The kernel and the initramfs lie only on the FAT32 partition; the entry
+# boots by default after 1 s. The marker disk behind it ends a failed run
+# at once instead of at the time limit.
+scenario_kernel() {
+    local dir=$1
+    write_document "$dir" "$KERNEL_GUID" || return
+    make_gpt_machine_disk "$dir" "$DATA_MIB" "$KERNEL_IMAGE" "$INITRD_IMAGE" ||
+        { fail "cannot make the GPT disk"; return; }
+    make_marker_disk "$dir/next.img" || { fail "cannot make the marker disk"; return; }
+    boot_machine "$dir" -drive format=raw,file="$dir/disk.img" -drive format=raw,file="$dir/next.img"
+    clean_console <"$dir/console.raw" >"$dir/console.txt"
+    check_gpt_boot "$dir" "$dir/console.txt"
+}
+
+# report_scenario DIR GUID REGEX: the disk of the kernel scenario, with
+# small stand-ins for kernel and ramdisk (the report comes before either is
+# read), the document naming GUID, and the marker disk behind it.
+report_scenario() {
+    local dir=$1 guid=$2 regex=$3 status
+    write_document "$dir" "$guid" || return
+    printf 'not a kernel' >"$dir/vmlinuz"
+    printf 'not a ramdisk' >"$dir/initrd.img"
+    make_gpt_machine_disk "$dir" "$SMALL_DATA_MIB" "$dir/vmlinuz" "$dir/initrd.img" ||
+        { fail "cannot make the GPT disk"; return; }
+    make_marker_disk "$dir/next.img" || { fail "cannot make the marker disk"; return; }
+    boot_loader_disks "$dir" "$dir/disk.img" "$dir/next.img"
+    status=$?
+    clean_console <"$dir/console.raw" >"$dir/console.txt"
+    check_report_and_next "$status" "$dir/console.txt" "$regex"
+}
+
+scenario_wrong_guid() {
+    report_scenario "$1" "$NEAR_GUID" "$DISK_NOT_FOUND_REPORT"
+}
+
+scenario_unmounted() {
+    report_scenario "$1" "$BLANK_GUID" "$NOT_MOUNTED_REPORT"
+}
+
+ALL_SCENARIOS="kernel wrong_guid unmounted"
+
+# run_scenario NAME: writes 'pass' or the reasons of failure to WORK/NAME/result.
+run_scenario() {
+    local name=$1 dir=$WORK/$1 failures
+    mkdir -p "$dir"
+    failures=$dir/result
+    : >"$failures"
+    fail() { echo "$1" >>"$failures"; }
+
+    "scenario_$name" "$dir"
+
+    if [ -s "$failures" ]; then
+        {
+            echo "== GPT scenario $name"
+            sed 's/^/== failed: /' "$failures"
+            echo "== machine: ${BOOT_END:-see the status above}"
+            echo "== document"
+            cat "$dir/BOOTX64.xml" 2>/dev/null
+            echo "== console"
+            cat "$dir/console.txt" 2>/dev/null
+            echo "== QEMU's standard error"
+            cat "$dir/qemu.err" 2>/dev/null
+        } >"$LOGS/gpt-$name.log"
+        echo "FAIL $name: $(paste -s -d ';' "$failures")   (log: $LOGS/gpt-$name.log)"
+    else
+        echo pass >"$failures"
+        echo "PASS $name"
+    fi
+    # The disks are remade on every run; only the consoles are worth keeping.
+    rm -f "$dir/disk.img" "$dir/next.img" "$dir/vars.fd" "$dir/screen.ppm"
+}
+
+# Two at a time: one boot keeps one core busy.
+PARALLEL=2
+scenarios=${*:-$ALL_SCENARIOS}
+for name in $scenarios; do
+    case " $ALL_SCENARIOS " in
+        *" $name "*) ;;
+        *) echo "unknown scenario $name (have: $ALL_SCENARIOS)" >&2; exit 2 ;;
+    esac
+done
+for name in $scenarios; do
+    while [ "$(jobs -r -p | wc -l)" -ge "$PARALLEL" ]; do
+        wait -n
+    done
+    run_scenario "$name" &
+done
+wait
+
+tally_results "$WORK"

@@ -1,0 +1,151 @@
+// morvane fs: a disk image's volume as the loader's own drivers see it.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tools/command.h"
+#include "tools/fs_operations.h"
+#include "tools/fs_volume.h"
+
+namespace MorvaneTool {
+namespace {
+
+const char kUsage[] =
+    "Usage: morvane fs [--sector-size BYTES] IMAGE[:N|:GUID] COMMAND [FLAGS] PATH...\n"
+    "\n"
+    "Lists, reads and changes a volume of a disk image through the loader's own\n"
+    "file-system drivers, so that what it shows is what the loader will see.\n"
+    "\n"
+    "  IMAGE        a file holding one volume from its first sector on\n"
+    "  IMAGE:N      the partition with entry number N (from 1) of the image's GPT,\n"
+    "               the number that sgdisk -p prints\n"
+    "  IMAGE:GUID   the GPT partition with that unique partition GUID\n"
+    "  --sector-size BYTES  the image's sector size, 512 or 4096; without it,\n"
+    "               told by where the GPT header lies, else by the boot sector\n"
+    "\n"
+    "Commands (paths on the volume take / or \\ as separators):\n"
+    "  ls [-l] [-R] [PATH...]     list directories; -l adds kind, size and\n"
+    "                             modification time, -R walks below\n"
+    "  stat PATH...               everything the driver tells about entries\n"
+    "  cat PATH...                write files to standard output\n"
+    "  cp-out [-r] PATH... DEST   copy files (with -r directories) to the host,\n"
+    "                             keeping their modification times\n"
+    "  cp-in [-p] HOSTFILE PATH   copy a host file onto the volume; -p keeps its\n"
+    "                             modification time\n"
+    "  mkdir PATH...              make directories\n"
+    "  mv FROM TO                 rename or move an entry\n"
+    "  rm PATH...                 remove files and empty directories\n"
+    "\n"
+    "Times are shown in the local time zone (TZ), in which FAT volumes keep them.\n"
+    "ls, stat, cat and cp-out open the image read-only. A copy that takes longer\n"
+    "than a second shows a progress bar when standard error is a terminal.\n"
+    "Exit status: 0 success, 1 refused by the volume (no such entry, volume not\n"
+    "recognised, disk full...), 2 usage or host input/output error.\n";
+
+struct Operation {
+    const char* name;
+    int (*run)(const FsRequest& request);
+    bool writes;
+    std::size_t fewest_paths;
+    std::size_t most_paths;  // 0: no limit
+    const char* flags;       // the one-letter flags it takes
+};
+
+const Operation kOperations[] = {
+    {"ls", ListEntries, false, 0, 0, "lR"},  {"stat", StatEntries, false, 1, 0, ""},
+    {"cat", CatFiles, false, 1, 0, ""},      {"cp-out", CopyOut, false, 2, 0, "r"},
+    {"cp-in", CopyIn, true, 2, 2, "p"},      {"mkdir", MakeDirs, true, 1, 0, ""},
+    {"mv", MoveEntry, true, 2, 2, ""},       {"rm", RemoveEntries, true, 1, 0, ""},
+};
+
+int UsageError(const std::string& problem) {
+    std::fprintf(stderr, "morvane fs: %s\nRun 'morvane fs --help' for the usage.\n", problem.c_str());
+    return kExitUsageOrIo;
+}
+
+const Operation* FindOperation(const std::string& name) {
+    for (const Operation& operation : kOperations) {
+        if (name == operation.name) return &operation;
+    }
+    return nullptr;
+}
+
+// The operation's flags and operands; "--" ends the flags.
+bool ParseOperands(const Operation& operation, int argc, char** argv, int first, FsOperands& request,
+                   std::string& problem) {
+    bool flags_done = false;
+    for (int i = first; i < argc; ++i) {
+        const char* argument = argv[i];
+        if (flags_done || argument[0] != '-' || argument[1] == 0) {
+            request.paths.emplace_back(argument);
+            continue;
+        }
+        if (std::strcmp(argument, "--") == 0) {
+            flags_done = true;
+            continue;
+        }
+        for (const char* letter = argument + 1; *letter != 0; ++letter) {
+            if (std::strchr(operation.flags, *letter) == nullptr) {
+                problem = std::string(operation.name) + ": unknown flag '-" + *letter + "'";
+                return false;
+            }
+            request.long_form |= *letter == 'l';
+            request.recursive |= *letter == 'R' || *letter == 'r';
+            request.keep_time |= *letter == 'p';
+        }
+    }
+    std::size_t count = request.paths.size();
+    if (count < operation.fewest_paths || (operation.most_paths != 0 && count > operation.most_paths)) {
+        problem = std::string(operation.name) + ": wrong number of paths";
+        return false;
+    }
+    return true;
+}
+
+bool ParseSectorSize(const char* text, std::uint32_t& sector_size) {
+    char* end = nullptr;
+    unsigned long value = std::strtoul(text, &end, 10);
+    if (end == text || *end != 0 || (value != 512 && value != 4096)) return false;
+    sector_size = static_cast<std::uint32_t>(value);
+    return true;
+}
+
+}  // namespace
+
+int RunFsCommand(int argc, char** argv) {
+    std::uint32_t sector_size = 0;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            std::fputs(kUsage, stdout);
+            return kExitOk;
+        }
+        if (argument != "--sector-size" || i + 1 >= argc) return UsageError("unexpected argument '" + argument + "'");
+        if (!ParseSectorSize(argv[++i], sector_size)) return UsageError("the sector size is 512 or 4096");
+    }
+    if (argc - i < 2) return UsageError("an image and a command are needed");
+    VolumeName name;
+    std::string problem;
+    if (!ParseVolumeName(argv[i], name, problem)) return UsageError(problem);
+    const Operation* operation = FindOperation(argv[i + 1]);
+    if (operation == nullptr) return UsageError(std::string("unknown command '") + argv[i + 1] + "'");
+
+    FsOperands operands;
+    if (!ParseOperands(*operation, argc, argv, i + 2, operands, problem)) return UsageError(problem);
+
+    if (sector_size == 0) sector_size = GuessSectorSize(name.image);
+    MountedVolume volume;
+    bool refused = false;
+    if (!volume.Mount(name, sector_size, operation->writes, problem, refused)) {
+        std::fprintf(stderr, "morvane fs: %s: %s\n", argv[i], problem.c_str());
+        return refused ? kExitRefused : kExitUsageOrIo;
+    }
+    int status = operation->run(FsRequest(volume.Root(), operands));
+    volume.Dismount();
+    return status;
+}
+
+}  // namespace MorvaneTool

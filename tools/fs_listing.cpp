@@ -1,0 +1,170 @@
+// ls and stat: what the loader sees of a volume's entries.
+#include <cstdio>
+#include <ctime>
+
+#include "files/utf_conversion.h"
+#include "tools/command.h"
+#include "tools/fs_operations.h"
+
+namespace MorvaneTool {
+namespace {
+
+std::string Utf8(const std::u16string& text) { return utf16_to_utf8(text); }
+
+// "YYYY-MM-DD HH:MM:SS" in the host's time zone, as the driver reads the
+// volume's times in it too: so the text is the clock time stored on the
+// volume, as other tools show it. Milliseconds when asked; "-" when the
+// volume doesn't know the time.
+std::string TimeText(file_time milliseconds, bool with_milliseconds) {
+    if (milliseconds == 0) return "-";
+    std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
+    long rest = static_cast<long>(milliseconds % 1000);
+    if (rest < 0) {
+        --seconds;
+        rest += 1000;
+    }
+    std::tm parts {};
+    if (localtime_r(&seconds, &parts) == nullptr) return "?";
+    char text[40];
+    std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
+    std::string shown = text;
+    if (with_milliseconds) {
+        std::snprintf(text, sizeof(text), ".%03ld", rest);
+        shown += text;
+    }
+    return shown;
+}
+
+char KindLetter(std::uint32_t kind) {
+    switch (kind) {
+        case KIND_FILE: return '-';
+        case KIND_CHARACTER_DEVICE: return 'c';
+        case KIND_BLOCK_DEVICE: return 'b';
+        case KIND_FIFO: return 'p';
+        case KIND_SOCKET: return 's';
+        case KIND_SYMLINK: return 'l';
+        default: return 'd';
+    }
+}
+
+const char* KindName(std::uint32_t kind) {
+    switch (kind) {
+        case KIND_FILE: return "file";
+        case KIND_CHARACTER_DEVICE: return "character device";
+        case KIND_BLOCK_DEVICE: return "block device";
+        case KIND_FIFO: return "fifo";
+        case KIND_SOCKET: return "socket";
+        case KIND_SYMLINK: return "symbolic link";
+        case KIND_DIRECTORY: return "directory";
+        case KIND_ROOT_SELF: return "root directory";
+        default: return "other";
+    }
+}
+
+bool IsDirectory(std::uint32_t kind) { return kind == KIND_DIRECTORY || kind == KIND_ROOT_SELF; }
+
+// One line of a listing; `shown` is the name as the listing prints it.
+void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_form) {
+    std::uint32_t kind = entry.kind();
+    const char* mark = IsDirectory(kind) ? "/" : "";
+    if (!long_form) {
+        std::printf("%s%s\n", shown.c_str(), mark);
+        return;
+    }
+    std::printf("%c %12llu %s %s%s\n", KindLetter(kind), static_cast<unsigned long long>(entry.size()),
+                TimeText(entry.modified(), false).c_str(), shown.c_str(), mark);
+}
+
+// Lists `dir`; with `recursive` the directories below too, each name shown
+// behind `prefix`.
+bool ListDirectory(i_dir& dir, const std::string& prefix, const FsRequest& request, Common::Error& error,
+                   std::string& failed_path, int depth) {
+    bool below_ok = true;
+    bool walked = ForEachEntry(
+        dir,
+        [&](i_dir::iterator& entry) {
+            std::string shown = prefix + Utf8(entry.name());
+            PrintEntryLine(entry, shown, request.long_form);
+            if (!request.recursive || !IsDirectory(entry.kind())) return true;
+            if (depth >= kDeepestTree) {
+                failed_path = shown;
+                below_ok = false;
+                return false;
+            }
+            std::unique_ptr<i_dir> below(dir.open_dir(entry));
+            if (below == nullptr) {
+                error = dir.error();
+                failed_path = shown;
+                below_ok = false;
+                return false;
+            }
+            below_ok = ListDirectory(*below, shown + "/", request, error, failed_path, depth + 1);
+            return below_ok;
+        },
+        error);
+    if (!walked && failed_path.empty()) failed_path = prefix.empty() ? "/" : prefix;
+    return walked && below_ok;
+}
+
+int ListOne(const FsRequest& request, const std::string& path) {
+    std::u16string wide = VolumePath(path);
+    Common::Error error;
+    std::unique_ptr<i_dir::iterator> entry = FindEntry(request.root, wide, error);
+    if (entry == nullptr) return ReportRefusal("cannot list", path, error);
+    if (!IsDirectory(entry->kind())) {
+        PrintEntryLine(*entry, path, request.long_form);
+        return kExitOk;
+    }
+    std::unique_ptr<rio_dir> dir = OpenDirectory(request.root, wide, error);
+    if (dir == nullptr) return ReportRefusal("cannot open directory", path, error);
+    std::string failed_path;
+    if (!ListDirectory(*dir, "", request, error, failed_path, 0)) {
+        if (!error.Failed()) return ReportTooDeep(failed_path);
+        return ReportRefusal("cannot list", failed_path, error);
+    }
+    return kExitOk;
+}
+
+void PrintStat(i_dir::iterator& entry, const std::string& path) {
+    std::printf("path:        %s\n", path.c_str());
+    std::printf("name:        %s\n", Utf8(entry.name()).c_str());
+    std::u16string short_name = entry.short_name();
+    if (!short_name.empty()) std::printf("short name:  %s\n", Utf8(short_name).c_str());
+    std::printf("kind:        %s\n", KindName(entry.kind()));
+    std::printf("size:        %llu\n", static_cast<unsigned long long>(entry.size()));
+    std::printf("allocated:   %llu\n", static_cast<unsigned long long>(entry.allocated_size()));
+    std::printf("modified:    %s\n", TimeText(entry.modified(), true).c_str());
+    std::printf("created:     %s\n", TimeText(entry.created(), true).c_str());
+    std::printf("accessed:    %s\n", TimeText(entry.accessed(), true).c_str());
+    std::printf("attributes:  0x%X\n", entry.attributes());
+    std::printf("hidden:      %s\n", entry.hidden() ? "yes" : "no");
+}
+
+}  // namespace
+
+int ListEntries(const FsRequest& request) {
+    if (request.paths.empty()) return ListOne(request, "/");
+    int status = kExitOk;
+    for (const std::string& path : request.paths) {
+        if (request.paths.size() > 1) std::printf("%s:\n", path.c_str());
+        int one = ListOne(request, path);
+        if (one != kExitOk) status = one;
+    }
+    return status;
+}
+
+int StatEntries(const FsRequest& request) {
+    int status = kExitOk;
+    for (const std::string& path : request.paths) {
+        Common::Error error;
+        std::unique_ptr<i_dir::iterator> entry = FindEntry(request.root, VolumePath(path), error);
+        if (entry == nullptr) {
+            status = ReportRefusal("cannot stat", path, error);
+            continue;
+        }
+        PrintStat(*entry, path);
+    }
+    return status;
+}
+
+}  // namespace MorvaneTool

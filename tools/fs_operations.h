@@ -1,0 +1,95 @@
+#pragma once
+// The operations of `morvane fs` on a mounted volume. Each prints its own
+// errors on stderr and answers an exit code of tools/command.h: what the
+// volume refuses is kExitRefused, what fails on the host side kExitUsageOrIo.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "files/dir_object.h"
+#include "loader/common/error_codes.h"
+
+namespace MorvaneTool {
+
+// The flags and operands given behind the operation's name.
+struct FsOperands {
+    std::vector<std::string> paths;  // in order
+    bool long_form = false;          // ls -l
+    bool recursive = false;          // ls -R, cp-out -r
+    bool keep_time = false;          // cp-in -p
+};
+
+struct FsRequest : FsOperands {
+    FsRequest(rio_dir& volume_root, const FsOperands& operands) : FsOperands(operands), root(volume_root) {}
+    rio_dir& root;
+};
+
+int ListEntries(const FsRequest& request);
+int StatEntries(const FsRequest& request);
+int CatFiles(const FsRequest& request);
+int CopyOut(const FsRequest& request);
+int CopyIn(const FsRequest& request);
+int MakeDirs(const FsRequest& request);
+int MoveEntry(const FsRequest& request);
+int RemoveEntries(const FsRequest& request);
+
+// ---- shared by the operations ----
+
+// A walk below this many levels is taken for a damaged volume whose
+// directories hold their own ancestors, not followed for ever.
+constexpr int kDeepestTree = 128;
+// Prints that the walk stopped there, and answers kExitRefused.
+int ReportTooDeep(const std::string& path);
+
+// A volume path from the UTF-8 text of the command line.
+std::u16string VolumePath(const std::string& text);
+// The path without separators at its end: empty for the root.
+std::u16string TrimSeparators(const std::u16string& path);
+// The last component of a path, for "copy into a directory".
+std::u16string LastComponent(const std::u16string& path);
+
+// Prints "morvane fs: ACTION 'PATH': REASON" and answers kExitRefused.
+int ReportRefusal(const char* action, const std::string& path, const Common::Error& error);
+// Prints "morvane fs: ACTION 'PATH': REASON" and answers kExitUsageOrIo.
+int ReportHostFailure(const char* action, const std::string& path, const std::string& reason);
+
+// The entry that a path names, the root's own entry for the root; null with
+// `error` set when there is none.
+std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error);
+// The directory a path names (the root for an empty path), or null with `error`.
+std::unique_ptr<rio_dir> OpenDirectory(rio_dir& root, const std::u16string& path, Common::Error& error);
+
+// An empty directory gives an iterator that has failed with FILE_EOF, and
+// the last next() leaves the same state behind: that is the end, not a
+// failure.
+inline bool EndOfEntries(const file_object& object) { return object.error().Code() == Common::FILE_EOF; }
+
+// Calls visit(iterator) for every entry of `dir` but "." and "..". False
+// with `error` set when the walk fails before its end; visit answers false
+// to stop it early.
+template <typename Visit>
+bool ForEachEntry(i_dir& dir, Visit visit, Common::Error& error) {
+    std::unique_ptr<i_dir::iterator> entry(dir.begin());
+    if (entry == nullptr) {
+        if (EndOfEntries(dir)) return true;
+        error = dir.error();
+        return false;
+    }
+    if (entry->failed()) {
+        if (EndOfEntries(*entry)) return true;
+        error = entry->error();
+        return false;
+    }
+    do {
+        std::u16string name = entry->name();
+        if (name == u"." || name == u"..") continue;
+        if (!visit(*entry)) return true;
+    } while (entry->next());
+    if (entry->failed() && !EndOfEntries(*entry)) {
+        error = entry->error();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace MorvaneTool

@@ -1,0 +1,100 @@
+// Paths, lookups and messages shared by the operations of `morvane fs`.
+#include <cstdio>
+
+#include "files/utf_conversion.h"
+#include "tools/command.h"
+#include "tools/error_names.h"
+#include "tools/fs_operations.h"
+
+namespace MorvaneTool {
+namespace {
+
+bool IsSeparator(char16_t c) { return c == u'/' || c == u'\\'; }
+
+struct Explanation {
+    std::uint32_t code;
+    const char* text;
+};
+
+// The codes a user meets most, said in plain words beside their symbol.
+const Explanation kExplanations[] = {
+    {Common::FILE_NOT_FOUND, "no such file or directory"},
+    {Common::FILE_EXISTS, "the name is taken"},
+    {Common::FILE_DELETE, "cannot be removed (a directory must be empty)"},
+    {Common::FILE_DISK_FULL, "the volume is full"},
+    {Common::FILE_CORRUPT, "the volume is damaged"},
+    {Common::FILE_READ_ONLY, "read-only"},
+    {Common::FILE_OPEN, "cannot be opened (is it a directory, or a bad name?)"},
+    {Common::FILE_CREATE, "cannot be created (a bad name, or a directory in the way?)"},
+};
+
+const char* Explain(std::uint32_t code) {
+    for (const Explanation& explanation : kExplanations) {
+        if (explanation.code == code) return explanation.text;
+    }
+    return "refused by the volume";
+}
+
+}  // namespace
+
+std::u16string VolumePath(const std::string& text) { return utf8_to_utf16(text); }
+
+std::u16string TrimSeparators(const std::u16string& path) {
+    std::size_t end = path.size();
+    while (end > 0 && IsSeparator(path[end - 1])) --end;
+    return path.substr(0, end);
+}
+
+std::u16string LastComponent(const std::u16string& path) {
+    std::u16string trimmed = TrimSeparators(path);
+    std::size_t cut = trimmed.find_last_of(u"/\\");
+    return cut == std::u16string::npos ? trimmed : trimmed.substr(cut + 1);
+}
+
+int ReportRefusal(const char* action, const std::string& path, const Common::Error& error) {
+    const char* name = ErrorName(error.Code());
+    std::fprintf(stderr, "morvane fs: %s '%s': %s [%s 0x%X]\n", action, path.c_str(), Explain(error.Code()),
+                 name != nullptr ? name : "code", error.Code());
+    return kExitRefused;
+}
+
+int ReportTooDeep(const std::string& path) {
+    std::fprintf(stderr, "morvane fs: '%s': more than %d levels of directories; is the volume damaged?\n", path.c_str(),
+                 kDeepestTree);
+    return kExitRefused;
+}
+
+int ReportHostFailure(const char* action, const std::string& path, const std::string& reason) {
+    std::fprintf(stderr, "morvane fs: %s '%s': %s\n", action, path.c_str(), reason.c_str());
+    return kExitUsageOrIo;
+}
+
+std::unique_ptr<rio_dir> OpenDirectory(rio_dir& root, const std::u16string& path, Common::Error& error) {
+    std::u16string trimmed = TrimSeparators(path);
+    std::unique_ptr<rio_dir> dir(trimmed.empty() ? root.clone() : root.open_dir(trimmed.c_str()));
+    if (dir == nullptr) error = root.error();
+    return dir;
+}
+
+std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error) {
+    std::u16string trimmed = TrimSeparators(path);
+    if (trimmed.empty()) {
+        std::unique_ptr<i_dir::iterator> self(root.self());
+        if (self == nullptr || self->failed()) error = self == nullptr ? root.error() : self->error();
+        return self != nullptr && !self->failed() ? std::move(self) : nullptr;
+    }
+    const char16_t* last = trimmed.c_str();
+    std::unique_ptr<rio_dir> parent(root.open_parent(last));
+    if (parent == nullptr) {
+        error = root.error();
+        return nullptr;
+    }
+    std::unique_ptr<i_dir::iterator> entry(parent->find(last));
+    if (entry == nullptr || entry->failed()) {
+        error = entry == nullptr ? parent->error() : entry->error();
+        return nullptr;
+    }
+    return entry;
+}
+
+}  // namespace MorvaneTool

@@ -1,0 +1,170 @@
+#include "tools/fs_volume.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+#include <stdexcept>
+
+#include "firmware/block_device.h"
+#include "firmware/block_enumeration.h"
+#include "firmware/device_path.h"
+#include "firmware/firmware_access.h"
+#include "fsdriver/driver_selection.h"
+#include "loader/load_kernel.h"
+#include "loader/mount_volume.h"
+#include "loader/partition_disk.h"
+#include "platform/host/block_io_devices.h"
+#include "platform/host/simulator.h"
+#include "tools/error_names.h"
+
+namespace MorvaneTool {
+namespace {
+
+constexpr std::size_t kPartitionNumberOffset = 4;
+constexpr std::size_t kLongestPartitionNumber = 9;
+
+bool IsFile(const std::string& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0;
+}
+
+bool AllDigits(const std::string& text) {
+    return !text.empty() && text.size() <= kLongestPartitionNumber &&
+           text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The GPT entry number (from 1) of a partition handle, from the hard drive
+// node of its device path; 0 when it has none.
+std::uint32_t PartitionNumberOf(const HostFirmware::BlockIoMedium& medium) {
+    std::uint32_t number = 0;
+    Fdisk::WalkDevicePath(medium.DevicePath().data(), [&](const std::uint8_t* node, std::uint16_t length) {
+        if (node[0] != Uefi::kMediaDevicePath || node[1] != Uefi::kHardDriveSubtype ||
+            length < Uefi::kHardDriveNodeSize) {
+            return false;
+        }
+        const std::uint8_t* field = node + kPartitionNumberOffset;
+        number = field[0] | field[1] << 8 | field[2] << 16 | static_cast<std::uint32_t>(field[3]) << 24;
+        return true;
+    });
+    return number;
+}
+
+std::string ErrorText(const Common::Error& error) {
+    char code[16];
+    std::snprintf(code, sizeof(code), "0x%X", error.Code());
+    const char* name = ErrorName(error.Code());
+    return name != nullptr ? std::string(name) + " (" + code + ")" : std::string(code);
+}
+
+bool HasGptHeaderAt(const std::vector<unsigned char>& start, std::size_t offset) {
+    return start.size() >= offset + 8 && std::memcmp(start.data() + offset, "EFI PART", 8) == 0;
+}
+
+}  // namespace
+
+std::uint32_t GuessSectorSize(const std::string& image) {
+    constexpr std::uint32_t kSmall = 512;
+    constexpr std::uint32_t kLarge = 4096;
+    std::vector<unsigned char> start(2 * kLarge);
+    std::FILE* file = std::fopen(image.c_str(), "rb");
+    if (file == nullptr) return kSmall;
+    start.resize(std::fread(start.data(), 1, start.size(), file));
+    std::fclose(file);
+    if (HasGptHeaderAt(start, kSmall)) return kSmall;
+    if (HasGptHeaderAt(start, kLarge)) return kLarge;
+    bool boot_signature = start.size() >= kSmall && start[510] == 0x55 && start[511] == 0xAA;
+    bool large_sectors = start.size() >= kSmall && (start[11] | start[12] << 8) == kLarge;
+    return boot_signature && large_sectors ? kLarge : kSmall;
+}
+
+bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& problem) {
+    name = VolumeName();
+    name.image = text;
+    std::size_t colon = text.rfind(':');
+    // A file whose own name holds a colon is taken whole.
+    if (colon == std::string::npos || colon == 0 || IsFile(text)) return true;
+    std::string suffix = text.substr(colon + 1);
+    if (AllDigits(suffix)) {
+        name.partition_number = static_cast<std::uint32_t>(std::strtoul(suffix.c_str(), nullptr, 10));
+        if (name.partition_number == 0) {
+            problem = "partition numbers count from 1";
+            return false;
+        }
+    } else if (suffix.size() == 36 && EfiLoader::ParseGuid(suffix, name.guid)) {
+        name.by_guid = true;
+    } else {
+        return true;
+    }
+    name.image = text.substr(0, colon);
+    return true;
+}
+
+MountedVolume::MountedVolume() = default;
+
+MountedVolume::~MountedVolume() { Dismount(); }
+
+void MountedVolume::Dismount() {
+    root_.reset();
+    disk_.reset();
+}
+
+bool MountedVolume::OpenDisk(const VolumeName& name, std::string& problem, bool& refused) {
+    HostFirmware::BlockDevices& disks = firmware_->Disks();
+    if (name.by_guid) {
+        Common::Error error = EfiLoader::FindPartitionDisk(name.guid, disk_);
+        if (error.Failed()) {
+            refused = true;
+            problem = "no GPT partition with that unique GUID: " + ErrorText(error);
+        }
+        return !error.Failed();
+    }
+    EFI_HANDLE handle = disks.Disk(0).Handle();
+    if (name.partition_number != 0) {
+        handle = nullptr;
+        for (HostFirmware::BlockIoMedium* partition : disks.Partitions(0)) {
+            if (PartitionNumberOf(*partition) == name.partition_number) handle = partition->Handle();
+        }
+        if (handle == nullptr) {
+            refused = true;
+            problem = "the image's GPT has no partition " + std::to_string(name.partition_number);
+            return false;
+        }
+    }
+    Common::Error error;
+    disk_ = std::make_unique<Fdisk::BlockDevice>(handle, error);
+    if (error.Failed()) {
+        disk_.reset();
+        problem = "the block device can't be opened: " + ErrorText(error);
+        return false;
+    }
+    return true;
+}
+
+bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem,
+                          bool& refused) {
+    refused = false;
+    firmware_ = std::make_unique<HostFirmware::Simulator>();
+    Uefi::InitializeFirmwareAccess(firmware_->ImageHandle(), firmware_->SystemTable());
+    HostFirmware::DiskOptions options;
+    options.sector_size = sector_size;
+    options.writable = writable;
+    try {
+        firmware_->Disks().Attach(name.image, options);
+    } catch (const std::runtime_error& failure) {
+        problem = failure.what();
+        return false;
+    }
+    if (!OpenDisk(name, problem, refused)) return false;
+    root_.reset(EfiLoader::MountVolume(kDriverTable[0].factory, disk_));
+    if (root_ == nullptr) {
+        refused = true;
+        problem = "no driver recognises the volume";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace MorvaneTool

@@ -1,0 +1,62 @@
+#pragma once
+// A disk image, or one GPT partition of it, mounted through the loader's own
+// road: the image becomes a block device of the firmware simulator, the
+// partition is found as the loader finds it, and the driver trial mounts it.
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "files/dir_object.h"
+#include "firmware/simple_disk.h"
+
+namespace HostFirmware {
+class Simulator;
+}
+
+namespace MorvaneTool {
+
+// What the IMAGE argument names: the whole image, the N-th entry of its GPT,
+// or the GPT partition with a unique GUID.
+struct VolumeName {
+    std::string image;
+    std::uint32_t partition_number = 0;  // 0: not named by number
+    bool by_guid = false;
+    std::uint8_t guid[16] = {};
+};
+
+// Splits "IMAGE", "IMAGE:N" and "IMAGE:GUID". A suffix that is neither a
+// number nor a GUID belongs to the file name. False when a number is 0.
+bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& problem);
+
+// The sector size an image was made with: where its GPT header lies, else
+// what its boot sector says; 512 when neither tells.
+std::uint32_t GuessSectorSize(const std::string& image);
+
+// Mounted for the lifetime of the object. The destructor deletes the root,
+// so the driver writes what it holds back to the image before the simulated
+// disk goes away.
+class MountedVolume {
+public:
+    MountedVolume();
+    ~MountedVolume();
+    MountedVolume(const MountedVolume&) = delete;
+    MountedVolume& operator=(const MountedVolume&) = delete;
+
+    // False with `problem` set. `refused` tells a volume that no driver
+    // accepts or a partition that isn't there apart from an image that can't
+    // be opened at all.
+    bool Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem, bool& refused);
+    rio_dir& Root() { return *root_; }
+    // Deletes the root now; the volume is written back.
+    void Dismount();
+
+private:
+    bool OpenDisk(const VolumeName& name, std::string& problem, bool& refused);
+
+    std::unique_ptr<HostFirmware::Simulator> firmware_;
+    std::unique_ptr<rio_dir> root_;
+    // Only until the driver takes it over.
+    std::unique_ptr<Fdisk::SimpleDisk> disk_;
+};
+
+}  // namespace MorvaneTool

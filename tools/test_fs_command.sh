@@ -1,0 +1,218 @@
+#!/bin/sh
+# The fs subcommand as a user meets it: arguments, exit codes and messages,
+# volumes named by GPT number and unique GUID, lookups that ignore case,
+# what stat tells beside mtools, and refusals that leave the volume clean.
+# Images are made by mkfs.fat, mtools and sgdisk.
+#
+#   test_fs_command.sh TOOL IMAGE_SCRIPTS_DIR
+set -u
+tool="$1"
+images="$2"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export TZ=UTC LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+# expect STATUS DESCRIPTION COMMAND...: runs the command, keeps its output
+# in $work/out and $work/err, and checks the exit status.
+expect() {
+    want=$1
+    what=$2
+    shift 2
+    "$@" > "$work/out" 2> "$work/err"
+    got=$?
+    [ "$got" -eq "$want" ] || fail "$what: status $got, expected $want ($(head -3 "$work/err"))"
+}
+out_has() { grep -qF -- "$2" "$work/out" || fail "$1: no '$2' in: $(head -5 "$work/out")"; }
+err_has() { grep -qF -- "$2" "$work/err" || fail "$1: no '$2' on stderr: $(head -3 "$work/err")"; }
+out_is() { [ "$(cat "$work/out")" = "$2" ] || fail "$1: printed '$(head -5 "$work/out")', expected '$2'"; }
+
+fsck_clean() {
+    report=$(fsck.fat -n "$1" 2>&1) && [ "$(printf '%s\n' "$report" | wc -l)" -le 2 ] || fail "$2: fsck.fat: $report"
+}
+
+# ---- a plain FAT16 volume filled by mtools ----
+volume="$work/volume.img"
+mkfs.fat -C -F 16 -n PLAIN "$volume" 16384 >/dev/null
+mkdir -p "$work/tree/case" "$work/tree/full"
+printf 'lower case\n' > "$work/tree/case/lower.txt"
+printf 'long\n' > "$work/tree/A rather long file name.text"
+printf 'one\n' > "$work/tree/full/one.txt"
+head -c 3000000 /dev/urandom > "$work/tree/big.bin"
+: > "$work/tree/hidden.bin"
+touch -d '2012-03-04 05:06:08' "$work/tree/case/lower.txt"
+mcopy -s -m -i "$volume" "$work/tree"/* ::/
+mattrib -i "$volume" +h ::/hidden.bin >/dev/null
+
+# Usage and its refusals: all status 2 and nothing touched.
+expect 0 "--help" "$tool" fs --help
+out_has "--help" "IMAGE:N"
+out_has "--help" "cp-in [-p] HOSTFILE PATH"
+expect 2 "no arguments" "$tool" fs
+expect 2 "no command" "$tool" fs "$volume"
+expect 2 "unknown command" "$tool" fs "$volume" frobnicate /
+err_has "unknown command" "unknown command 'frobnicate'"
+expect 2 "unknown flag" "$tool" fs "$volume" ls -z /
+expect 2 "cat without a path" "$tool" fs "$volume" cat
+expect 2 "mv with three paths" "$tool" fs "$volume" mv /a /b /c
+expect 2 "sector size not 512 or 4096" "$tool" fs --sector-size 1024 "$volume" ls
+expect 2 "partition 0" "$tool" fs "$volume:0" ls
+expect 2 "missing image" "$tool" fs "$work/absent.img" ls
+expect 2 "cp-in of a missing host file" "$tool" fs "$volume" cp-in "$work/absent" /x
+
+# A volume no driver takes is a refusal, not an I/O error.
+head -c 1048576 /dev/zero > "$work/zeros.img"
+expect 1 "a volume of zeros" "$tool" fs "$work/zeros.img" ls
+err_has "a volume of zeros" "no driver recognises the volume"
+
+# Lookups ignore case; a short name's case comes from the entry's flags.
+expect 0 "cat in another case" "$tool" fs "$volume" cat /CASE/LOWER.TXT
+out_is "cat in another case" "lower case"
+expect 0 "ls of a directory" "$tool" fs "$volume" ls /case
+out_is "ls of a directory" "lower.txt"
+expect 0 "ls of the root" "$tool" fs "$volume" ls
+[ "$(wc -l < "$work/out")" -eq 5 ] || fail "ls of the root: $(cat "$work/out")"
+out_has "ls of the root" "full/"
+expect 0 "cat of two files" "$tool" fs "$volume" cat /full/one.txt /case/lower.txt
+out_is "cat of two files" "one
+lower case"
+expect 1 "cat of a missing file" "$tool" fs "$volume" cat /case/none.txt
+err_has "cat of a missing file" "FILE_NOT_FOUND"
+expect 1 "ls of a missing directory" "$tool" fs "$volume" ls /nowhere
+
+# stat against what mtools shows of the same entries.
+expect 0 "stat of a long name" "$tool" fs "$volume" stat "/A rather long file name.text"
+short=$(mdir -i "$volume" ::/ | sed -n 's/^\([^ ]*\) *\([^ ]*\) .*A rather long.*/\1.\2/p')
+out_has "stat of a long name" "short name:  $short"
+out_has "stat of a long name" "size:        5"
+expect 0 "stat of a hidden file" "$tool" fs "$volume" stat /hidden.bin
+out_has "stat of a hidden file" "hidden:      yes"
+expect 0 "stat keeps the mtools time" "$tool" fs "$volume" stat /case/lower.txt
+out_has "stat keeps the mtools time" "modified:    2012-03-04 05:06:08.000"
+out_has "stat keeps the mtools time" "kind:        file"
+# FAT keeps clock times without a zone: any TZ shows the same clock time.
+expect 0 "stat in another time zone" env TZ=Asia/Kolkata "$tool" fs "$volume" stat /case/lower.txt
+out_has "stat in another time zone" "modified:    2012-03-04 05:06:08.000"
+
+# cp-out: into a folder under the entry's own name, with its time; a
+# directory needs -r.
+mkdir "$work/outdir"
+expect 0 "cp-out into a folder" "$tool" fs "$volume" cp-out /big.bin /CASE/lower.txt "$work/outdir"
+cmp -s "$work/outdir/big.bin" "$work/tree/big.bin" || fail "cp-out: big.bin differs"
+[ "$(stat -c %Y "$work/outdir/lower.txt")" = "$(stat -c %Y "$work/tree/case/lower.txt")" ] ||
+    fail "cp-out: the modification time is not kept"
+# A copy held up for two seconds by a slow reader: a progress bar on a
+# terminal, nothing when stderr is a file.
+"$tool" fs "$volume" cat /big.bin 2> "$work/err" | (sleep 2; cat > /dev/null)
+[ ! -s "$work/err" ] || fail "a progress bar off a terminal: $(head -c 200 "$work/err")"
+script -qec "'$tool' fs '$volume' cat /big.bin | (sleep 2; cat > /dev/null)" "$work/terminal" > /dev/null
+grep -q '\[#*\] 100% 2.9 MiB' "$work/terminal" || fail "no progress bar on a terminal: $(cat -v "$work/terminal")"
+expect 1 "cp-out of a directory without -r" "$tool" fs "$volume" cp-out /full "$work/outdir"
+
+# Refused changes leave the volume as it was, and clean.
+expect 1 "rm of a non-empty directory" "$tool" fs "$volume" rm /full
+mdir -i "$volume" ::/full/one.txt >/dev/null 2>&1 || fail "rm of a non-empty directory removed something"
+expect 1 "mv onto an existing file" "$tool" fs "$volume" mv /full/one.txt /case/lower.txt
+err_has "mv onto an existing file" "FILE_EXISTS"
+[ "$(mtype -i "$volume" ::/case/lower.txt)" = "lower case" ] || fail "mv onto an existing file changed the target"
+expect 1 "cp-in into a missing directory" "$tool" fs "$volume" cp-in "$work/tree/full/one.txt" /nowhere/x.txt
+expect 1 "mkdir of an existing name" "$tool" fs "$volume" mkdir /full
+fsck_clean "$volume" "refused changes"
+
+# cp-in into a directory takes the host file's name.
+expect 0 "cp-in into a directory" "$tool" fs "$volume" cp-in "$work/tree/full/one.txt" /case
+[ "$(mtype -i "$volume" ::/case/one.txt)" = "one" ] || fail "cp-in into a directory: mtools reads no /case/one.txt"
+fsck_clean "$volume" "cp-in into a directory"
+
+# An image whose own name ends in ":2" is taken whole.
+cp "$volume" "$work/odd:2"
+expect 0 "an image name with a colon" "$tool" fs "$work/odd:2" cat /full/one.txt
+out_is "an image name with a colon" "one"
+
+# A volume of 4096-byte sectors is read as such without being told.
+large="$work/large-sectors.img"
+mkfs.fat -C -F 12 -S 4096 "$large" 8192 >/dev/null
+printf 'large\n' > "$work/large"
+mcopy -i "$large" "$work/large" ::/large.txt
+expect 0 "4096-byte sectors, guessed" "$tool" fs "$large" cat /large.txt
+out_is "4096-byte sectors, guessed" "large"
+expect 0 "4096-byte sectors, told" "$tool" fs --sector-size 4096 "$large" cat /large.txt
+out_is "4096-byte sectors, told" "large"
+
+# ---- a damaged volume: refused with a reason, never a hang ----
+# mtools makes /a/b/x.txt; dd then points b's entry back at /a, so the tree
+# holds its own ancestor, and gives x.txt a size its one cluster can't hold.
+damaged="$work/damaged.img"
+mkfs.fat -C -F 16 -s 1 "$damaged" 16384 >/dev/null
+mmd -i "$damaged" ::/a ::/a/b
+printf 'x\n' > "$work/x"
+mcopy -i "$damaged" "$work/x" ::/a/b/x.txt
+u8() { od -An -tu1 -j"$2" -N1 "$1" | tr -d ' '; }
+u16() { od -An -tu2 -j"$2" -N2 "$1" | tr -d ' '; }
+sector_bytes=$(u16 "$damaged" 11)
+cluster_bytes=$((sector_bytes * $(u8 "$damaged" 13)))
+data=$(((($(u16 "$damaged" 14) + $(u8 "$damaged" 16) * $(u16 "$damaged" 22)) * sector_bytes) + $(u16 "$damaged" 17) * 32))
+cluster_a=$(mshowfat -i "$damaged" ::/a | tr -cd '0-9')
+cluster_b=$(mshowfat -i "$damaged" ::/a/b | tr -cd '0-9')
+# Behind "." and "..", the third entry of each directory.
+entry_b=$((data + (cluster_a - 2) * cluster_bytes + 64))
+entry_x=$((data + (cluster_b - 2) * cluster_bytes + 64))
+printf '\240\206\001\000' | dd of="$damaged" bs=1 seek=$((entry_x + 28)) conv=notrunc status=none
+expect 1 "a file longer than its chain" timeout 60 "$tool" fs "$damaged" cat /a/b/x.txt
+err_has "a file longer than its chain" "FILE_CORRUPT"
+printf "\\$(printf '%03o' "$cluster_a")\\000" | dd of="$damaged" bs=1 seek=$((entry_b + 26)) conv=notrunc status=none
+expect 1 "a directory that holds its ancestor" timeout 60 "$tool" fs "$damaged" ls -R /
+err_has "a directory that holds its ancestor" "levels of directories"
+mkdir "$work/loop-out"
+expect 1 "copying out a directory that holds its ancestor" timeout 60 "$tool" fs "$damaged" cp-out -r /a "$work/loop-out"
+
+# A long name that dd turns into "../escape.txt" is not copied out of the
+# target folder. Its one long entry is the first of the root directory.
+hostile="$work/hostile.img"
+mkfs.fat -C -F 16 -s 1 "$hostile" 16384 >/dev/null
+printf 'out\n' > "$work/xx_escape.txt"
+mcopy -i "$hostile" "$work/xx_escape.txt" ::/xx_escape.txt
+root_dir=$((($(u16 "$hostile" 14) + $(u8 "$hostile" 16) * $(u16 "$hostile" 22)) * $(u16 "$hostile" 11)))
+printf '.' | dd of="$hostile" bs=1 seek=$((root_dir + 1)) conv=notrunc status=none
+printf '.' | dd of="$hostile" bs=1 seek=$((root_dir + 3)) conv=notrunc status=none
+printf '/' | dd of="$hostile" bs=1 seek=$((root_dir + 5)) conv=notrunc status=none
+mkdir -p "$work/hostile/inner"
+expect 1 "a name with a path in it" "$tool" fs "$hostile" cp-out -r / "$work/hostile/inner"
+[ ! -e "$work/hostile/escape.txt" ] || fail "a name with a path in it: a file was written outside the target"
+
+# ---- a GPT disk: each partition by its number and by its unique GUID ----
+disk="$work/disk.img"
+"$images/make_gpt_disk.sh" "$disk" 24 4:01234567-89AB-CDEF-0123-456789ABCDEF \
+    12:A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061 > "$work/layout" || fail "sgdisk could not make the disk"
+first1=$(sed -n 's/^1 \([0-9]*\) .*/\1/p' "$work/layout")
+first2=$(sed -n 's/^2 \([0-9]*\) .*/\1/p' "$work/layout")
+mkfs.fat -F 12 --offset "$first1" "$disk" 4096 >/dev/null 2>&1
+mkfs.fat -F 16 --offset "$first2" "$disk" 12288 >/dev/null 2>&1
+printf 'first\n' > "$work/which"
+mcopy -i "$disk@@$((first1 * 512))" "$work/which" ::/which.txt
+printf 'second\n' > "$work/which"
+mcopy -i "$disk@@$((first2 * 512))" "$work/which" ::/which.txt
+
+expect 0 "partition 1" "$tool" fs "$disk:1" cat /which.txt
+out_is "partition 1" "first"
+expect 0 "partition 2" "$tool" fs "$disk:2" cat /which.txt
+out_is "partition 2" "second"
+expect 0 "partition by GUID" "$tool" fs "$disk:A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061" cat /which.txt
+out_is "partition by GUID" "second"
+expect 0 "partition by a lower-case GUID" "$tool" fs "$disk:01234567-89ab-cdef-0123-456789abcdef" cat /which.txt
+out_is "partition by a lower-case GUID" "first"
+expect 1 "partition 3 of two" "$tool" fs "$disk:3" ls
+expect 1 "a GUID of no partition" "$tool" fs "$disk:A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5062" ls
+expect 1 "the whole GPT disk as one volume" "$tool" fs "$disk" ls
+
+# Writes through a partition land in that partition only.
+expect 0 "cp-in on partition 2" "$tool" fs "$disk:2" cp-in "$work/tree/full/one.txt" /added.txt
+[ "$(mtype -i "$disk@@$((first2 * 512))" ::/added.txt)" = "one" ] || fail "cp-in on partition 2: mtools reads nothing"
+mdir -i "$disk@@$((first1 * 512))" ::/added.txt >/dev/null 2>&1 && fail "cp-in on partition 2 reached partition 1"
+dd if="$disk" of="$work/part2.img" bs=512 skip="$first2" count=24576 status=none
+fsck_clean "$work/part2.img" "cp-in on partition 2"
+
+[ "$failures" -eq 0 ] && echo "fs command: all checks passed" && exit 0
+echo "fs command: $failures failure(s)"
+exit 1
