@@ -8,7 +8,7 @@ namespace {
 // The trial order, a fixed order of calls that has nothing to do with the
 // table's rows: a volume that passes the FAT checks is FAT, whatever else
 // its first sectors might also pass for.
-constexpr DriverFactory kTrialOrder[] = {TryFATDriver};
+constexpr DriverFactory kTrialOrder[] = {TryFATDriver, TryExtDriver};
 
 // Sector 0 of the volume, read into a buffer aligned on the sector size as
 // block devices want it. False when the device refuses.
@@ -46,7 +46,7 @@ FileSystemDriver* TryAllDrivers(Fdisk::SimpleDisk* device, std::uint64_t first_s
 // not carry yet have no factory; the loader uses row 0 only.
 const DriverTableRow kDriverTable[kDriverTableRows] = {
     {TryAllDrivers, 0x35F1},
-    {nullptr, 0x71},
+    {TryExtDriver, 0x71},
     {TryFATDriver, 0x3001},
     {nullptr, 0x181},
     {nullptr, 0x401},

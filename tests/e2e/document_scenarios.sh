@@ -430,59 +430,25 @@ scenario_sample_keys() {
 
 # ---------------------------------------------------------------------------
 
-# run_scenario NAME: runs scenario_NAME in WORK/NAME and writes 'pass' or the
-# reasons of failure to WORK/NAME/result.
-run_scenario() {
-    local name=$1 dir=$WORK/$1 failures
-    mkdir -p "$dir"
-    failures=$dir/result
-    : >"$failures"
-    fail() { echo "$1" >>"$failures"; }
-
-    "scenario_$name" "$dir"
-
-    if [ -s "$failures" ]; then
-        {
-            echo "== scenario $name"
-            sed 's/^/== failed: /' "$failures"
-            for file in "$dir"/*.xml; do
-                [ -f "$file" ] && { echo "== document $(basename "$file")"; cat "$file"; }
-            done
-            for file in "$dir"/*.txt; do
-                case $file in */first-boot.txt) continue ;; esac
-                [ -f "$file" ] && { echo "== console $(basename "$file" .txt)"; cat "$file"; }
-            done
-            for file in "$dir"/*.qemu.err; do
-                [ -s "$file" ] && { echo "== QEMU errors $(basename "$file" .qemu.err)"; cat "$file"; }
-            done
-        } >"$LOGS/document-$name.log"
-        echo "FAIL $name: $(paste -s -d ';' "$failures")   (log: $LOGS/document-$name.log)"
-    else
-        echo pass >"$failures"
-        echo "PASS $name"
-        rm -f "$dir"/*.img "$dir/vars.fd"
-    fi
+scenario_log() {
+    local file
+    for file in "$1"/*.xml; do
+        [ -f "$file" ] && { echo "== document $(basename "$file")"; cat "$file"; }
+    done
+    for file in "$1"/*.txt; do
+        case $file in */first-boot.txt) continue ;; esac
+        [ -f "$file" ] && { echo "== console $(basename "$file" .txt)"; cat "$file"; }
+    done
+    for file in "$1"/*.qemu.err; do
+        [ -s "$file" ] && { echo "== QEMU errors $(basename "$file" .qemu.err)"; cat "$file"; }
+    done
 }
 
-# Two at a time: one boot keeps one core busy.
-PARALLEL=2
-scenario() {
-    while [ "$(jobs -r -p | wc -l)" -ge "$PARALLEL" ]; do
-        wait -n
-    done
-    run_scenario "$1" &
+# A passed scenario's disks are of no further use.
+scenario_cleanup() {
+    [ "$2" != pass ] || rm -f "$1"/*.img "$1/vars.fd"
 }
 
 # The longest first, so that the two slots end close together.
-scenario rename
-scenario menu_keys
-scenario missing_document
-scenario truncated_text
-scenario refused_menu
-scenario truncated_bxml
-scenario menu_timeout
-scenario sample_document
-scenario sample_keys
-wait
-
-tally_results "$WORK"
+run_scenarios document rename menu_keys missing_document truncated_text refused_menu truncated_bxml \
+    menu_timeout sample_document sample_keys

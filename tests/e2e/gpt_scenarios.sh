@@ -239,52 +239,23 @@ scenario_unmounted() {
 
 ALL_SCENARIOS="kernel wrong_guid unmounted"
 
-# run_scenario NAME: writes 'pass' or the reasons of failure to WORK/NAME/result.
-run_scenario() {
-    local name=$1 dir=$WORK/$1 failures
-    mkdir -p "$dir"
-    failures=$dir/result
-    : >"$failures"
-    fail() { echo "$1" >>"$failures"; }
-
-    "scenario_$name" "$dir"
-
-    if [ -s "$failures" ]; then
-        {
-            echo "== GPT scenario $name"
-            sed 's/^/== failed: /' "$failures"
-            echo "== machine: ${BOOT_END:-see the status above}"
-            echo "== document"
-            cat "$dir/BOOTX64.xml" 2>/dev/null
-            echo "== console"
-            cat "$dir/console.txt" 2>/dev/null
-            echo "== QEMU's standard error"
-            cat "$dir/qemu.err" 2>/dev/null
-        } >"$LOGS/gpt-$name.log"
-        echo "FAIL $name: $(paste -s -d ';' "$failures")   (log: $LOGS/gpt-$name.log)"
-    else
-        echo pass >"$failures"
-        echo "PASS $name"
-    fi
-    # The disks are remade on every run; only the consoles are worth keeping.
-    rm -f "$dir/disk.img" "$dir/next.img" "$dir/vars.fd" "$dir/screen.ppm"
+scenario_log() {
+    echo "== machine: ${BOOT_END:-see the status above}"
+    echo "== document"
+    cat "$1/BOOTX64.xml" 2>/dev/null
+    echo "== console"
+    cat "$1/console.txt" 2>/dev/null
+    echo "== QEMU's standard error"
+    cat "$1/qemu.err" 2>/dev/null
 }
 
-# Two at a time: one boot keeps one core busy.
-PARALLEL=2
-scenarios=${*:-$ALL_SCENARIOS}
-for name in $scenarios; do
-    case " $ALL_SCENARIOS " in
-        *" $name "*) ;;
-        *) echo "unknown scenario $name (have: $ALL_SCENARIOS)" >&2; exit 2 ;;
-    esac
-done
-for name in $scenarios; do
-    while [ "$(jobs -r -p | wc -l)" -ge "$PARALLEL" ]; do
-        wait -n
-    done
-    run_scenario "$name" &
-done
-wait
+# The disks are remade on every run; only the consoles are worth keeping.
+scenario_cleanup() {
+    rm -f "$1/disk.img" "$1/next.img" "$1/vars.fd" "$1/screen.ppm"
+}
 
-tally_results "$WORK"
+scenarios=${*:-$ALL_SCENARIOS}
+# shellcheck disable=SC2086
+check_scenario_names "$ALL_SCENARIOS" $scenarios
+# shellcheck disable=SC2086
+run_scenarios gpt $scenarios

@@ -167,6 +167,61 @@ boot_loader_disks() {
     return "$status"
 }
 
+# run_scenario KIND NAME: runs scenario_NAME in WORK/NAME, with fail()
+# collecting its reasons, and writes 'pass' or them to WORK/NAME/result.
+# A failed scenario's log, LOGS/KIND-NAME.log, holds the reasons and what
+# the script's scenario_log DIR prints; a script may also define
+# scenario_cleanup DIR RESULT to drop large files.
+run_scenario() {
+    local kind=$1 name=$2 dir=$WORK/$2 failures
+    mkdir -p "$dir"
+    failures=$dir/result
+    : >"$failures"
+    fail() { echo "$1" >>"$failures"; }
+
+    "scenario_$name" "$dir"
+
+    if [ -s "$failures" ]; then
+        {
+            echo "== $kind scenario $name"
+            sed 's/^/== failed: /' "$failures"
+            scenario_log "$dir"
+        } >"$LOGS/$kind-$name.log"
+        echo "FAIL $name: $(paste -s -d ';' "$failures")   (log: $LOGS/$kind-$name.log)"
+    else
+        echo pass >"$failures"
+        echo "PASS $name"
+    fi
+    if declare -F scenario_cleanup >/dev/null; then scenario_cleanup "$dir" "$(cat "$failures")"; fi
+}
+
+# run_scenarios KIND NAME...: runs the scenarios two at a time, as one
+# boot keeps one core busy, then tallies them.
+run_scenarios() {
+    local kind=$1 name
+    shift
+    for name in "$@"; do
+        while [ "$(jobs -r -p | wc -l)" -ge 2 ]; do
+            wait -n
+        done
+        run_scenario "$kind" "$name" &
+    done
+    wait
+    tally_results "$WORK"
+}
+
+# check_scenario_names ALL NAME...: refuses a name that isn't in ALL.
+check_scenario_names() {
+    local all=$1 name
+    shift
+    for name in "$@"; do
+        case " $all " in
+            *" $name "*) ;;
+            *) echo "unknown scenario $name (have: $all)" >&2; exit 2 ;;
+        esac
+    done
+}
+
 # tally_results WORK: counts the "result" files the scenarios under WORK
 # left ("pass", or their reasons), prints the closing line and answers
 # whether all passed.

@@ -18,23 +18,10 @@ namespace {
 
 using driver_test::NarrowText;
 
-class PosixTree : public driver_test::NotingTreeDriverOf<FileSystemDriverPosix> {
-public:
-    using NotingTreeDriverOf::NotingTreeDriverOf;
-};
+using PosixTree = driver_test::NotingTreeDriverOf<FileSystemDriverPosix>;
 
-struct PosixVolume {
-    PosixVolume() : disk(512, 64), driver(new PosixTree(&disk)) {
-        ++driver->references;
-        driver->make_path(u"/boot/grub");
-        driver->make_path(u"/bootx");
-        driver->make_file(driver->nodes[0].entries[u"boot"], u"vmlinuz");
-    }
-    ~PosixVolume() { release(driver); }
-    std::unique_ptr<rio_dir> root() { return std::unique_ptr<rio_dir>(driver->open_root()); }
-
-    driver_test::MemoryDisk disk;
-    PosixTree* driver;
+struct PosixVolume : driver_test::NotingVolume<FileSystemDriverPosix> {
+    PosixVolume() : NotingVolume(u"/bootx") {}
 };
 
 TEST(DirPosix, PathsComposeOnTheDirectory) {

@@ -13,24 +13,10 @@
 
 namespace {
 
-class WinTree : public driver_test::NotingTreeDriverOf<FileSystemDriverWindows> {
-public:
-    using NotingTreeDriverOf::NotingTreeDriverOf;
-};
+using WinTree = driver_test::NotingTreeDriverOf<FileSystemDriverWindows>;
 
-// A mounted volume that the test holds by one reference, as the loader does.
-struct WinVolume {
-    WinVolume() : disk(512, 64), driver(new WinTree(&disk)) {
-        ++driver->references;
-        driver->make_path(u"/boot/grub");
-        driver->make_path(u"/empty");
-        driver->make_file(driver->nodes[0].entries[u"boot"], u"vmlinuz");
-    }
-    ~WinVolume() { release(driver); }
-    std::unique_ptr<rio_dir> root() { return std::unique_ptr<rio_dir>(driver->open_root()); }
-
-    driver_test::MemoryDisk disk;
-    WinTree* driver;
+struct WinVolume : driver_test::NotingVolume<FileSystemDriverWindows> {
+    WinVolume() : NotingVolume(u"/empty") {}
 };
 
 TEST(DirWindows, RootAndItsOwnEntry) {

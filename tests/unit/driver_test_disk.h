@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -358,6 +359,25 @@ public:
     std::vector<std::string> notes;
     BackupFactory backup;    // empty: backups unsupported
     RestoreFactory restore;  // empty: restores unsupported
+};
+
+// A mounted tree volume of one flavour that the test holds by one
+// reference, as the loader does: /boot/grub, /boot/vmlinuz and one more
+// directory of the test's choice.
+template <typename Flavour>
+struct NotingVolume {
+    explicit NotingVolume(const char16_t* extra_directory)
+        : disk(512, 64), driver(new NotingTreeDriverOf<Flavour>(&disk)) {
+        ++driver->references;
+        driver->make_path(u"/boot/grub");
+        driver->make_path(extra_directory);
+        driver->make_file(driver->nodes[0].entries[u"boot"], u"vmlinuz");
+    }
+    ~NotingVolume() { release(driver); }
+    std::unique_ptr<rio_dir> root() { return std::unique_ptr<rio_dir>(driver->open_root()); }
+
+    MemoryDisk disk;
+    NotingTreeDriverOf<Flavour>* driver;
 };
 
 }  // namespace driver_test

@@ -19,26 +19,17 @@
 #include "fsdriver/driver_selection.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/raised_code.h"
+#include "tests/support/shell.h"
 #include "tests/unit/driver_test_disk.h"
 
 namespace {
 
 using driver_test::MemoryDisk;
 
-int Run(const std::string& command) {
-    return std::system(("MTOOLS_SKIP_CHECK=1 " + command + " >/dev/null 2>&1").c_str());
-}
+int Run(const std::string& command) { return TestSupport::RunQuietly("MTOOLS_SKIP_CHECK=1 " + command); }
 
-std::string Capture(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(("MTOOLS_SKIP_CHECK=1 " + command + " 2>/dev/null").c_str(), "r");
-    if (pipe == nullptr) return out;
-    char chunk[4096];
-    std::size_t n;
-    while ((n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0) out.append(chunk, n);
-    pclose(pipe);
-    return out;
-}
+std::string Capture(const std::string& command) { return TestSupport::CaptureOutput("MTOOLS_SKIP_CHECK=1 " + command); }
 
 // Bytes that differ from position to position, so a misplaced cluster shows.
 std::string Pattern(std::size_t size, unsigned seed) {
@@ -98,14 +89,7 @@ public:
     std::string path;
 };
 
-std::uint32_t CodeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+std::uint32_t CodeOf(const std::function<void()>& action) { return TestSupport::RaisedCode(action); }
 
 // The image in memory, mounted through the public constructor and used
 // through the framework's reference classes.

@@ -21,6 +21,7 @@
 #include "fat/fatxx_handler.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/raised_code.h"
 #include "tests/unit/driver_test_disk.h"
 
 namespace {
@@ -140,14 +141,7 @@ struct Volume {
     std::unique_ptr<TableDriver> driver;
 };
 
-std::uint32_t CodeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+std::uint32_t CodeOf(const std::function<void()>& action) { return TestSupport::RaisedCode(action); }
 
 class FatTable : public ::testing::TestWithParam<int> {};
 

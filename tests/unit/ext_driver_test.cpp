@@ -1,0 +1,670 @@
+// The ext driver over volumes that mkfs.ext2/3/4 and debugfs make: the
+// mount's refusals with their codes, listings, lookups by path, and reads
+// that must equal the files the tools were given, through block maps of
+// every depth, extent trees of several levels, holes and unwritten extents.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "extfs/extfs_driver.h"
+#include "extfs/extfs_inode.h"
+#include "extfs/extfs_inode_cache.h"
+#include "fsdriver/directory_object.h"
+#include "fsdriver/driver_selection.h"
+#include "loader/common/error.h"
+#include "loader/common/error_codes.h"
+#include "tests/support/raised_code.h"
+#include "tests/support/shell.h"
+#include "tests/support/temp_folder.h"
+#include "tests/unit/driver_test_disk.h"
+
+namespace {
+
+using driver_test::MemoryDisk;
+using extfs::ExtfsDriver;
+using TestSupport::TempFolder;
+
+constexpr std::uint64_t kKiB = 1024;
+
+int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
+
+std::string Capture(const std::string& command) { return TestSupport::CaptureOutput(command); }
+
+// Bytes that differ from position to position, so a misplaced block shows.
+std::string Pattern(std::size_t size, unsigned seed) {
+    std::string data(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<char>((i * 131 + seed * 7 + i / 1021) & 0xFF);
+    return data;
+}
+
+std::uint32_t CodeOf(const std::function<void()>& action) { return TestSupport::RaisedCode(action); }
+
+// Writes `data` at `offset` of a host file, leaving a hole in front. The
+// folder must exist.
+void PutAt(const std::string& path, std::uint64_t offset, const std::string& data) {
+    FILE* file = std::fopen(path.c_str(), "r+b");
+    if (file == nullptr) file = std::fopen(path.c_str(), "w+b");
+    ASSERT_NE(file, nullptr) << path;
+    fseeko(file, static_cast<off_t>(offset), SEEK_SET);
+    std::fwrite(data.data(), 1, data.size(), file);
+    std::fclose(file);
+}
+
+std::vector<unsigned char> LoadFile(const std::string& path) {
+    std::vector<unsigned char> data;
+    FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) return data;
+    unsigned char chunk[65536];
+    std::size_t n;
+    while ((n = std::fread(chunk, 1, sizeof(chunk), file)) > 0) data.insert(data.end(), chunk, chunk + n);
+    std::fclose(file);
+    return data;
+}
+
+// The source tree every content volume is made from, and what it holds.
+// The sparse file has data in a direct block, behind the double indirect
+// and behind the triple indirect pointer of a 1 KiB-block map.
+struct SourceTree {
+    explicit SourceTree(const TempFolder& folder) : root(folder.Path() + "/src") {
+        folder.Write("src/hello.txt", "hello ext\n");
+        folder.Write("src/.hidden", "h");
+        deep = Pattern(5000, 1);
+        folder.Write("src/dir/sub/deep.bin", deep);
+        big = Pattern(300 * kKiB, 2);
+        folder.Write("src/big.bin", big);
+        for (std::uint64_t block : {3ull, 12ull + 256 + 7, 12ull + 256 + 65536 + 9}) {
+            PutAt(root + "/sparse.bin", block * kKiB, Pattern(kKiB, static_cast<unsigned>(block)));
+        }
+        slow_target = std::string(100, 'a') + "/target";
+        Shell("cd '" + root + "' && ln -s dir/sub/deep.bin link_fast && ln -s " + slow_target +
+              " link_slow && chmod 0640 hello.txt && touch -d @1700000000 hello.txt");
+    }
+    std::string file(const std::string& name) const {
+        std::vector<unsigned char> data = LoadFile(root + "/" + name);
+        return std::string(data.begin(), data.end());
+    }
+
+    std::string root;
+    std::string deep, big, slow_target;
+};
+
+std::unique_ptr<MemoryDisk> DiskOf(const std::string& image, std::uint32_t sector = 512) {
+    std::vector<unsigned char> data = LoadFile(image);
+    auto disk = std::make_unique<MemoryDisk>(sector, data.size() / sector);
+    disk->bytes = data;
+    return disk;
+}
+
+// A volume mounted through the trial's ext factory and used through the
+// reference classes.
+struct Volume {
+    explicit Volume(std::unique_ptr<MemoryDisk> image) : disk(std::move(image)) {
+        FileSystemDriver* found = TryExtDriver(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0, 0);
+        driver = dynamic_cast<ExtfsDriver*>(found);
+        if (driver == nullptr) return;
+        ++driver->references;
+        root.reset(driver->open_root());
+    }
+    ~Volume() {
+        root.reset();
+        if (driver != nullptr) release(driver);
+    }
+
+    // The whole file, or a text that tells what failed.
+    std::string read(const std::u16string& path, std::uint64_t position = 0, std::uint64_t length = ~0ull) {
+        std::unique_ptr<ri_file> file(root->open_file(path.c_str(), false));
+        if (file == nullptr || file->failed()) return "<open failed>";
+        std::uint64_t size = file->size();
+        if (position > size) return "<beyond>";
+        std::uint64_t wanted = std::min(length, size - position);
+        std::string data(wanted, '\0');
+        file->seek(static_cast<std::int64_t>(position));
+        std::uint64_t got = 0;
+        file->read(data.data(), wanted, got);
+        if (file->failed()) return "<read failed " + std::to_string(file->error().Code()) + ">";
+        data.resize(got);
+        return data;
+    }
+    // Names of a directory with their kinds, or the error code as a name.
+    std::map<std::u16string, std::uint32_t> list(const std::u16string& path) {
+        std::map<std::u16string, std::uint32_t> names;
+        std::unique_ptr<rio_dir> dir(root->open_dir(path.c_str()));
+        std::unique_ptr<i_dir::iterator> walk(dir->begin());
+        if (walk == nullptr && dir->failed()) names[u"<error>"] = dir->error().Code();
+        while (walk != nullptr && !walk->failed()) {
+            names[walk->name()] = walk->kind();
+            if (!walk->next()) break;
+        }
+        if (walk != nullptr && walk->failed() && walk->error().Code() != Common::FILE_EOF) {
+            names[u"<error>"] = walk->error().Code();
+        }
+        return names;
+    }
+    std::unique_ptr<i_dir::iterator> find(const std::u16string& directory, const std::u16string& name) {
+        std::unique_ptr<rio_dir> dir(root->open_dir(directory.c_str()));
+        return std::unique_ptr<i_dir::iterator>(dir->find(name.c_str()));
+    }
+    std::uint32_t inode_index(const std::u16string& directory, const std::u16string& name) {
+        return static_cast<std::uint32_t>(find(directory, name)->object_id());
+    }
+
+    std::unique_ptr<MemoryDisk> disk;
+    ExtfsDriver* driver = nullptr;
+    std::unique_ptr<rio_dir> root;
+};
+
+// An image file made by the independent tools, removed with its folder.
+struct Image {
+    Image() : path(folder.Path() + "/volume.img") {}
+    bool make(const std::string& mkfs, unsigned kib, const std::string& source) {
+        return Shell("truncate -s " + std::to_string(kib) + "K '" + path + "' && " + mkfs + " -q -F" +
+                    (source.empty() ? "" : " -d '" + source + "'") + " '" + path + "'") == 0;
+    }
+    bool debugfs(const std::string& request) { return Shell("debugfs -w -R '" + request + "' '" + path + "'") == 0; }
+    std::string ask(const std::string& request) { return Capture("debugfs -R '" + request + "' '" + path + "'"); }
+    std::uint64_t number(const std::string& request) { return std::strtoull(ask(request).c_str(), nullptr, 10); }
+
+    TempFolder folder;
+    std::string path;
+};
+
+struct ContentCase {
+    const char* mkfs;
+    unsigned kib;
+    std::uint32_t sector;
+    const char* type;
+    std::uint32_t change_code;  // what a change is refused with
+};
+
+TEST(ExtDriver, ToolMadeVolumesListAndReadLikeTheirSource) {
+    TempFolder folder;
+    SourceTree source(folder);
+    const ContentCase cases[] = {
+        {"mkfs.ext2 -b 1024 -L etiqueta", 4096, 512, "Ext2", Common::FILE_UNSUPPORTED},
+        {"mkfs.ext3 -b 1024 -L etiqueta", 4096, 512, "Ext3", Common::FILE_UNSUPPORTED},
+        {"mkfs.ext4 -L etiqueta", 16384, 512, "Ext4", Common::FILE_READ_ONLY},  // metadata checksums
+        {"mkfs.ext4 -b 4096 -L etiqueta", 16384, 4096, "Ext4", Common::FILE_READ_ONLY},
+        {"mkfs.ext4 -b 1024 -I 128 -O ^metadata_csum,uninit_bg,^has_journal -L etiqueta", 4096, 512, "Ext4",
+         Common::FILE_UNSUPPORTED},
+        {"mkfs.ext4 -b 2048 -O ^extent,^64bit,^metadata_csum -L etiqueta", 8192, 2048, "Ext4",
+         Common::FILE_UNSUPPORTED},
+        {"mkfs.ext4 -b 4096 -I 1024 -O ^metadata_csum -L etiqueta", 16384, 512, "Ext4", Common::FILE_UNSUPPORTED},
+        // Blocks of 16 KiB make an Ext4 volume without any ext4 feature.
+        {"mkfs.ext2 -b 16384 -L etiqueta", 16384, 512, "Ext4", Common::FILE_UNSUPPORTED},
+        // Descriptors of 32 groups in two blocks, the second in group 16,
+        // each checked against its checksum.
+        {"mkfs.ext4 -b 1024 -g 256 -N 512 -O meta_bg,^resize_inode,^has_journal,64bit,^metadata_csum,uninit_bg "
+         "-L etiqueta",
+         8192, 512, "Ext4", Common::FILE_UNSUPPORTED},
+    };
+    const std::string sparse = source.file("sparse.bin");
+    for (const ContentCase& row : cases) {
+        SCOPED_TRACE(std::string(row.mkfs) + " sector " + std::to_string(row.sector));
+        Image image;
+        ASSERT_TRUE(image.make(row.mkfs, row.kib, source.root));
+        Volume volume(DiskOf(image.path, row.sector));
+        ASSERT_NE(volume.driver, nullptr);
+        EXPECT_STREQ(volume.driver->type_name(), row.type);
+        char16_t label[6];
+        volume.root->label(label, 6);
+        EXPECT_EQ(std::u16string(label), u"etiqu");  // cut to the capacity less its ending 0
+
+        std::map<std::u16string, std::uint32_t> expected = {
+            {u"lost+found", KIND_DIRECTORY}, {u"hello.txt", KIND_FILE},  {u".hidden", KIND_FILE},
+            {u"dir", KIND_DIRECTORY},        {u"big.bin", KIND_FILE},    {u"sparse.bin", KIND_FILE},
+            {u"link_fast", KIND_SYMLINK},    {u"link_slow", KIND_SYMLINK}};
+        EXPECT_EQ(volume.list(u"/"), expected);
+        EXPECT_EQ(volume.list(u"/dir/sub"), (std::map<std::u16string, std::uint32_t>{{u"deep.bin", KIND_FILE}}));
+        EXPECT_TRUE(volume.list(u"/lost+found").empty());
+
+        EXPECT_EQ(volume.read(u"/hello.txt"), "hello ext\n");
+        EXPECT_EQ(volume.read(u"/dir/sub/deep.bin"), source.deep);
+        EXPECT_EQ(volume.read(u"/big.bin"), source.big);
+        EXPECT_EQ(volume.read(u"/big.bin", 4093, 9000), source.big.substr(4093, 9000));
+        EXPECT_EQ(volume.read(u"/sparse.bin"), sparse);
+        EXPECT_EQ(volume.read(u"/missing"), "<open failed>");
+        EXPECT_EQ(volume.read(u"/dir"), "<open failed>");
+
+        auto hello = volume.find(u"/", u"hello.txt");
+        EXPECT_EQ(hello->permissions(), 0640u);
+        EXPECT_EQ(hello->modified(), 1700000000000);
+        EXPECT_EQ(hello->size(), 10u);
+        EXPECT_FALSE(hello->hidden());
+        EXPECT_TRUE(volume.find(u"/", u".hidden")->hidden());
+        // Where data lies on the volume, in its sectors, as debugfs maps it.
+        const std::uint32_t block = volume.driver->block_size();
+        const std::uint64_t per_block = block / row.sector;
+        FileSystemDriver::DirectoryObject* top = volume.driver->get_directory(u"/");
+        std::unique_ptr<FileSystemDriver::IteratorObject> entry(top->find(u"big.bin"));
+        EXPECT_EQ(entry->first_sector(), image.number("bmap big.bin 0") * per_block);
+        entry.reset(top->find(u"link_fast"));
+        EXPECT_EQ(entry->first_sector(), 0u);
+        std::unique_ptr<FileSystemDriver::FileObject> big(top->open_file(u"big.bin"));
+        // The last byte of block 5 lies in that block's last sector.
+        EXPECT_EQ(big->sector_at(6 * block - 1), image.number("bmap big.bin 5") * per_block + per_block - 1);
+        EXPECT_EQ(volume.find(u"/", u"link_fast")->link_target(), u"dir/sub/deep.bin");
+        std::u16string slow(source.slow_target.begin(), source.slow_target.end());
+        EXPECT_EQ(volume.find(u"/", u"link_slow")->link_target(), slow);
+        // The dot entries are found by name though a walk never shows them.
+        std::unique_ptr<FileSystemDriver::IteratorObject> dots(volume.driver->get_directory(u"/dir")->find(u".."));
+        EXPECT_EQ(dots->object_id(), 1u);
+
+        // Nothing is changed, and the refusal tells why.
+        std::unique_ptr<rio_dir> root(volume.driver->open_root());
+        root->make_dir(u"new");
+        EXPECT_EQ(root->error().Code(), row.change_code);
+        std::unique_ptr<rio_file> update(root->open_for_update(u"hello.txt", false));
+        std::uint64_t written = 0;
+        update->write("x", 1, written);
+        EXPECT_EQ(update->error().Code(), row.change_code);
+        EXPECT_EQ(volume.disk->writes(), 0u);
+    }
+}
+
+TEST(ExtDriver, ContiguousDataIsReadInWholeRuns) {
+    // Without a fragmented allocation big.bin lies in one run on the 4 KiB
+    // volume, and in runs cut only at the map's pointer arrays on 1 KiB.
+    TempFolder folder;
+    SourceTree source(folder);
+    const std::pair<const char*, std::size_t> cases[] = {{"mkfs.ext4 -O ^metadata_csum", 1},
+                                                         {"mkfs.ext2 -b 1024", 6}};
+    for (const auto& [mkfs, most_reads] : cases) {
+        SCOPED_TRACE(mkfs);
+        Image image;
+        ASSERT_TRUE(image.make(mkfs, 16384, source.root));
+        Volume volume(DiskOf(image.path));
+        ASSERT_NE(volume.driver, nullptr);
+        std::unique_ptr<ri_file> file(volume.root->open_file(u"/big.bin", false));
+        std::vector<char> buffer(source.big.size() + 512);
+        char* aligned = buffer.data() + (512 - reinterpret_cast<std::uintptr_t>(buffer.data()) % 512) % 512;
+        volume.disk->log.clear();
+        std::uint64_t got = 0;
+        file->read(aligned, source.big.size(), got);
+        EXPECT_EQ(std::string(aligned, got), source.big);
+        EXPECT_LE(volume.disk->reads(), most_reads);
+        EXPECT_EQ(volume.disk->unaligned, 0);
+    }
+}
+
+TEST(ExtDriver, LegacyMapAnswersRunsAndHolesByPointerSpan) {
+    TempFolder folder;
+    SourceTree source(folder);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 4096, source.root));
+    Volume volume(DiskOf(image.path));
+    ASSERT_NE(volume.driver, nullptr);
+    extfs::InodeRef sparse = volume.driver->inodes().open(volume.inode_index(u"/", u"sparse.bin"));
+    const std::uint64_t p = 256;
+    struct Row {
+        std::uint64_t block;
+        bool hole;
+        std::uint64_t count;
+    } rows[] = {
+        {0, true, 3},                       // zero direct pointers up to block 3
+        {3, false, 1},                      // one data block
+        {4, true, 8},                       // the rest of the direct array
+        {12, true, p},                      // no single indirect block at all
+        {12 + p, true, 7},                  // a zero pointer in the last-level block
+        {12 + p + 7, false, 1},
+        {12 + p + p, true, (p - 1) * p},    // the double block's empty pointers, span by span
+        {12 + p + p * p + 9, false, 1},     // behind the triple indirect pointer
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.block);
+        std::uint64_t count = 0;
+        std::uint64_t physical = sparse->map_block(row.block, count);
+        EXPECT_EQ(physical == ExtfsDriver::kNoBlock, row.hole);
+        EXPECT_EQ(count, row.count);
+        if (!row.hole) {
+            EXPECT_EQ(physical, image.number("bmap sparse.bin " + std::to_string(row.block)));
+        }
+    }
+    std::uint64_t count = 0;
+    EXPECT_EQ(CodeOf([&] { sparse->map_block(12 + p + p * p + p * p * p, count); }), Common::FILE_SEEK);
+    // A run of the direct pointers stops at the end of their array.
+    extfs::InodeRef big = volume.driver->inodes().open(volume.inode_index(u"/", u"big.bin"));
+    big->map_block(11, count);
+    EXPECT_EQ(count, 1u);
+}
+
+TEST(ExtDriver, FragmentedFileWalksAMultiLevelExtentTree) {
+    // Many one-block files, every other one removed, then a big file
+    // written into the gaps: hundreds of extents, two levels of index.
+    TempFolder folder;
+    std::string commands;
+    Shell("mkdir '" + folder.Path() + "/small'");
+    for (int i = 1; i <= 800; ++i) {
+        PutAt(folder.Path() + "/small/f" + std::to_string(i), 0, std::string(100, 'x'));
+        if (i % 2 == 0) commands += "rm f" + std::to_string(i) + "\n";
+    }
+    const std::string content = Pattern(450000, 3);
+    folder.Write("big", content);
+    folder.Write("remove", commands);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext4 -b 1024 -N 2048 -O ^has_journal", 4096, folder.Path() + "/small"));
+    ASSERT_EQ(Shell("debugfs -w -f '" + folder.Path() + "/remove' '" + image.path + "'"), 0);
+    ASSERT_TRUE(image.debugfs("write " + folder.Path() + "/big big"));
+    ASSERT_NE(image.ask("ex big").find(" 2/ 2 "), std::string::npos) << "the tree should have depth 2";
+
+    Volume volume(DiskOf(image.path));
+    ASSERT_NE(volume.driver, nullptr);
+    EXPECT_EQ(volume.read(u"/big"), content);
+    EXPECT_EQ(volume.read(u"/big", 100001, 3333), content.substr(100001, 3333));
+    extfs::InodeRef big = volume.driver->inodes().open(volume.inode_index(u"/", u"big"));
+    for (std::uint64_t block : {0ull, 1ull, 91ull, 92ull, 250ull, 439ull}) {
+        std::uint64_t count = 0;
+        EXPECT_EQ(big->map_block(block, count), image.number("bmap big " + std::to_string(block))) << block;
+    }
+    EXPECT_EQ(volume.list(u"/").size(), 400u + 2);  // lost+found and big besides the kept files
+
+    // A child that points back at its parent is refused, not followed:
+    // the first index entry of the node below the root names that node.
+    std::istringstream tree(image.ask("ex big"));
+    std::string line, token;
+    std::getline(tree, line);
+    std::getline(tree, line);
+    std::istringstream fields(line);
+    for (int n = 0; n < 8; ++n) fields >> token;  // level, entries, logical range, physical
+    const std::uint64_t top = std::strtoull(token.c_str(), nullptr, 10);
+    ASSERT_GT(top, 0u);
+    auto copy = std::make_unique<MemoryDisk>(512, volume.disk->bytes.size() / 512);
+    copy->bytes = volume.disk->bytes;
+    unsigned char* node = copy->bytes.data() + top * kKiB;
+    for (int n = 0; n < 4; ++n) node[12 + 4 + n] = static_cast<unsigned char>(top >> (8 * n));
+    Volume damaged(std::move(copy));
+    ASSERT_NE(damaged.driver, nullptr);
+    EXPECT_EQ(damaged.read(u"/big"), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
+
+    // A root header that claims room for five entries doesn't fit in the inode.
+    ASSERT_TRUE(image.debugfs("sif big block[1] 0x00020005"));
+    Volume overfull(DiskOf(image.path));
+    ASSERT_NE(overfull.driver, nullptr);
+    EXPECT_EQ(overfull.read(u"/big"), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
+}
+
+TEST(ExtDriver, HolesUnwrittenExtentsAndFilesOverFourGiB) {
+    TempFolder folder;
+    const std::uint64_t huge_size = 5 * kKiB * kKiB * kKiB + 3;
+    const std::string tail = "tail of a file beyond 4 GiB";
+    folder.Write("src/prealloc", Pattern(4096, 4));
+    PutAt(folder.Path() + "/src/huge.bin", huge_size - tail.size(), tail);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext4", 16384, folder.Path() + "/src"));
+    // Blocks 1 to 5 of prealloc become an unwritten extent; whatever the
+    // disk holds there must read as zeros.
+    ASSERT_TRUE(image.debugfs("fallocate prealloc 1 5"));
+    std::uint64_t unwritten = image.number("bmap prealloc 2");
+    ASSERT_NE(unwritten, 0u);
+    ASSERT_TRUE(image.debugfs("sif prealloc size 24576"));
+    auto disk = DiskOf(image.path);
+    std::memset(disk->bytes.data() + unwritten * 4096, 0x5A, 4096);
+    Volume volume(std::move(disk));
+    ASSERT_NE(volume.driver, nullptr);
+
+    std::unique_ptr<ri_file> huge(volume.root->open_file(u"/huge.bin", false));
+    EXPECT_EQ(huge->size(), huge_size);
+    EXPECT_EQ(volume.read(u"/huge.bin", huge_size - tail.size()), tail);
+    EXPECT_EQ(volume.read(u"/huge.bin", 4 * kKiB * kKiB * kKiB - 5, 10), std::string(10, '\0'));
+    EXPECT_EQ(volume.find(u"/", u"huge.bin")->size(), huge_size);
+
+    std::string prealloc = volume.read(u"/prealloc");
+    ASSERT_EQ(prealloc.size(), 24576u);
+    EXPECT_EQ(prealloc.substr(0, 4096), Pattern(4096, 4));
+    EXPECT_EQ(prealloc.substr(4096), std::string(20480, '\0'));
+}
+
+TEST(ExtDriver, TimesCarryTheirExtraFieldWhereTheInodeHasRoom) {
+    TempFolder folder;
+    folder.Write("src/t", "t");
+    Shell("touch -d @1700000000 '" + folder.Path() + "/src/t'");
+    const std::pair<const char*, std::int64_t> cases[] = {{"mkfs.ext4 -O ^metadata_csum", 1700000000500},
+                                                          {"mkfs.ext4 -I 128 -O ^metadata_csum", 1700000000000}};
+    for (const auto& [mkfs, expected] : cases) {
+        SCOPED_TRACE(mkfs);
+        Image image;
+        ASSERT_TRUE(image.make(mkfs, 8192, folder.Path() + "/src"));
+        // 500 ms as nanoseconds, above the two epoch bits.
+        image.debugfs("sif t mtime_extra 0x77359400");
+        Volume volume(DiskOf(image.path));
+        ASSERT_NE(volume.driver, nullptr);
+        EXPECT_EQ(volume.find(u"/", u"t")->modified(), expected);
+    }
+}
+
+TEST(ExtDriver, IndexedDirectoryReadsAsAList) {
+    TempFolder folder;
+    std::set<std::u16string> names;
+    Shell("mkdir -p '" + folder.Path() + "/src/many'");
+    for (int i = 0; i < 300; ++i) {
+        std::string name = "a-rather-long-file-name-number-" + std::to_string(i);
+        PutAt(folder.Path() + "/src/many/" + name, 0, name);
+        names.insert(std::u16string(name.begin(), name.end()));
+    }
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext4 -b 1024 -O ^has_journal", 4096, folder.Path() + "/src"));
+    Shell("e2fsck -fyD '" + image.path + "'");
+    ASSERT_NE(image.ask("htree many").find("Root node dump"), std::string::npos) << "many should be indexed";
+    Volume volume(DiskOf(image.path));
+    ASSERT_NE(volume.driver, nullptr);
+    std::set<std::u16string> listed;
+    for (const auto& entry : volume.list(u"/many")) listed.insert(entry.first);
+    EXPECT_EQ(listed, names);
+    EXPECT_EQ(volume.read(u"/many/a-rather-long-file-name-number-299"), "a-rather-long-file-name-number-299");
+
+    // The walk opened 300 inodes and let each go: the cache kept at most
+    // its limit. Inodes that are held are never dropped.
+    extfs::ExtfsInodeCache& cache = volume.driver->inodes();
+    EXPECT_LE(cache.count, extfs::ExtfsInodeCache::kIdleLimit);
+    const std::uint32_t first = volume.inode_index(u"/many", u"a-rather-long-file-name-number-0");
+    std::vector<extfs::InodeRef> held;
+    for (std::uint32_t n = 0; n < 40; ++n) held.push_back(cache.open(first + n));
+    EXPECT_GE(cache.count, 40u);
+    held.clear();
+    cache.open(first + 100);  // a miss drops what nobody holds
+    EXPECT_LE(cache.count, extfs::ExtfsInodeCache::kIdleLimit);
+}
+
+TEST(ExtDriver, InodeFilterHidesEntriesAndHoldsTheVolumeReadOnly) {
+    TempFolder folder;
+    SourceTree source(folder);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 4096, source.root));
+    std::uint32_t hidden_index = 0;
+    {
+        Volume plain(DiskOf(image.path));
+        ASSERT_NE(plain.driver, nullptr);
+        hidden_index = plain.inode_index(u"/", u"hello.txt");
+    }
+    std::vector<unsigned char> bits(64, 0xFF);
+    bits[hidden_index / 8] &= static_cast<unsigned char>(~(1u << (hidden_index % 8)));
+    auto disk = DiskOf(image.path);
+    FileSystemDriver* driver = TryExtDriver(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr,
+                                            reinterpret_cast<std::uintptr_t>(bits.data()), bits.size() * 8);
+    ASSERT_NE(driver, nullptr);
+    ++driver->references;
+    {
+        std::unique_ptr<rio_dir> root(driver->open_root());
+        std::unique_ptr<i_dir::iterator> walk(root->begin());
+        std::set<std::u16string> names;
+        do {
+            names.insert(walk->name());
+        } while (walk->next());
+        EXPECT_EQ(names.count(u"hello.txt"), 0u);
+        EXPECT_EQ(names.count(u"big.bin"), 1u);
+        std::unique_ptr<ri_file> file(root->open_file(u"hello.txt", false));
+        EXPECT_TRUE(file == nullptr || file->failed());
+        root->make_dir(u"new");
+        EXPECT_EQ(root->error().Code(), Common::FILE_READ_ONLY);
+    }
+    release(driver);
+    // A filter that hides the root's own inode leaves nothing to read.
+    bits.assign(64, 0xFF);
+    bits[0] &= static_cast<unsigned char>(~2u);
+    driver = TryExtDriver(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr,
+                          reinterpret_cast<std::uintptr_t>(bits.data()), bits.size() * 8);
+    ASSERT_NE(driver, nullptr);
+    ++driver->references;
+    {
+        std::unique_ptr<rio_dir> root(driver->open_root());
+        std::unique_ptr<i_dir::iterator> walk(root->begin());
+        EXPECT_TRUE(walk == nullptr || walk->failed());
+        EXPECT_EQ(root->error().Code(), Common::FILE_CORRUPT);
+    }
+    release(driver);
+}
+
+struct RefusalCase {
+    const char* request;  // debugfs request on a fresh ext3 volume, or "" for none
+    bool swap_magic;      // the superblock's magic with its two bytes exchanged
+    std::uint32_t sector;
+    std::uint32_t code;
+    std::uint32_t cause;
+};
+
+TEST(ExtDriver, MountRefusesWithTheCodeOfEachCheck) {
+    Image base;
+    ASSERT_TRUE(base.make("mkfs.ext3 -b 1024", 2048, ""));
+    const RefusalCase cases[] = {
+        {"", false, 512, 0, 0},
+        {"feature needs_recovery", false, 512, Common::FILE_CORRUPT, Common::RESIZER_INVALID_FILE_SYSTEM},
+        {"feature needs_recovery;ssv creator_os 3", false, 512, Common::FILE_CORRUPT,
+         Common::RESIZER_INVALID_FILE_SYSTEM},
+        {"ssv creator_os 3", false, 512, Common::FILE_UNSUPPORTED, 0},
+        {"feature mmp", false, 512, Common::FILE_UNSUPPORTED, 0},
+        {"ssv rev_level 2", false, 512, Common::FILE_UNSUPPORTED, 0},
+        {"", true, 512, Common::FILE_CORRUPT, 0},
+        {"ssv log_cluster_size 1", false, 512, Common::FILE_UNSUPPORTED, 0},
+        {"ssv first_data_block 0", false, 512, Common::FILE_UNSUPPORTED, 0},
+        {"ssv inodes_count 7", false, 512, Common::FILE_CORRUPT, 0},
+        {"ssv log_block_size 7", false, 512, Common::FILE_CORRUPT, 0},
+        {"", false, 4096, Common::FILE_CORRUPT, 0},  // 1 KiB blocks on 4 KiB sectors
+    };
+    for (const RefusalCase& row : cases) {
+        SCOPED_TRACE(std::string(row.request) + (row.swap_magic ? " swapped magic" : "") + " sector " +
+                     std::to_string(row.sector));
+        Image image;
+        ASSERT_EQ(Shell("cp '" + base.path + "' '" + image.path + "'"), 0);
+        std::istringstream requests(row.request);
+        for (std::string request; std::getline(requests, request, ';');) image.debugfs(request);
+        auto disk = DiskOf(image.path, row.sector);
+        if (row.swap_magic) std::swap(disk->bytes[1024 + 0x38], disk->bytes[1024 + 0x39]);
+        Common::Error caught;
+        try {
+            ExtfsDriver driver(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0);
+        } catch (const Common::Error& error) {
+            caught = error;
+        }
+        EXPECT_EQ(caught.Code(), row.code);
+        EXPECT_EQ(caught.Next().Code(), row.cause);
+        // The ext factory, and the whole trial once FAT has refused, answer
+        // the same; a refused volume gives none.
+        for (DriverFactory factory : {kDriverTable[1].factory, kDriverTable[0].factory}) {
+            FileSystemDriver* found = factory(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0, 0);
+            EXPECT_EQ(found == nullptr, row.code != 0);
+            if (found == nullptr) continue;
+            EXPECT_STREQ(found->type_name(), "Ext3");
+            ++found->references;
+            release(found);
+        }
+        EXPECT_EQ(disk->writes(), 0u);
+    }
+}
+
+TEST(ExtDriver, DescriptorChecksumsAreCheckedOnlyWhereTheVolumeHasThem) {
+    const std::pair<const char*, std::uint32_t> cases[] = {
+        {"mkfs.ext4 -b 1024 -O ^metadata_csum,uninit_bg,^has_journal", Common::FILE_CORRUPT},
+        {"mkfs.ext2 -b 1024", 0},
+    };
+    for (const auto& [mkfs, code] : cases) {
+        SCOPED_TRACE(mkfs);
+        Image image;
+        ASSERT_TRUE(image.make(mkfs, 4096, ""));
+        auto disk = DiskOf(image.path);
+        EXPECT_EQ(CodeOf([&] { ExtfsDriver intact(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0); }), 0u);
+        disk->bytes[2 * kKiB + 0x12] ^= 0x04;  // bg_flags of group 0, behind the superblock
+        EXPECT_EQ(CodeOf([&] { ExtfsDriver changed(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0); }), code);
+    }
+}
+
+TEST(ExtDriver, DamagedDirectoriesAndInodesRaiseCorruptWhereMet) {
+    TempFolder folder;
+    SourceTree source(folder);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 4096, source.root));
+    const std::uint64_t root_block = image.number("bmap <2> 0");
+    struct Damage {
+        const char* what;
+        std::function<void(MemoryDisk&)> apply;
+    } damages[] = {
+        {"rec_len 0 behind the dot entries",
+         [&](MemoryDisk& disk) { std::memset(disk.bytes.data() + root_block * kKiB + 24 + 4, 0, 2); }},
+        {"rec_len past the block",
+         [&](MemoryDisk& disk) { disk.bytes[root_block * kKiB + 24 + 5] = 0x7F; }},
+        {"an inode number beyond the volume",
+         [&](MemoryDisk& disk) { std::memset(disk.bytes.data() + root_block * kKiB + 24, 0xFF, 4); }},
+        {"a slash in a name",
+         [&](MemoryDisk& disk) { disk.bytes[root_block * kKiB + 24 + 8] = '/'; }},
+    };
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.what);
+        auto disk = DiskOf(image.path);
+        damage.apply(*disk);
+        Volume volume(std::move(disk));
+        ASSERT_NE(volume.driver, nullptr);
+        EXPECT_EQ(volume.list(u"/")[u"<error>"], Common::FILE_CORRUPT);
+    }
+    // An entry whose inode has no links left fails alone, where it is met.
+    ASSERT_TRUE(image.debugfs("sif hello.txt links_count 0"));
+    Volume dangling(DiskOf(image.path));
+    ASSERT_NE(dangling.driver, nullptr);
+    EXPECT_EQ(dangling.list(u"/")[u"<error>"], Common::FILE_OPEN);
+    EXPECT_EQ(dangling.read(u"/hello.txt"), "<open failed>");
+    EXPECT_EQ(dangling.read(u"/dir/sub/deep.bin"), source.deep);
+}
+
+TEST(ExtDriver, MutatedMetadataNeverHangsOrCrashes) {
+    // Bytes of the first 64 KiB (superblock, descriptors, bitmaps, inode
+    // table, first directories) changed at random: each mount and walk
+    // ends, and every failure is one of the driver's codes.
+    TempFolder folder;
+    SourceTree source(folder);
+    Image image;
+    ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 4096, source.root));
+    const std::vector<unsigned char> pristine = LoadFile(image.path);
+    const std::set<std::uint32_t> allowed = {0,  Common::FILE_CORRUPT, Common::FILE_UNSUPPORTED, Common::FILE_OPEN,
+                                             Common::FILE_NOT_FOUND, Common::FILE_SEEK, Common::FILE_EOF};
+    std::uint32_t seed = 12345;
+    auto random = [&] { return seed = seed * 1103515245u + 12345u, (seed >> 8) & 0xFFFFFF; };
+    for (int round = 0; round < 120; ++round) {
+        auto disk = std::make_unique<MemoryDisk>(512, pristine.size() / 512);
+        disk->bytes = pristine;
+        for (int n = 0; n < 8; ++n) disk->bytes[1024 + random() % (63 * kKiB)] = static_cast<unsigned char>(random());
+        Volume volume(std::move(disk));
+        if (volume.driver == nullptr) continue;
+        for (const auto& entry : volume.list(u"/")) {
+            if (entry.first == u"<error>") {
+                EXPECT_TRUE(allowed.count(entry.second)) << entry.second;
+            }
+        }
+        for (const char16_t* path : {u"/hello.txt", u"/big.bin", u"/dir/sub/deep.bin", u"/sparse.bin"}) {
+            std::unique_ptr<ri_file> file(volume.root->open_file(path, false));
+            if (file == nullptr || file->failed()) continue;
+            std::string buffer(std::min<std::uint64_t>(file->size(), kKiB * kKiB), '\0');
+            std::uint64_t got = 0;
+            file->read(buffer.data(), buffer.size(), got);
+            EXPECT_TRUE(allowed.count(file->error().Code())) << file->error().Code();
+        }
+    }
+}
+
+}  // namespace
