@@ -38,6 +38,7 @@ e2e: all
 bench: all
 	bench/boot_time.sh $(BUILD)
 	bench/fat_read.sh $(BUILD)
+	bench/ext_read.sh $(BUILD)
 
 check: deps
 	$(MAKE) unit

@@ -190,7 +190,15 @@ public:
     static constexpr std::uint32_t kHeaderSize = 8;
     explicit DirEntryRecord(const unsigned char* bytes) : bytes_(bytes) {}
     std::uint32_t inode() const { return Le32(bytes_); }
-    std::uint16_t rec_len() const { return Le16(bytes_ + 4); }
+    // The published form of a length that 16 bits can't hold: a 64 KiB
+    // block's single entry is 65535 (or 0 from older tools), and any length
+    // keeps bits 16 and 17 in its two low bits. A decoded length beyond the
+    // rest of a smaller block is refused by the entry check as before.
+    std::uint32_t rec_len() const {
+        const std::uint32_t stored = Le16(bytes_ + 4);
+        if (stored == 0 || stored == 0xFFFF) return 0x10000;
+        return (stored & 0xFFFC) | (stored & 3) << 16;
+    }
     std::uint8_t name_len() const { return bytes_[6]; }
     std::uint8_t file_type() const { return bytes_[7]; }
     const unsigned char* name() const { return bytes_ + kHeaderSize; }

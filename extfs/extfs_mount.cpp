@@ -9,7 +9,6 @@
 #include "extfs/descriptor_checksum.h"
 #include "extfs/extfs_driver.h"
 #include "extfs/extfs_inode_cache.h"
-#include "extfs/journal_recovery.h"
 #include "extfs/location_processor.h"
 #include "files/utf_conversion.h"
 #include "fsdriver/directory_object.h"
@@ -76,9 +75,10 @@ void ExtfsDriver::read_superblock() {
     copy_superblock();
     if (superblock.s_magic() != kMagic) Corrupt(ERROR_TAG);
     if (superblock.has_incompat(kIncompatRecover)) {
-        // Only a device that shows the journal applied could serve; the
-        // request raises when there is none.
-        InstallRecoveryDevice(*this, kJournaledTypes);
+        // Only a device that shows the journal applied could serve, and
+        // only ext3 and ext4 have journals; the request raises when there
+        // is none.
+        install_recovery_device(*this, 1u << kExt4 | 1u << kExt3);
         copy_superblock();
         if (superblock.s_magic() != kMagic) Corrupt(ERROR_TAG);
         superblock.clear_incompat(kIncompatRecover);

@@ -83,6 +83,11 @@ public:
     void write_sectors(const void* buffer, std::uint64_t first, std::uint64_t count);
     // Writes every dirty block once; a commit reached from inside a flush does nothing.
     void commit();
+    // Asks the volume processing library for a device that shows `driver`'s
+    // volume rewritten (a journal replayed) by a processor of a type in
+    // `type_mask`; on success it replaces `device`. Raises FILE_CORRUPT with
+    // the library's refusal as cause.
+    static void install_recovery_device(FileSystemDriver& driver, std::uint32_t type_mask);
 
     // --- directories ---
     // The directory object of `id`, from `directories` or newly opened.

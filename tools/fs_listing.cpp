@@ -131,6 +131,8 @@ void PrintStat(i_dir::iterator& entry, const std::string& path) {
     std::u16string short_name = entry.short_name();
     if (!short_name.empty()) std::printf("short name:  %s\n", Utf8(short_name).c_str());
     std::printf("kind:        %s\n", KindName(entry.kind()));
+    std::u16string target = entry.link_target();
+    if (!target.empty()) std::printf("target:      %s\n", Utf8(target).c_str());
     std::printf("size:        %llu\n", static_cast<unsigned long long>(entry.size()));
     std::printf("allocated:   %llu\n", static_cast<unsigned long long>(entry.allocated_size()));
     std::printf("modified:    %s\n", TimeText(entry.modified(), true).c_str());

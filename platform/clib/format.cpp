@@ -13,32 +13,32 @@ struct Arguments {
     va_list list;
 };
 
-struct Spec {
+struct FieldFormat {
     bool left = false;
     bool zero = false;
     unsigned width = 0;
     int length = 0;  // 0 int, 1 long, 2 long long, -1 short, 3 size_t
 };
 
-void Pad(std::u16string& out, std::size_t used, const Spec& spec, char16_t fill) {
-    for (std::size_t i = used; i < spec.width; ++i) out.push_back(fill);
+void Pad(std::u16string& out, std::size_t used, const FieldFormat& format, char16_t fill) {
+    for (std::size_t i = used; i < format.width; ++i) out.push_back(fill);
 }
 
-void PutField(std::u16string& out, const std::u16string& field, const Spec& spec, bool numeric) {
-    if (spec.left) {
+void PutField(std::u16string& out, const std::u16string& field, const FieldFormat& format, bool numeric) {
+    if (format.left) {
         out += field;
-        Pad(out, field.size(), spec, u' ');
+        Pad(out, field.size(), format, u' ');
         return;
     }
-    if (numeric && spec.zero && !field.empty() && field[0] == u'-') {
+    if (numeric && format.zero && !field.empty() && field[0] == u'-') {
         out.push_back(u'-');
-        Spec rest = spec;
-        rest.width = spec.width > 0 ? spec.width - 1 : 0;
+        FieldFormat rest = format;
+        rest.width = format.width > 0 ? format.width - 1 : 0;
         Pad(out, field.size() - 1, rest, u'0');
         out.append(field, 1, std::u16string::npos);
         return;
     }
-    Pad(out, field.size(), spec, numeric && spec.zero ? u'0' : u' ');
+    Pad(out, field.size(), format, numeric && format.zero ? u'0' : u' ');
     out += field;
 }
 
@@ -87,17 +87,17 @@ std::u16string StringArgument(Arguments& arguments, char16_t) {
 
 // Reads flags, width and length marks; answers the conversion character.
 template <typename CharT>
-CharT ParseSpec(const CharT*& p, Spec& spec) {
+CharT ParseFieldFormat(const CharT*& p, FieldFormat& format) {
     for (;; ++p) {
-        if (*p == '-') spec.left = true;
-        else if (*p == '0') spec.zero = true;
+        if (*p == '-') format.left = true;
+        else if (*p == '0') format.zero = true;
         else break;
     }
-    while (*p >= '0' && *p <= '9') spec.width = spec.width * 10 + static_cast<unsigned>(*p++ - '0');
+    while (*p >= '0' && *p <= '9') format.width = format.width * 10 + static_cast<unsigned>(*p++ - '0');
     for (;; ++p) {
-        if (*p == 'l') spec.length = spec.length == 1 ? 2 : 1;
-        else if (*p == 'h') spec.length = -1;
-        else if (*p == 'z') spec.length = 3;
+        if (*p == 'l') format.length = format.length == 1 ? 2 : 1;
+        else if (*p == 'h') format.length = -1;
+        else if (*p == 'z') format.length = 3;
         else break;
     }
     return *p;
@@ -112,24 +112,24 @@ std::u16string Format(const CharT* format, Arguments& arguments) {
             continue;
         }
         ++p;
-        Spec spec;
-        CharT conversion = ParseSpec(p, spec);
+        FieldFormat field;
+        CharT conversion = ParseFieldFormat(p, field);
         switch (conversion) {
             case 0: return out;
             case '%': out.push_back(u'%'); break;
             case 'c': out.push_back(static_cast<char16_t>(va_arg(arguments.list, int))); break;
-            case 's': PutField(out, StringArgument(arguments, CharT()), spec, false); break;
-            case 'u': PutField(out, Digits(TakeUnsigned(arguments, spec.length), 10, false), spec, true); break;
-            case 'x': PutField(out, Digits(TakeUnsigned(arguments, spec.length), 16, false), spec, true); break;
-            case 'X': PutField(out, Digits(TakeUnsigned(arguments, spec.length), 16, true), spec, true); break;
+            case 's': PutField(out, StringArgument(arguments, CharT()), field, false); break;
+            case 'u': PutField(out, Digits(TakeUnsigned(arguments, field.length), 10, false), field, true); break;
+            case 'x': PutField(out, Digits(TakeUnsigned(arguments, field.length), 16, false), field, true); break;
+            case 'X': PutField(out, Digits(TakeUnsigned(arguments, field.length), 16, true), field, true); break;
             case 'p':
-                PutField(out, u"0x" + Digits(reinterpret_cast<std::uintptr_t>(va_arg(arguments.list, void*)), 16, false), spec, false);
+                PutField(out, u"0x" + Digits(reinterpret_cast<std::uintptr_t>(va_arg(arguments.list, void*)), 16, false), field, false);
                 break;
             case 'd':
             case 'i': {
-                std::int64_t value = TakeSigned(arguments, spec.length);
+                std::int64_t value = TakeSigned(arguments, field.length);
                 std::uint64_t magnitude = value < 0 ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
-                PutField(out, (value < 0 ? u"-" : u"") + Digits(magnitude, 10, false), spec, true);
+                PutField(out, (value < 0 ? u"-" : u"") + Digits(magnitude, 10, false), field, true);
                 break;
             }
             default:

@@ -73,3 +73,29 @@ make_partition_folders() {
         mdir -i "$image" "$path" >/dev/null 2>&1 || mmd -i "$image" "$path" || return 1
     done
 }
+
+# fill_ext_partition IMAGE N MKFS FOLDER: an ext volume made by MKFS (e.g.
+# mkfs.ext4) from the contents of FOLDER (mke2fs -d), over the whole of
+# partition N. The volume is made in a file of its own, the partition's
+# size, and then copied into place: no offset form of mke2fs is needed.
+fill_ext_partition() {
+    local image=$1 number=$2 mkfs=$3 folder=$4 first last volume
+    read -r first last <<<"$(partition_sectors "$image" "$number")"
+    if [ -z "$first" ] || [ -z "$last" ]; then
+        echo "no partition $number on $image" >&2
+        return 1
+    fi
+    volume=$image.part$number
+    rm -f "$volume"
+    truncate -s $(((last - first + 1) * 512)) "$volume" || return 1
+    if ! "$mkfs" -q -F -d "$folder" "$volume" >"$image.mkfs" 2>&1; then
+        cat "$image.mkfs" >&2
+        rm -f "$volume"
+        return 1
+    fi
+    rm -f "$image.mkfs"
+    dd if="$volume" of="$image" bs=1M seek="$((first * 512))" oflag=seek_bytes conv=notrunc,sparse status=none
+    local status=$?
+    rm -f "$volume"
+    return $status
+}

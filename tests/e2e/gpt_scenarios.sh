@@ -7,6 +7,8 @@
 # element, so the loader must find the partition among the firmware's block
 # devices and read kernel and ramdisk through its own FAT driver: the
 # firmware's own file access could not tell which partition is meant.
+# A second disk of the same kind holds the kernel on an ext4 partition made
+# by mkfs.ext4 -d, read through the loader's ext driver.
 #
 #   tests/e2e/gpt_scenarios.sh BUILD_DIR [SCENARIO]...
 #
@@ -14,6 +16,8 @@
 #   kernel       Debian's kernel and the busybox initramfs, only on the
 #                FAT32 partition, boot; /init checks the ramdisk's payload
 #                against its SHA-256 (see tests/e2e/kernel/init).
+#   ext4_kernel  the same kernel and initramfs, only on an ext4 partition
+#                of its own GUID, boot the same way.
 #   wrong_guid   the document names a GUID that no partition carries: the
 #                report of DISK_NOT_FOUND, then back to the firmware.
 #   unmounted    the GUID names a partition without a file system: the
@@ -61,6 +65,7 @@ KERNEL_GUID=6a1f3e2d-9b4c-4d5e-8f70-a1b2c3d4e5f6
 NEAR_GUID=6A1F3E2D-9B4C-4D5E-8F70-A1B2C3D4E5F7
 BLANK_GUID=0D9C8B7A-6F5E-4D3C-AB2A-998877665544
 ESP_GUID=3B9E2F51-7C4D-4E8A-9F10-5A6B7C8D9E0F
+EXT4_GUID=c4e8a2b6-51d3-4f79-a0b1-7e6d5c4b3a29
 # The menu's entry hands its Arguments attribute over behind the loader's
 # fixed prefix.
 ARGUMENTS='console=ttyS0 panic=-1 quiet'
@@ -70,13 +75,14 @@ ESP_MIB=40
 DATA_MIB=160
 SMALL_DATA_MIB=40
 
-# gpt_document GUID: a menu whose default entry boots after 1 s, its files
-# named with both kinds of separator, on the partition GUID.
+# gpt_document GUID [RAMDISK_PATH]: a menu whose default entry boots after
+# 1 s, its files on the partition GUID. Without RAMDISK_PATH the files are
+# named with both kinds of separator, as a FAT volume takes them.
 gpt_document() {
     printf '<R><Menu><Topic Delay="1"/><Entry Key="l" Text="Linux" Default="">'
     printf '<LoadKernel><GPT Guid="%s"/>' "$1"
     printf '<Kernel Path="/boot/vmlinuz" Arguments="%s"/>' "$ARGUMENTS"
-    printf '<Ramdisk Path="\\boot\\initrd.img"/><Loading Text="Cargando..."/>'
+    printf '<Ramdisk Path="%s"/><Loading Text="Cargando..."/>' "${2:-\\boot\\initrd.img}"
     printf '</LoadKernel></Entry></Menu></R>\n'
 }
 
@@ -177,9 +183,10 @@ check_report_and_next() {
 # Scenarios. Each makes its disks in DIR and leaves the cleaned console in
 # DIR/console.txt.
 
-# write_document DIR GUID: DIR/BOOTX64.xml for GUID, checked by the host tool.
+# write_document DIR GUID [RAMDISK_PATH]: DIR/BOOTX64.xml for GUID, checked
+# by the host tool.
 write_document() {
-    gpt_document "$2" >"$1/BOOTX64.xml"
+    gpt_document "$2" ${3:+"$3"} >"$1/BOOTX64.xml"
     if ! "$TOOL" conf check "$1/BOOTX64.xml" >"$1/conf-check.txt" 2>&1; then
         fail "morvane conf check refuses the document: $(cat "$1/conf-check.txt")"
         return 1
@@ -229,6 +236,33 @@ report_scenario() {
     check_report_and_next "$status" "$dir/console.txt" "$regex"
 }
 
+# The kernel and the initramfs lie only on an ext4 partition; the FAT ESP
+# holds nothing but the loader and its document. An ext volume has one
+# tree under "/", where a backslash is part of a name, so both paths take
+# "/".
+scenario_ext4_kernel() {
+    local dir=$1 tree=$1/tree
+    write_document "$dir" "$EXT4_GUID" /boot/initrd.img || return
+    mkdir -p "$tree/boot" || return
+    # Hard links spare the copies where the build and the work share a disk.
+    ln -f "$KERNEL_IMAGE" "$tree/boot/vmlinuz" 2>/dev/null || cp "$KERNEL_IMAGE" "$tree/boot/vmlinuz"
+    ln -f "$INITRD_IMAGE" "$tree/boot/initrd.img" 2>/dev/null || cp "$INITRD_IMAGE" "$tree/boot/initrd.img"
+    if ! { make_gpt_layout "$dir/disk.img" $((ESP_MIB + DATA_MIB + 2)) \
+               "EF00:$ESP_MIB:$ESP_GUID" "8300:$DATA_MIB:$EXT4_GUID" &&
+           fill_fat_partition "$dir/disk.img" 1 "" \
+               "$LOADER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI "$dir/BOOTX64.xml" ::/EFI/BOOT/BOOTX64.xml &&
+           fill_ext_partition "$dir/disk.img" 2 mkfs.ext4 "$tree"; }; then
+        rm -rf "$tree"
+        fail "cannot make the GPT disk with the ext4 partition"
+        return
+    fi
+    rm -rf "$tree"
+    make_marker_disk "$dir/next.img" || { fail "cannot make the marker disk"; return; }
+    boot_machine "$dir" -drive format=raw,file="$dir/disk.img" -drive format=raw,file="$dir/next.img"
+    clean_console <"$dir/console.raw" >"$dir/console.txt"
+    check_gpt_boot "$dir" "$dir/console.txt"
+}
+
 scenario_wrong_guid() {
     report_scenario "$1" "$NEAR_GUID" "$DISK_NOT_FOUND_REPORT"
 }
@@ -237,7 +271,7 @@ scenario_unmounted() {
     report_scenario "$1" "$BLANK_GUID" "$NOT_MOUNTED_REPORT"
 }
 
-ALL_SCENARIOS="kernel wrong_guid unmounted"
+ALL_SCENARIOS="kernel ext4_kernel wrong_guid unmounted"
 
 scenario_log() {
     echo "== machine: ${BOOT_END:-see the status above}"
@@ -252,6 +286,7 @@ scenario_log() {
 # The disks are remade on every run; only the consoles are worth keeping.
 scenario_cleanup() {
     rm -f "$1/disk.img" "$1/next.img" "$1/vars.fd" "$1/screen.ppm"
+    rm -rf "$1/tree"
 }
 
 scenarios=${*:-$ALL_SCENARIOS}

@@ -19,16 +19,16 @@ truncate -s "${size}M" "$image"
 # this sgdisk silently writes nothing.
 arguments="-o"
 number=0
-for spec in "$@"; do
+for layout in "$@"; do
     number=$((number + 1))
-    part_size=${spec%%:*}
-    guid=${spec#*:}
+    part_size=${layout%%:*}
+    guid=${layout#*:}
     arguments="$arguments -n $number:0:+${part_size}M -t $number:8300 -u $number:$guid"
 done
 # shellcheck disable=SC2086
 sgdisk $arguments "$image" >/dev/null
 number=0
-for spec in "$@"; do
+for layout in "$@"; do
     number=$((number + 1))
     first=$(sgdisk -i "$number" "$image" | sed -n 's/^First sector: \([0-9]*\).*/\1/p')
     last=$(sgdisk -i "$number" "$image" | sed -n 's/^Last sector: \([0-9]*\).*/\1/p')

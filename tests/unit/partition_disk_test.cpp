@@ -68,7 +68,7 @@ const GuidBytes kHome = {"0FEDCBA9-8765-4321-8000-00000000CAFE",
                          {0xA9, 0xCB, 0xED, 0x0F, 0x65, 0x87, 0x21, 0x43, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0xCA, 0xFE}};
 const std::uint8_t kAbsent[16] = {0xD4, 0xC3, 0xB2, 0xA1, 0xF6, 0xE5, 0x08, 0x47, 0x9A, 0x0B, 0x1C, 0x2D, 0x3E, 0x4F, 0x50, 0x62};
 
-std::string Spec(int size_mib, const GuidBytes& guid) { return std::to_string(size_mib) + ":" + guid.text; }
+std::string Layout(int size_mib, const GuidBytes& guid) { return std::to_string(size_mib) + ":" + guid.text; }
 
 // The images the tests read, each made once per run and only when a test
 // wants it: sgdisk takes a second for each table it writes. Tests that
@@ -83,13 +83,13 @@ struct SharedImage {
 
 // kBoot 2 MiB, kRoot 5 MiB, kHome 3 MiB on 16 MiB.
 const SharedImage& Three() {
-    static SharedImage image(16, {Spec(2, kBoot), Spec(5, kRoot), Spec(3, kHome)});
+    static SharedImage image(16, {Layout(2, kBoot), Layout(5, kRoot), Layout(3, kHome)});
     return image;
 }
 
 // kBoot 4 MiB on 8 MiB.
 const SharedImage& Large() {
-    static SharedImage image(8, {Spec(4, kBoot)});
+    static SharedImage image(8, {Layout(4, kBoot)});
     return image;
 }
 
