@@ -1,0 +1,155 @@
+#pragma once
+// What the volume fuzz targets share: a disk over the input whose unread
+// part is zeros, and a walk that lists, states, finds and reads everything
+// a mounted volume shows. Nothing may fault, hang or read outside the
+// volume, and what a file yields without a stored error is exactly as long
+// as its size says.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "files/dir_object.h"
+#include "firmware/simple_disk.h"
+#include "fsdriver/driver_selection.h"
+#include "loader/common/error_codes.h"
+#include "loader/mount_volume.h"
+
+namespace volume_fuzzing {
+
+constexpr std::uint64_t kMostSectors = 1ull << 24;
+// Bounds for what a damaged volume can make a walk do: directories that
+// hold their own ancestors, long chains and huge sparse files.
+constexpr int kDeepest = 12;
+constexpr int kMostEntries = 2048;
+constexpr std::uint64_t kMostBytesPerFile = 1 << 20;
+
+inline void Require(bool condition) {
+    if (!condition) std::abort();
+}
+
+inline std::uint32_t LittleEndian(const std::uint8_t* bytes, int count) {
+    std::uint32_t value = 0;
+    for (int i = count - 1; i >= 0; --i) value = value << 8 | bytes[i];
+    return value;
+}
+
+// The volume over the input, as a block device would show it: transfers
+// outside it are refused, and the part behind the input reads as zeros.
+class InputDisk : public Fdisk::SimpleDisk {
+public:
+    // `declared_sectors`: what the volume's own header claims; never fewer
+    // than the input fills, at most kMostSectors.
+    InputDisk(const std::uint8_t* data, std::size_t size, std::uint32_t sector_bytes, std::uint64_t declared_sectors)
+        : input_(data, data + size) {
+        sector_size = sector_bytes;
+        std::uint64_t input_sectors = (size + sector_size - 1) / sector_size;
+        std::uint64_t sectors = declared_sectors;
+        if (sectors < input_sectors) sectors = input_sectors;
+        if (sectors > kMostSectors) sectors = kMostSectors;
+        last_sector = sectors - 1;
+    }
+
+    Common::Error Transfer(std::uint32_t operation, std::uint64_t sector, void* buffer,
+                           std::uint64_t count) override {
+        if (sector > last_sector || count > last_sector + 1 - sector) return Common::Error(1, Common::FILE_READ);
+        if (operation != Fdisk::kTransferRead) return Common::Error();
+        std::uint64_t offset = sector * sector_size;
+        std::uint64_t length = count * sector_size;
+        std::memset(buffer, 0, length);
+        if (offset < input_.size()) {
+            std::uint64_t present = input_.size() - offset < length ? input_.size() - offset : length;
+            std::memcpy(buffer, input_.data() + offset, present);
+        }
+        return Common::Error();
+    }
+
+private:
+    std::vector<std::uint8_t> input_;
+};
+
+struct WalkBudget {
+    int entries = kMostEntries;
+};
+
+inline void ReadWhole(ri_file& file) {
+    std::uint64_t size = file.size();
+    std::vector<std::uint8_t> buffer(4096);
+    std::uint64_t total = 0;
+    while (total < kMostBytesPerFile) {
+        std::uint64_t got = 0;
+        file.read(buffer.data(), buffer.size(), got);
+        Require(got <= buffer.size());
+        if (file.failed() || got == 0) break;
+        total += got;
+    }
+    if (!file.failed() && total < kMostBytesPerFile) Require(total == size);
+    // Random access: the last byte, and a read from far behind the end.
+    if (size == 0 || file.failed()) return;
+    std::uint64_t got = 0;
+    file.seek(static_cast<std::int64_t>(size - 1));
+    file.read(buffer.data(), buffer.size(), got);
+    Require(got <= 1);
+    file.seek(static_cast<std::int64_t>(size + 4096));
+    file.read(buffer.data(), buffer.size(), got);
+    Require(got == 0);
+}
+
+inline void StatEntry(i_dir::iterator& entry) {
+    static_cast<void>(entry.short_name());
+    static_cast<void>(entry.display_name());
+    static_cast<void>(entry.size());
+    static_cast<void>(entry.allocated_size());
+    static_cast<void>(entry.modified());
+    static_cast<void>(entry.created());
+    static_cast<void>(entry.accessed());
+    static_cast<void>(entry.attributes());
+    static_cast<void>(entry.hidden());
+    std::unique_ptr<file_identifier> identifier(entry.identifier());
+    if (identifier != nullptr) std::unique_ptr<file_identifier> copy(identifier->clone());
+}
+
+inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget);
+
+inline void VisitEntry(i_dir& dir, i_dir::iterator& entry, int depth, WalkBudget& budget) {
+    std::u16string name = entry.name();
+    StatEntry(entry);
+    if (name == u"." || name == u"..") return;
+    // The same entry found again by its name.
+    std::unique_ptr<i_dir::iterator> found(dir.find(name.c_str()));
+    if (entry.kind() == KIND_DIRECTORY) {
+        std::unique_ptr<i_dir> below(dir.open_dir(entry));
+        if (below != nullptr && depth < kDeepest) WalkDirectory(*below, depth + 1, budget);
+        return;
+    }
+    std::unique_ptr<ri_file> file(dir.open_file(entry, true));
+    if (file != nullptr) ReadWhole(*file);
+}
+
+inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget) {
+    std::unique_ptr<i_dir::iterator> entry(dir.begin());
+    if (entry == nullptr || entry->failed()) return;
+    do {
+        if (--budget.entries < 0) return;
+        VisitEntry(dir, *entry, depth, budget);
+    } while (entry->next());
+}
+
+// Mounts the input as the loader mounts a partition, with one driver, and
+// walks all of it.
+inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory factory) {
+    std::unique_ptr<rio_dir> root(EfiLoader::MountVolume(factory, disk));
+    if (root == nullptr) return;
+    char16_t label[64];
+    root->label(label, 64);
+    std::uint64_t total = 0, free = 0, available = 0;
+    root->space(total, free, available);
+    WalkBudget budget;
+    WalkDirectory(*root, 0, budget);
+    std::unique_ptr<i_dir::iterator> self(root->self());
+}
+
+}  // namespace volume_fuzzing
