@@ -26,11 +26,7 @@ e2e_document_images "$BUILD_DIR" || exit 2
 TOOL=$BUILD_DIR/morvane
 SAMPLE_DOCUMENT=$SOURCE_DIR/examples/morvane.xml
 
-WORK=$BUILD_DIR/e2e-document-work
-LOGS=$BUILD_DIR/e2e-logs
-rm -rf "$WORK"
-mkdir -p "$WORK" "$LOGS"
-rm -f "$LOGS"/document-*.log
+scenario_folders "$BUILD_DIR" document
 
 # The loader's exact console texts; a line of an expected console that
 # begins with '~' is an extended regular expression for the whole line.

@@ -44,11 +44,7 @@ e2e_document_images "$BUILD_DIR" || exit 2
 TOOL=$BUILD_DIR/morvane
 kernel_inputs "$BUILD_DIR" || exit 2
 
-WORK=$BUILD_DIR/e2e-gpt-work
-LOGS=$BUILD_DIR/e2e-logs
-rm -rf "$WORK"
-mkdir -p "$WORK" "$LOGS"
-rm -f "$LOGS"/gpt-*.log
+scenario_folders "$BUILD_DIR" gpt
 
 # The loader's exact console texts. Non-ASCII letters reach the serial
 # console as '?'.

@@ -29,11 +29,7 @@ e2e_images "$BUILD_DIR" || exit 2
 TOOL=$BUILD_DIR/morvane
 kernel_inputs "$BUILD_DIR" || exit 2
 
-WORK=$BUILD_DIR/e2e-kernel-work
-LOGS=$BUILD_DIR/e2e-logs
-rm -rf "$WORK"
-mkdir -p "$WORK" "$LOGS"
-rm -f "$LOGS"/kernel-*.log
+scenario_folders "$BUILD_DIR" kernel
 
 # The loader's exact console texts. Non-ASCII letters reach the serial
 # console as '?'.

@@ -167,6 +167,16 @@ boot_loader_disks() {
     return "$status"
 }
 
+# scenario_folders BUILD_DIR KIND: sets WORK, emptied, and LOGS for one
+# script's scenarios, and drops the logs of KIND's earlier failures.
+scenario_folders() {
+    WORK=$1/e2e-$2-work
+    LOGS=$1/e2e-logs
+    rm -rf "$WORK"
+    mkdir -p "$WORK" "$LOGS"
+    rm -f "$LOGS/$2"-*.log
+}
+
 # run_scenario KIND NAME: runs scenario_NAME in WORK/NAME, with fail()
 # collecting its reasons, and writes 'pass' or them to WORK/NAME/result.
 # A failed scenario's log, LOGS/KIND-NAME.log, holds the reasons and what
