@@ -1,7 +1,8 @@
 # shellcheck shell=bash
 # GPT disks for the end-to-end runs, made by sgdisk, with FAT volumes made
 # by mkfs.fat straight into their partitions and filled by mtools through
-# the image@@offset form. Sourced by gpt_scenarios.sh.
+# the image@@offset form. Sourced by gpt_scenarios.sh, after kernel_lib.sh,
+# whose copy_into_fat fills them.
 
 # make_gpt_layout IMAGE SIZE_MIB [TYPE:SIZE_MIB:UNIQUE_GUID]...: a zeroed
 # (sparse) disk of SIZE_MIB with one partition per argument, in order, from
@@ -37,7 +38,7 @@ partition_sectors() {
 # partition N, holding each HOST_FILE at PATH (mtools form, ::/A/B; folders
 # are made as needed).
 fill_fat_partition() {
-    local image=$1 number=$2 bits=$3 first last offset folder
+    local image=$1 number=$2 bits=$3 first last offset
     local -a format=()
     shift 3
     read -r first last <<<"$(partition_sectors "$image" "$number")"
@@ -56,22 +57,7 @@ fill_fat_partition() {
     fi
     rm -f "$image.mkfs"
     offset=$((first * 512))
-    while [ $# -ge 2 ]; do
-        folder=${2%/*}
-        [ "$folder" = "::" ] || make_partition_folders "$image@@$offset" "$folder" || return 1
-        mcopy -i "$image@@$offset" "$1" "$2" || return 1
-        shift 2
-    done
-}
-
-# make_partition_folders MTOOLS_IMAGE ::/A/B: makes ::/A and ::/A/B as needed.
-make_partition_folders() {
-    local image=$1 path=:: part
-    local IFS=/
-    for part in ${2#::/}; do
-        path=$path/$part
-        mdir -i "$image" "$path" >/dev/null 2>&1 || mmd -i "$image" "$path" || return 1
-    done
+    copy_into_fat "$image@@$offset" "$@"
 }
 
 # fill_ext_partition IMAGE N MKFS FOLDER: an ext volume made by MKFS (e.g.

@@ -36,22 +36,29 @@ kernel_inputs() {
 # by mkfs.fat, holding each HOST_FILE at ESP_PATH (mtools form, such as
 # ::/EFI/BOOT/BOOTX64.EFI; folders are made as needed).
 make_big_esp() {
-    local image=$1 folder
+    local image=$1
     shift
     rm -f "$image"
     mkfs.fat -F 32 -C "$image" "$KERNEL_ESP_KIB" >/dev/null || return 1
+    copy_into_fat "$image" "$@"
+}
+
+# copy_into_fat MTOOLS_IMAGE [HOST_FILE FAT_PATH]...: copies each file to its
+# path on a FAT volume (an image, or IMAGE@@OFFSET for a partition), making
+# the folders of the path as needed.
+copy_into_fat() {
+    local image=$1
+    shift
     while [ $# -ge 2 ]; do
         folder=${2%/*}
-        if [ "$folder" != "::" ] && ! mdir -i "$image" "$folder" >/dev/null 2>&1; then
-            make_esp_folders "$image" "$folder" || return 1
-        fi
+        [ "$folder" = "::" ] || make_fat_folders "$image" "$folder" || return 1
         mcopy -i "$image" "$1" "$2" || return 1
         shift 2
     done
 }
 
-# make_esp_folders IMAGE ::/A/B: makes ::/A and ::/A/B as needed.
-make_esp_folders() {
+# make_fat_folders MTOOLS_IMAGE ::/A/B: makes ::/A and ::/A/B as needed.
+make_fat_folders() {
     local image=$1 path=:: part
     local IFS=/
     for part in ${2#::/}; do
