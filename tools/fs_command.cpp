@@ -30,19 +30,26 @@ const char kUsage[] =
     "                             modification time, -R walks below\n"
     "  stat PATH...               everything the driver tells about entries\n"
     "  cat PATH...                write files to standard output\n"
-    "  cp-out [-r] PATH... DEST   copy files (with -r directories) to the host,\n"
-    "                             keeping their modification times\n"
+    "  cp-out [-r] [-L] PATH... DEST  copy files (with -r directories) to the\n"
+    "                             host, keeping their modification times;\n"
+    "                             symbolic links stay links, with -L what they\n"
+    "                             point to on the volume is copied\n"
     "  cp-in [-p] HOSTFILE PATH   copy a host file onto the volume; -p keeps its\n"
     "                             modification time\n"
     "  mkdir PATH...              make directories\n"
     "  mv FROM TO                 rename or move an entry\n"
     "  rm PATH...                 remove files and empty directories\n"
     "\n"
-    "Times are shown in the local time zone (TZ), in which FAT volumes keep them.\n"
+    "Times are shown in the local time zone (TZ), in which FAT volumes keep them;\n"
+    "cp-in -p moves a time that the volume cannot hold to the nearest it can.\n"
+    "Names are UTF-8 on the host and UTF-16 on FAT, with surrogate pairs.\n"
     "ls, stat, cat and cp-out open the image read-only. A copy that takes longer\n"
     "than a second shows a progress bar when standard error is a terminal.\n"
     "Exit status: 0 success, 1 refused by the volume (no such entry, volume not\n"
     "recognised, disk full...), 2 usage or host input/output error.\n";
+
+// Which operand is a host path rather than a path of the volume.
+enum class HostOperand { kNone, kFirst, kLast };
 
 struct Operation {
     const char* name;
@@ -51,13 +58,18 @@ struct Operation {
     std::size_t fewest_paths;
     std::size_t most_paths;  // 0: no limit
     const char* flags;       // the one-letter flags it takes
+    HostOperand host_operand;
 };
 
 const Operation kOperations[] = {
-    {"ls", ListEntries, false, 0, 0, "lR"},  {"stat", StatEntries, false, 1, 0, ""},
-    {"cat", CatFiles, false, 1, 0, ""},      {"cp-out", CopyOut, false, 2, 0, "r"},
-    {"cp-in", CopyIn, true, 2, 2, "p"},      {"mkdir", MakeDirs, true, 1, 0, ""},
-    {"mv", MoveEntry, true, 2, 2, ""},       {"rm", RemoveEntries, true, 1, 0, ""},
+    {"ls", ListEntries, false, 0, 0, "lR", HostOperand::kNone},
+    {"stat", StatEntries, false, 1, 0, "", HostOperand::kNone},
+    {"cat", CatFiles, false, 1, 0, "", HostOperand::kNone},
+    {"cp-out", CopyOut, false, 2, 0, "rL", HostOperand::kLast},
+    {"cp-in", CopyIn, true, 2, 2, "p", HostOperand::kFirst},
+    {"mkdir", MakeDirs, true, 1, 0, "", HostOperand::kNone},
+    {"mv", MoveEntry, true, 2, 2, "", HostOperand::kNone},
+    {"rm", RemoveEntries, true, 1, 0, "", HostOperand::kNone},
 };
 
 int UsageError(const std::string& problem) {
@@ -70,6 +82,20 @@ const Operation* FindOperation(const std::string& name) {
         if (name == operation.name) return &operation;
     }
     return nullptr;
+}
+
+// Paths of the volume must be UTF-8: what isn't has no UTF-16 form that
+// would name the entry the user meant.
+bool VolumePathsValid(const Operation& operation, const FsOperands& request, std::string& problem) {
+    for (std::size_t i = 0; i < request.paths.size(); ++i) {
+        bool host = (operation.host_operand == HostOperand::kFirst && i == 0) ||
+                    (operation.host_operand == HostOperand::kLast && i + 1 == request.paths.size());
+        if (!host && !ValidVolumePath(request.paths[i])) {
+            problem = std::string(operation.name) + ": a path of the volume is not UTF-8: '" + request.paths[i] + "'";
+            return false;
+        }
+    }
+    return true;
 }
 
 // The operation's flags and operands; "--" ends the flags.
@@ -94,6 +120,7 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
             request.long_form |= *letter == 'l';
             request.recursive |= *letter == 'R' || *letter == 'r';
             request.keep_time |= *letter == 'p';
+            request.follow_links |= *letter == 'L';
         }
     }
     std::size_t count = request.paths.size();
@@ -101,7 +128,7 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
         problem = std::string(operation.name) + ": wrong number of paths";
         return false;
     }
-    return true;
+    return VolumePathsValid(operation, request, problem);
 }
 
 bool ParseSectorSize(const char* text, std::uint32_t& sector_size) {
@@ -143,7 +170,7 @@ int RunFsCommand(int argc, char** argv) {
         std::fprintf(stderr, "morvane fs: %s: %s\n", argv[i], problem.c_str());
         return refused ? kExitRefused : kExitUsageOrIo;
     }
-    int status = operation->run(FsRequest(volume.Root(), operands));
+    int status = operation->run(FsRequest(volume.Root(), operands, volume.Image()));
     volume.Dismount();
     return status;
 }

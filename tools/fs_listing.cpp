@@ -1,39 +1,13 @@
 // ls and stat: what the loader sees of a volume's entries.
 #include <cstdio>
-#include <ctime>
 
-#include "files/utf_conversion.h"
 #include "tools/command.h"
 #include "tools/fs_operations.h"
 
 namespace MorvaneTool {
 namespace {
 
-std::string Utf8(const std::u16string& text) { return utf16_to_utf8(text); }
-
-// "YYYY-MM-DD HH:MM:SS" in the host's time zone, as the driver reads the
-// volume's times in it too: so the text is the clock time stored on the
-// volume, as other tools show it. Milliseconds when asked; "-" when the
-// volume doesn't know the time.
-std::string TimeText(file_time milliseconds, bool with_milliseconds) {
-    if (milliseconds == 0) return "-";
-    std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
-    long rest = static_cast<long>(milliseconds % 1000);
-    if (rest < 0) {
-        --seconds;
-        rest += 1000;
-    }
-    std::tm parts {};
-    if (localtime_r(&seconds, &parts) == nullptr) return "?";
-    char text[40];
-    std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
-    std::string shown = text;
-    if (with_milliseconds) {
-        std::snprintf(text, sizeof(text), ".%03ld", rest);
-        shown += text;
-    }
-    return shown;
-}
+std::string Utf8(const std::u16string& text) { return HostText(text); }
 
 char KindLetter(std::uint32_t kind) {
     switch (kind) {
@@ -61,18 +35,17 @@ const char* KindName(std::uint32_t kind) {
     }
 }
 
-bool IsDirectory(std::uint32_t kind) { return kind == KIND_DIRECTORY || kind == KIND_ROOT_SELF; }
-
 // One line of a listing; `shown` is the name as the listing prints it.
 void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_form) {
     std::uint32_t kind = entry.kind();
-    const char* mark = IsDirectory(kind) ? "/" : "";
+    const char* mark = IsDirectoryKind(kind) ? "/" : "";
     if (!long_form) {
         std::printf("%s%s\n", shown.c_str(), mark);
         return;
     }
-    std::printf("%c %12llu %s %s%s\n", KindLetter(kind), static_cast<unsigned long long>(entry.size()),
-                TimeText(entry.modified(), false).c_str(), shown.c_str(), mark);
+    std::string link = kind == KIND_SYMLINK ? " -> " + Utf8(entry.link_target()) : std::string();
+    std::printf("%c %12llu %s %s%s%s\n", KindLetter(kind), static_cast<unsigned long long>(entry.size()),
+                TimeText(entry.modified(), false).c_str(), shown.c_str(), mark, link.c_str());
 }
 
 // Lists `dir`; with `recursive` the directories below too, each name shown
@@ -85,7 +58,7 @@ bool ListDirectory(i_dir& dir, const std::string& prefix, const FsRequest& reque
         [&](i_dir::iterator& entry) {
             std::string shown = prefix + Utf8(entry.name());
             PrintEntryLine(entry, shown, request.long_form);
-            if (!request.recursive || !IsDirectory(entry.kind())) return true;
+            if (!request.recursive || !IsDirectoryKind(entry.kind())) return true;
             if (depth >= kDeepestTree) {
                 failed_path = shown;
                 below_ok = false;
@@ -111,7 +84,7 @@ int ListOne(const FsRequest& request, const std::string& path) {
     Common::Error error;
     std::unique_ptr<i_dir::iterator> entry = FindEntry(request.root, wide, error);
     if (entry == nullptr) return ReportRefusal("cannot list", path, error);
-    if (!IsDirectory(entry->kind())) {
+    if (!IsDirectoryKind(entry->kind())) {
         PrintEntryLine(*entry, path, request.long_form);
         return kExitOk;
     }

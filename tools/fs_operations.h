@@ -17,11 +17,20 @@ struct FsOperands {
     bool long_form = false;          // ls -l
     bool recursive = false;          // ls -R, cp-out -r
     bool keep_time = false;          // cp-in -p
+    bool follow_links = false;       // cp-out -L
+};
+
+// The host file that holds the volume, so that no copy overwrites it.
+struct HostIdentity {
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
 };
 
 struct FsRequest : FsOperands {
-    FsRequest(rio_dir& volume_root, const FsOperands& operands) : FsOperands(operands), root(volume_root) {}
+    FsRequest(rio_dir& volume_root, const FsOperands& operands, const HostIdentity& image_file)
+        : FsOperands(operands), root(volume_root), image(image_file) {}
     rio_dir& root;
+    HostIdentity image;
 };
 
 int ListEntries(const FsRequest& request);
@@ -41,8 +50,13 @@ constexpr int kDeepestTree = 128;
 // Prints that the walk stopped there, and answers kExitRefused.
 int ReportTooDeep(const std::string& path);
 
-// A volume path from the UTF-8 text of the command line.
+// A volume path from the UTF-8 text of the command line, which the command
+// has checked (ValidVolumePath). Runs of "/" count as one, as at a shell: the
+// Windows flavour would take a leading "//" for a network path.
 std::u16string VolumePath(const std::string& text);
+bool ValidVolumePath(const std::string& text);
+// A name or path of the volume as the host shows it.
+std::string HostText(const std::u16string& text);
 // The path without separators at its end: empty for the root.
 std::u16string TrimSeparators(const std::u16string& path);
 // The last component of a path, for "copy into a directory".
@@ -58,6 +72,24 @@ int ReportHostFailure(const char* action, const std::string& path, const std::st
 std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error);
 // The directory a path names (the root for an empty path), or null with `error`.
 std::unique_ptr<rio_dir> OpenDirectory(rio_dir& root, const std::u16string& path, Common::Error& error);
+
+// "YYYY-MM-DD HH:MM:SS" in the host's time zone, as the drivers read the
+// volumes' times in it; milliseconds when asked, "-" for a time not known.
+std::string TimeText(file_time milliseconds, bool with_milliseconds);
+
+// The kind of volume the driver serves ("FAT16", "FAT32", "Ext4"...).
+std::string VolumeTypeName(rio_dir& root);
+
+// The entry at the end of a chain of symbolic links that starts at `path`,
+// followed within the volume; `path` becomes that entry's path. Null with
+// `error` set when a link leads nowhere, and with `looping` set when the
+// chain is longer than any sensible one.
+std::unique_ptr<i_dir::iterator> FollowLinks(rio_dir& root, std::u16string& path, Common::Error& error,
+                                             bool& looping);
+// Prints that `path` is a symbolic link where a file was wanted; kExitRefused.
+int ReportLink(const char* action, const std::string& path, i_dir::iterator& link);
+
+inline bool IsDirectoryKind(std::uint32_t kind) { return kind == KIND_DIRECTORY || kind == KIND_ROOT_SELF; }
 
 // An empty directory gives an iterator that has failed with FILE_EOF, and
 // the last next() leaves the same state behind: that is the end, not a

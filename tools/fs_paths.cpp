@@ -1,7 +1,9 @@
 // Paths, lookups and messages shared by the operations of `morvane fs`.
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 
-#include "files/utf_conversion.h"
+#include "tools/host_text.h"
 #include "tools/command.h"
 #include "tools/error_names.h"
 #include "tools/fs_operations.h"
@@ -37,7 +39,64 @@ const char* Explain(std::uint32_t code) {
 
 }  // namespace
 
-std::u16string VolumePath(const std::string& text) { return utf8_to_utf16(text); }
+// "YYYY-MM-DD HH:MM:SS" in the host's time zone, as the driver reads the
+// volume's times in it too: so the text is the clock time stored on the
+// volume, as other tools show it. Milliseconds when asked; "-" when the
+// volume doesn't know the time.
+std::string TimeText(file_time milliseconds, bool with_milliseconds) {
+    if (milliseconds == 0) return "-";
+    std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
+    long rest = static_cast<long>(milliseconds % 1000);
+    if (rest < 0) {
+        --seconds;
+        rest += 1000;
+    }
+    std::tm parts {};
+    if (localtime_r(&seconds, &parts) == nullptr) return "?";
+    char text[40];
+    std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
+    std::string shown = text;
+    if (with_milliseconds) {
+        std::snprintf(text, sizeof(text), ".%03ld", rest);
+        shown += text;
+    }
+    return shown;
+}
+
+std::u16string VolumePath(const std::string& text) {
+    std::u16string wide;
+    HostTextToVolume(text, wide);
+    std::u16string path;
+    for (char16_t c : wide) {
+        if (c == u'/' && !path.empty() && path.back() == u'/') continue;
+        path.push_back(c);
+    }
+    return path;
+}
+
+bool ValidVolumePath(const std::string& text) {
+    std::u16string ignored;
+    return HostTextToVolume(text, ignored);
+}
+
+std::string HostText(const std::u16string& text) { return VolumeTextToHost(text); }
+
+std::string VolumeTypeName(rio_dir& root) {
+    constexpr std::uint32_t kTypeNameRequest = 0x54534647;  // "GFST"
+    constexpr std::size_t kLongestName = 15;
+    unsigned char block[4 + 2 * (kLongestName + 1)] = {};
+    std::memcpy(block, &kTypeNameRequest, sizeof(kTypeNameRequest));
+    root.control(block);
+    if (root.failed()) return std::string();
+    std::string name;
+    for (std::size_t i = 0; i < kLongestName; ++i) {
+        char16_t unit;
+        std::memcpy(&unit, block + 4 + 2 * i, sizeof(unit));
+        if (unit == 0 || unit > 0x7F) break;
+        name.push_back(static_cast<char>(unit));
+    }
+    return name;
+}
 
 std::u16string TrimSeparators(const std::u16string& path) {
     std::size_t end = path.size();

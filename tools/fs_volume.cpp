@@ -17,8 +17,10 @@
 #include "loader/mount_volume.h"
 #include "loader/partition_disk.h"
 #include "platform/host/block_io_devices.h"
+#include "platform/host/collation_stand_in.h"
 #include "platform/host/simulator.h"
 #include "tools/error_names.h"
+#include "tools/volume_claim.h"
 
 namespace MorvaneTool {
 namespace {
@@ -32,8 +34,22 @@ bool IsFile(const std::string& path) {
 }
 
 bool AllDigits(const std::string& text) {
-    return !text.empty() && text.size() <= kLongestPartitionNumber &&
-           text.find_first_not_of("0123456789") == std::string::npos;
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// "{GUID}" as many tools print it, or the bare GUID.
+bool ParseGuidText(std::string text, std::uint8_t (&guid)[16]) {
+    if (text.size() == 38 && text.front() == '{' && text.back() == '}') text = text.substr(1, 36);
+    return text.size() == 36 && EfiLoader::ParseGuid(text, guid);
+}
+
+// A disk image is a regular file or a block device.
+bool IsImageFile(const std::string& path, std::string& problem) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) return true;  // the attach says why it can't be opened
+    if (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode)) return true;
+    problem = S_ISDIR(info.st_mode) ? "a directory, not a disk image" : "not a disk image (neither a file nor a disk)";
+    return false;
 }
 
 // The GPT entry number (from 1) of a partition handle, from the hard drive
@@ -63,6 +79,17 @@ bool HasGptHeaderAt(const std::vector<unsigned char>& start, std::size_t offset)
     return start.size() >= offset + 8 && std::memcmp(start.data() + offset, "EFI PART", 8) == 0;
 }
 
+// A GPT header behind the protective MBR, at either sector size.
+bool HasGpt(const std::string& image) {
+    constexpr std::size_t kLarge = 4096;
+    std::vector<unsigned char> start(2 * kLarge);
+    std::FILE* file = std::fopen(image.c_str(), "rb");
+    if (file == nullptr) return false;
+    start.resize(std::fread(start.data(), 1, start.size(), file));
+    std::fclose(file);
+    return HasGptHeaderAt(start, 512) || HasGptHeaderAt(start, kLarge);
+}
+
 }  // namespace
 
 std::uint32_t GuessSectorSize(const std::string& image) {
@@ -87,18 +114,26 @@ bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& pro
     // A file whose own name holds a colon is taken whole.
     if (colon == std::string::npos || colon == 0 || IsFile(text)) return true;
     std::string suffix = text.substr(colon + 1);
+    std::string image = text.substr(0, colon);
     if (AllDigits(suffix)) {
+        if (suffix.size() > kLongestPartitionNumber) {
+            problem = "no GPT has a partition " + suffix;
+            return false;
+        }
         name.partition_number = static_cast<std::uint32_t>(std::strtoul(suffix.c_str(), nullptr, 10));
         if (name.partition_number == 0) {
             problem = "partition numbers count from 1";
             return false;
         }
-    } else if (suffix.size() == 36 && EfiLoader::ParseGuid(suffix, name.guid)) {
+    } else if (ParseGuidText(suffix, name.guid)) {
         name.by_guid = true;
+    } else if (IsFile(image)) {
+        problem = "':" + suffix + "' names no partition: give :N, a GPT entry number from 1, or :GUID";
+        return false;
     } else {
         return true;
     }
-    name.image = text.substr(0, colon);
+    name.image = image;
     return true;
 }
 
@@ -109,6 +144,22 @@ MountedVolume::~MountedVolume() { Dismount(); }
 void MountedVolume::Dismount() {
     root_.reset();
     disk_.reset();
+    collation_.reset();
+}
+
+bool MountedVolume::ImageCutShort(std::string& problem) {
+    std::uint32_t sector = disk_->GetSectorSize();
+    std::uint64_t sectors = disk_->GetLastSector() + 1;
+    std::uint64_t count = (2048 + sector - 1) / sector;
+    if (count > sectors) count = sectors;
+    std::vector<unsigned char> start(count * sector);
+    if (disk_->Transfer(Fdisk::kTransferRead, 0, start.data(), count).Failed()) return false;
+    VolumeClaim claim = ClaimedLength(start);
+    std::uint64_t present = sectors * sector;
+    if (claim.header == nullptr || claim.bytes <= present) return false;
+    problem = "the volume is shorter than its " + std::string(claim.header) + " says (" + std::to_string(present) +
+              " of " + std::to_string(claim.bytes) + " bytes): is the image cut off?";
+    return true;
 }
 
 bool MountedVolume::OpenDisk(const VolumeName& name, std::string& problem, bool& refused) {
@@ -129,7 +180,9 @@ bool MountedVolume::OpenDisk(const VolumeName& name, std::string& problem, bool&
         }
         if (handle == nullptr) {
             refused = true;
-            problem = "the image's GPT has no partition " + std::to_string(name.partition_number);
+            problem = disks.Partitions(0).empty() && !HasGpt(name.image)
+                          ? "the image has no GPT, so no partition " + std::to_string(name.partition_number)
+                          : "the image's GPT has no partition " + std::to_string(name.partition_number);
             return false;
         }
     }
@@ -146,8 +199,10 @@ bool MountedVolume::OpenDisk(const VolumeName& name, std::string& problem, bool&
 bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem,
                           bool& refused) {
     refused = false;
+    if (!IsImageFile(name.image, problem)) return false;
     firmware_ = std::make_unique<HostFirmware::Simulator>();
     Uefi::InitializeFirmwareAccess(firmware_->ImageHandle(), firmware_->SystemTable());
+    collation_ = std::make_unique<HostFirmware::CollationStandIn>(*firmware_);
     HostFirmware::DiskOptions options;
     options.sector_size = sector_size;
     options.writable = writable;
@@ -158,10 +213,12 @@ bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, boo
         return false;
     }
     if (!OpenDisk(name, problem, refused)) return false;
+    struct stat info {};
+    if (stat(name.image.c_str(), &info) == 0) image_ = {info.st_dev, info.st_ino};
     root_.reset(EfiLoader::MountVolume(kDriverTable[0].factory, disk_));
     if (root_ == nullptr) {
-        refused = true;
-        problem = "no driver recognises the volume";
+        refused = !ImageCutShort(problem);
+        if (refused) problem = "no driver recognises the volume";
         return false;
     }
     return true;

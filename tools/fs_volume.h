@@ -8,9 +8,11 @@
 
 #include "files/dir_object.h"
 #include "firmware/simple_disk.h"
+#include "tools/fs_operations.h"
 
 namespace HostFirmware {
 class Simulator;
+class CollationStandIn;
 }
 
 namespace MorvaneTool {
@@ -24,8 +26,9 @@ struct VolumeName {
     std::uint8_t guid[16] = {};
 };
 
-// Splits "IMAGE", "IMAGE:N" and "IMAGE:GUID". A suffix that is neither a
-// number nor a GUID belongs to the file name. False when a number is 0.
+// Splits "IMAGE", "IMAGE:N" and "IMAGE:GUID" (the GUID also in braces). A
+// file whose whole name exists is taken whole; otherwise a suffix behind an
+// existing file that is neither a partition number nor a GUID is refused.
 bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& problem);
 
 // The sector size an image was made with: where its GPT header lies, else
@@ -47,13 +50,19 @@ public:
     // be opened at all.
     bool Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem, bool& refused);
     rio_dir& Root() { return *root_; }
+    const HostIdentity& Image() const { return image_; }
     // Deletes the root now; the volume is written back.
     void Dismount();
 
 private:
     bool OpenDisk(const VolumeName& name, std::string& problem, bool& refused);
+    // Why no driver took the volume, when the image itself is the cause.
+    bool ImageCutShort(std::string& problem);
 
     std::unique_ptr<HostFirmware::Simulator> firmware_;
+    // Names on FAT compare as a typical firmware compares them, beyond ASCII.
+    std::unique_ptr<HostFirmware::CollationStandIn> collation_;
+    HostIdentity image_;
     std::unique_ptr<rio_dir> root_;
     // Only until the driver takes it over.
     std::unique_ptr<Fdisk::SimpleDisk> disk_;

@@ -1,5 +1,7 @@
 #include "tools/host_file.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -7,6 +9,10 @@
 #include "loader/common/messages.h"
 
 namespace MorvaneTool {
+
+HostDescriptor::~HostDescriptor() {
+    if (descriptor > STDERR_FILENO) close(descriptor);
+}
 
 stdio_ifile::~stdio_ifile() {
     if (file_ != nullptr && file_ != stdin) std::fclose(file_);

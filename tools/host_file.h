@@ -30,6 +30,16 @@ private:
     std::FILE* file_;
 };
 
+// A POSIX descriptor closed at the end of its scope; the standard streams
+// stay open.
+struct HostDescriptor {
+    int descriptor = -1;
+    explicit HostDescriptor(int opened) : descriptor(opened) {}
+    ~HostDescriptor();
+    HostDescriptor(const HostDescriptor&) = delete;
+    HostDescriptor& operator=(const HostDescriptor&) = delete;
+};
+
 // "-" is the standard input. Null with `problem` set when it can't be opened.
 std::unique_ptr<stdio_ifile> OpenInput(const std::string& path, std::string& problem);
 

@@ -140,6 +140,59 @@ out_is "4096-byte sectors, guessed" "large"
 expect 0 "4096-byte sectors, told" "$tool" fs --sector-size 4096 "$large" cat /large.txt
 out_is "4096-byte sectors, told" "large"
 
+# Names as the host writes them: a case-only rename of a directory, case
+# beyond ASCII as a firmware folds it, characters beyond the BMP as
+# surrogate pairs that 7-Zip reads back, and no lone surrogates.
+expect 0 "mkdir for a case-only rename" "$tool" fs "$volume" mkdir /readme.X
+expect 0 "case-only rename of a directory" "$tool" fs "$volume" mv /readme.X /README.X
+expect 0 "ls after a case-only rename" "$tool" fs "$volume" ls /
+out_has "ls after a case-only rename" "README.X/"
+expect 0 "mkdir of a Latin-1 name" "$tool" fs "$volume" mkdir /ña
+expect 1 "mkdir of the same name in upper case" "$tool" fs "$volume" mkdir /ÑA
+err_has "mkdir of the same name in upper case" "FILE_EXISTS"
+# mtools drops characters beyond the BMP; 7-Zip reads them. A long name
+# that mtools makes gets its pair by dd, as a Windows writer would store it.
+expect 0 "cp-in under a name beyond the BMP" "$tool" fs "$volume" cp-in "$work/tree/full/one.txt" '/smile😀.txt'
+7zz l "$volume" | grep -q 'smile😀\.txt$' || fail "a name beyond the BMP: 7-Zip lists no smile😀.txt"
+printf 'made by mtools\n' > "$work/rocketXY.txt"
+mcopy -i "$volume" "$work/rocketXY.txt" ::/
+pair_at=$(grep -obUaP 't\x00X\x00Y\x00\.\x00t\x00x\x00' "$volume" | head -1 | cut -d: -f1)
+printf '\075\330\200\336' | dd of="$volume" bs=1 seek="$((pair_at + 2))" conv=notrunc status=none
+expect 0 "cat of a long name with a pair" "$tool" fs "$volume" cat '/rocket🚀.txt'
+out_is "cat of a long name with a pair" "made by mtools"
+expect 0 "ls of names beyond the BMP" "$tool" fs "$volume" ls
+out_has "ls of names beyond the BMP" "rocket🚀.txt"
+expect 2 "a path with a lone surrogate" "$tool" fs "$volume" mkdir "$(printf '/\355\240\200')"
+fsck_clean "$volume" "names beyond ASCII"
+
+# Times FAT can't hold move to the nearest it can, and say so.
+touch -d '1975-06-01 12:00:00' "$work/old.txt"
+touch -d '2150-06-01 12:00:00' "$work/late.txt"
+expect 0 "cp-in -p of a time before 1980" "$tool" fs "$volume" cp-in -p "$work/old.txt" /old.txt
+err_has "cp-in -p of a time before 1980" "stored as 1980-01-01 00:00:00"
+expect 0 "cp-in -p of a time after 2107" "$tool" fs "$volume" cp-in -p "$work/late.txt" /late.txt
+expect 0 "stat of a clamped time" "$tool" fs "$volume" stat /old.txt /late.txt
+out_has "stat of a clamped time" "modified:    1980-01-01 00:00:00.000"
+out_has "stat of a clamped time" "modified:    2107-12-31 23:59:58.000"
+
+# Host input that is wrong is said as such, with status 2.
+cp "$volume" "$work/before-copy.img"
+expect 2 "cp-out onto the image itself" "$tool" fs "$volume" cp-out /full/one.txt "$volume"
+cmp -s "$volume" "$work/before-copy.img" || fail "cp-out onto the image itself changed the image"
+expect 2 "a directory as the image" "$tool" fs "$work/tree" ls
+err_has "a directory as the image" "a directory, not a disk image"
+head -c $((8 * 1048576)) "$volume" > "$work/half.img"
+expect 2 "an image cut to half its volume" "$tool" fs "$work/half.img" ls
+err_has "an image cut to half its volume" "shorter than its boot sector says"
+expect 1 "a partition number on an image without a GPT" "$tool" fs "$volume:1" ls
+err_has "a partition number on an image without a GPT" "the image has no GPT"
+for suffix in -1 99999999999 01234567-89AB-CDEF-0123-45678 frobnicate; do
+    expect 2 "the volume suffix :$suffix" "$tool" fs "$volume:$suffix" ls
+    err_has "the volume suffix :$suffix" "partition"
+done
+expect 0 "a path that starts with //" "$tool" fs "$volume" cat //full//one.txt
+out_is "a path that starts with //" "one"
+
 # ---- a damaged volume: refused with a reason, never a hang ----
 # mtools makes /a/b/x.txt; dd then points b's entry back at /a, so the tree
 # holds its own ancestor, and gives x.txt a size its one cluster can't hold.
@@ -181,6 +234,35 @@ mkdir -p "$work/hostile/inner"
 expect 1 "a name with a path in it" "$tool" fs "$hostile" cp-out -r / "$work/hostile/inner"
 [ ! -e "$work/hostile/escape.txt" ] || fail "a name with a path in it: a file was written outside the target"
 
+# ---- symbolic links on ext: shown, copied as links, followed on request ----
+links="$work/links.img"
+mkdir -p "$work/linktree/dir/deep"
+printf 'target\n' > "$work/linktree/dir/file.txt"
+printf 'after\n' > "$work/linktree/zz_after.txt"
+ln -s dir/file.txt "$work/linktree/relative"
+ln -s /dir "$work/linktree/absolute"
+ln -s nowhere "$work/linktree/dangling"
+ln -s loop2 "$work/linktree/loop1"
+ln -s loop1 "$work/linktree/loop2"
+mkfs.ext4 -q -d "$work/linktree" "$links" 4M >/dev/null
+expect 0 "ls -l of links" "$tool" fs "$links" ls -l /
+out_has "ls -l of links" "relative -> dir/file.txt"
+expect 0 "stat of a link" "$tool" fs "$links" stat /absolute
+out_has "stat of a link" "target:      /dir"
+expect 1 "cat of a link" "$tool" fs "$links" cat /relative
+err_has "cat of a link" "a symbolic link to 'dir/file.txt'"
+mkdir "$work/links-out" "$work/links-deref"
+expect 0 "cp-out -r keeps links" "$tool" fs "$links" cp-out -r / "$work/links-out"
+[ "$(readlink "$work/links-out/relative")" = "dir/file.txt" ] || fail "cp-out -r: relative is not the link it was"
+[ "$(cat "$work/links-out/zz_after.txt")" = "after" ] || fail "cp-out -r: the copy stopped at a link"
+expect 0 "cp-out -L follows a link within the volume" "$tool" fs "$links" cp-out -rL /relative /absolute \
+    "$work/links-deref"
+[ "$(cat "$work/links-deref/relative")" = "target" ] || fail "cp-out -L: relative is not the file it points to"
+[ -d "$work/links-deref/absolute/deep" ] || fail "cp-out -L: /dir was not followed from the volume's root"
+expect 1 "cp-out -L of a dangling link" "$tool" fs "$links" cp-out -L /dangling "$work/links-deref"
+expect 1 "cp-out -L of a loop" "$tool" fs "$links" cp-out -L /loop1 "$work/links-deref"
+err_has "cp-out -L of a loop" "too many levels of symbolic links"
+
 # ---- a GPT disk: each partition by its number and by its unique GUID ----
 disk="$work/disk.img"
 "$images/make_gpt_disk.sh" "$disk" 24 4:01234567-89AB-CDEF-0123-456789ABCDEF \
@@ -200,6 +282,8 @@ expect 0 "partition 2" "$tool" fs "$disk:2" cat /which.txt
 out_is "partition 2" "second"
 expect 0 "partition by GUID" "$tool" fs "$disk:A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061" cat /which.txt
 out_is "partition by GUID" "second"
+expect 0 "partition by a GUID in braces" "$tool" fs "$disk:{A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061}" cat /which.txt
+out_is "partition by a GUID in braces" "second"
 expect 0 "partition by a lower-case GUID" "$tool" fs "$disk:01234567-89ab-cdef-0123-456789abcdef" cat /which.txt
 out_is "partition by a lower-case GUID" "first"
 expect 1 "partition 3 of two" "$tool" fs "$disk:3" ls

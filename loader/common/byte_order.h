@@ -1,0 +1,52 @@
+#pragma once
+// Loads and stores of on-disk numbers in a stated byte order. Disk formats
+// fix their byte order (FAT, NTFS and ext little-endian, HFS+ big-endian),
+// and the bytes may lie at any alignment, so every on-disk number goes
+// through these, one byte at a time, whatever the host is.
+#include <cstdint>
+
+namespace Common {
+
+template <typename T, int Bytes>
+inline T LoadLittle(const void* where) {
+    const auto* bytes = static_cast<const unsigned char*>(where);
+    T value = 0;
+    for (int i = Bytes - 1; i >= 0; --i) value = static_cast<T>(value << 8 | bytes[i]);
+    return value;
+}
+
+template <typename T, int Bytes>
+inline T LoadBig(const void* where) {
+    const auto* bytes = static_cast<const unsigned char*>(where);
+    T value = 0;
+    for (int i = 0; i < Bytes; ++i) value = static_cast<T>(value << 8 | bytes[i]);
+    return value;
+}
+
+template <typename T, int Bytes>
+inline void StoreLittle(void* where, T value) {
+    auto* bytes = static_cast<unsigned char*>(where);
+    for (int i = 0; i < Bytes; ++i) bytes[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
+template <typename T, int Bytes>
+inline void StoreBig(void* where, T value) {
+    auto* bytes = static_cast<unsigned char*>(where);
+    for (int i = 0; i < Bytes; ++i) bytes[Bytes - 1 - i] = static_cast<unsigned char>(value >> (8 * (Bytes - 1 - i)));
+}
+
+inline std::uint16_t LoadLE16(const void* where) { return LoadLittle<std::uint16_t, 2>(where); }
+inline std::uint32_t LoadLE32(const void* where) { return LoadLittle<std::uint32_t, 4>(where); }
+inline std::uint64_t LoadLE64(const void* where) { return LoadLittle<std::uint64_t, 8>(where); }
+inline std::uint16_t LoadBE16(const void* where) { return LoadBig<std::uint16_t, 2>(where); }
+inline std::uint32_t LoadBE32(const void* where) { return LoadBig<std::uint32_t, 4>(where); }
+inline std::uint64_t LoadBE64(const void* where) { return LoadBig<std::uint64_t, 8>(where); }
+
+inline void StoreLE16(void* where, std::uint16_t value) { StoreLittle<std::uint16_t, 2>(where, value); }
+inline void StoreLE32(void* where, std::uint32_t value) { StoreLittle<std::uint32_t, 4>(where, value); }
+inline void StoreLE64(void* where, std::uint64_t value) { StoreLittle<std::uint64_t, 8>(where, value); }
+inline void StoreBE16(void* where, std::uint16_t value) { StoreBig<std::uint16_t, 2>(where, value); }
+inline void StoreBE32(void* where, std::uint32_t value) { StoreBig<std::uint32_t, 4>(where, value); }
+inline void StoreBE64(void* where, std::uint64_t value) { StoreBig<std::uint64_t, 8>(where, value); }
+
+}  // namespace Common
