@@ -46,8 +46,11 @@ std::u16string MoveTarget(rio_dir& root, const std::u16string& from, const std::
 
 int MakeDirs(const FsRequest& request) {
     for (const std::string& path : request.paths) {
-        request.root.make_dir(VolumePath(path).c_str());
-        if (request.root.failed()) return ReportRefusal("cannot make directory", path, request.root.error());
+        std::u16string made = VolumePath(path);
+        request.root.make_dir(made.c_str());
+        if (request.root.failed()) {
+            return ReportCreateRefusal("cannot make directory", path, request.root, made, request.root.error());
+        }
     }
     return kExitOk;
 }
@@ -56,7 +59,9 @@ int MoveEntry(const FsRequest& request) {
     std::u16string from = VolumePath(request.paths[0]);
     std::u16string to = MoveTarget(request.root, from, VolumePath(request.paths[1]));
     request.root.rename(TrimSeparators(from).c_str(), to.c_str());
-    if (request.root.failed()) return ReportRefusal("cannot move", request.paths[0], request.root.error());
+    if (request.root.failed()) {
+        return ReportCreateRefusal("cannot move", request.paths[0], request.root, to, request.root.error());
+    }
     return kExitOk;
 }
 

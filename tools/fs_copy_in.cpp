@@ -133,7 +133,7 @@ int CopyIn(const FsRequest& request) {
     Common::Error absent;
     bool existed = FindEntry(request.root, path, absent) != nullptr;
     std::unique_ptr<rio_file> file(request.root.create_file(path.c_str()));
-    if (file == nullptr) return ReportRefusal("cannot create", shown, request.root.error());
+    if (file == nullptr) return ReportCreateRefusal("cannot create", shown, request.root, path, request.root.error());
     int status = WriteIn(*file, host.descriptor, static_cast<std::uint64_t>(info.st_size), host_path, shown);
     if (status == kExitOk && request.keep_time) status = SetVolumeTimes(request.root, *file, info, shown);
     if (status == kExitOk) {

@@ -64,6 +64,11 @@ std::u16string LastComponent(const std::u16string& path);
 
 // Prints "morvane fs: ACTION 'PATH': REASON" and answers kExitRefused.
 int ReportRefusal(const char* action, const std::string& path, const Common::Error& error);
+// As ReportRefusal, for a change that makes the entry `made`. A FAT12/16
+// root holds a fixed number of entries, and its driver answers a full one
+// with the code of a bad name; a good name there means the root is full.
+int ReportCreateRefusal(const char* action, const std::string& path, rio_dir& root, const std::u16string& made,
+                        const Common::Error& error);
 // Prints "morvane fs: ACTION 'PATH': REASON" and answers kExitUsageOrIo.
 int ReportHostFailure(const char* action, const std::string& path, const std::string& reason);
 

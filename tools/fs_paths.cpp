@@ -117,6 +117,39 @@ int ReportRefusal(const char* action, const std::string& path, const Common::Err
     return kExitRefused;
 }
 
+namespace {
+
+// The name rules of the Windows path flavour, which FAT volumes follow.
+bool WindowsNameAllowed(const std::u16string& name) {
+    constexpr std::size_t kLongestName = 255;
+    if (name.empty() || name.size() > kLongestName) return false;
+    if (name.find_first_not_of(u" .") == std::u16string::npos) return false;
+    for (char16_t c : name) {
+        if (c < 32 || std::u16string(u"\"*/:<>?\\|").find(c) != std::u16string::npos) return false;
+    }
+    return true;
+}
+
+bool InFixedRoot(const std::u16string& path) {
+    std::u16string trimmed = TrimSeparators(path);
+    std::size_t cut = trimmed.find_last_of(u"/\\");
+    return cut == 0 || cut == std::u16string::npos;
+}
+
+}  // namespace
+
+int ReportCreateRefusal(const char* action, const std::string& path, rio_dir& root, const std::u16string& made,
+                        const Common::Error& error) {
+    bool fixed_root_full = error.Code() == Common::FILE_CREATE && VolumeTypeName(root) == "FAT16" &&
+                           InFixedRoot(made) && WindowsNameAllowed(LastComponent(made));
+    if (!fixed_root_full) return ReportRefusal(action, path, error);
+    std::fprintf(stderr,
+                 "morvane fs: %s '%s': the root directory is full (FAT12 and FAT16 roots hold a fixed number of "
+                 "entries) [FILE_CREATE 0x%X]\n",
+                 action, path.c_str(), error.Code());
+    return kExitRefused;
+}
+
 int ReportTooDeep(const std::string& path) {
     std::fprintf(stderr, "morvane fs: '%s': more than %d levels of directories; is the volume damaged?\n", path.c_str(),
                  kDeepestTree);

@@ -165,6 +165,22 @@ out_has "ls of names beyond the BMP" "rocket🚀.txt"
 expect 2 "a path with a lone surrogate" "$tool" fs "$volume" mkdir "$(printf '/\355\240\200')"
 fsck_clean "$volume" "names beyond ASCII"
 
+# A full FAT12 root: its driver refuses even a rename in place with the code
+# of a bad name, as it adds the new entry before it drops the old; the tool
+# says which of the two it is, and nothing changes.
+rooted="$work/full-root.img"
+mkfs.fat -C -F 12 -r 16 "$rooted" 1024 >/dev/null
+for n in $(seq 1 16); do printf '%s\n' "$n" > "$work/F$n.TXT"; done
+(cd "$work" && mcopy -i "$rooted" F?.TXT F??.TXT ::/)
+cp "$rooted" "$work/full-root-before.img"
+expect 1 "a rename in a full FAT12 root" "$tool" fs "$rooted" mv /F1.TXT /G1.TXT
+err_has "a rename in a full FAT12 root" "the root directory is full"
+expect 1 "mkdir in a full FAT12 root" "$tool" fs "$rooted" mkdir /new
+err_has "mkdir in a full FAT12 root" "the root directory is full"
+expect 1 "a bad name in a full FAT12 root" "$tool" fs "$rooted" mkdir '/a?b'
+err_has "a bad name in a full FAT12 root" "a bad name"
+cmp -s "$rooted" "$work/full-root-before.img" || fail "refusals in a full FAT12 root changed the image"
+
 # Times FAT can't hold move to the nearest it can, and say so.
 touch -d '1975-06-01 12:00:00' "$work/old.txt"
 touch -d '2150-06-01 12:00:00' "$work/late.txt"
