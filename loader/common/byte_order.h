@@ -49,4 +49,33 @@ inline void StoreBE16(void* where, std::uint16_t value) { StoreBig<std::uint16_t
 inline void StoreBE32(void* where, std::uint32_t value) { StoreBig<std::uint32_t, 4>(where, value); }
 inline void StoreBE64(void* where, std::uint64_t value) { StoreBig<std::uint64_t, 8>(where, value); }
 
+// A number field of an on-disk record: its bytes exactly as the disk holds
+// them, read and written only through get() and set(), which convert. Its
+// alignment is 1, so a record of such fields has no padding, lies at any
+// address in a cached block, and its layout can be pinned with offsetof.
+template <typename T, int Bytes, bool BigEndian>
+class DiskNumber {
+public:
+    T get() const { return BigEndian ? LoadBig<T, Bytes>(bytes_) : LoadLittle<T, Bytes>(bytes_); }
+    void set(T value) {
+        if (BigEndian) {
+            StoreBig<T, Bytes>(bytes_, value);
+        } else {
+            StoreLittle<T, Bytes>(bytes_, value);
+        }
+    }
+
+private:
+    unsigned char bytes_[Bytes];
+};
+
+using le16 = DiskNumber<std::uint16_t, 2, false>;
+using le32 = DiskNumber<std::uint32_t, 4, false>;
+using le64 = DiskNumber<std::uint64_t, 8, false>;
+using be16 = DiskNumber<std::uint16_t, 2, true>;
+using be32 = DiskNumber<std::uint32_t, 4, true>;
+using be64 = DiskNumber<std::uint64_t, 8, true>;
+
+static_assert(sizeof(le64) == 8 && alignof(le64) == 1, "disk numbers are bare bytes");
+
 }  // namespace Common
