@@ -3,7 +3,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_system_cache.h"
 #include "fsdriver/file_system_driver.h"
 
@@ -49,7 +49,7 @@ private:
 // never read as ours, nor written.
 void FileSystemDriver::check_inside_volume(std::uint64_t first, std::uint64_t count) const {
     if (first > volume_sectors || count > volume_sectors - first) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
 }
 
@@ -59,6 +59,10 @@ BlockHandle FileSystemDriver::get_block(std::uint64_t first, std::uint32_t count
         DriverLockHold hold(block_lock);
         auto found = blocks.find(first);
         if (found != blocks.end()) {
+            if (found->second->count != count) {
+                Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL,
+                              "Internal error: a cached block asked for with another sector count");
+            }
             // A hit stays where it is in the cache's list; only a release moves it.
             ++found->second->holds;
             return BlockHandle(found->second);
@@ -66,13 +70,13 @@ BlockHandle FileSystemDriver::get_block(std::uint64_t first, std::uint32_t count
     }
     CachedBlock* block = CachedBlock::create(this, first, count, sector_size);
     if (block == nullptr) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
     }
     if (!no_read) {
         Common::Error status = device->Transfer(Fdisk::kTransferRead, first_sector + first, block->data(), count);
         if (status.Failed()) {
             CachedBlock::destroy(block);
-            RaiseDriverError(ERROR_TAG, Common::FILE_READ, Common::Messages::FILE_READ, status);
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_READ, status);
         }
     }
     {
@@ -119,6 +123,24 @@ void FileSystemDriver::forget_block(CachedBlock* block) {
     CachedBlock::destroy(block);
 }
 
+void FileSystemDriver::read_volume_bytes(std::uint64_t offset, void* out, std::uint32_t size) {
+    if (size == 0) return;
+    std::uint64_t first = offset / sector_size;
+    std::uint64_t last = (offset + size - 1) / sector_size;
+    if (offset > UINT64_MAX - size || last >= volume_sectors) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    bool cached_before = false;
+    {
+        DriverLockHold hold(block_lock);
+        cached_before = blocks.find(first) != blocks.end();
+    }
+    {
+        BlockHandle sectors = get_block(first, static_cast<std::uint32_t>(last - first + 1), false);
+        std::memcpy(out, sectors.data() + offset % sector_size, size);
+    }
+    // Only what this read brought in goes; a block the driver holds stays.
+    if (!cached_before) discard_block(first);
+}
+
 void FileSystemDriver::release_block(CachedBlock* block) {
     if (block->holds > 1) {
         --block->holds;
@@ -156,7 +178,7 @@ void FileSystemDriver::move_block(BlockHandle& handle, std::uint64_t new_first) 
     discard_block(new_first);
     DriverLockHold hold(block_lock);
     if (blocks.count(new_first) != 0) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_WRITE, Common::Messages::FILE_WRITE);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     }
     blocks.erase(block->first);
     block->first = new_first;
@@ -180,7 +202,7 @@ void FileSystemDriver::first_write_gate(CachedBlock* block, bool ask_driver) {
     Common::Error status =
         device->Transfer(Fdisk::kTransferWrite, first_sector + block->first, block->data(), 1);
     if (status.Failed()) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_READ_ONLY, Common::Messages::FILE_READ_ONLY, status);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY, status);
     }
     writable_known = true;
 }
@@ -210,7 +232,7 @@ void FileSystemDriver::read_cached_run(unsigned char* buffer, std::uint64_t firs
             // sectors don't enter the cache.
             Common::Error status = device->Transfer(Fdisk::kTransferRead, first_sector + first, buffer, run);
             if (status.Failed()) {
-                RaiseDriverError(ERROR_TAG, Common::FILE_READ, Common::Messages::FILE_READ, status);
+                Common::Raise(ERROR_TAG, Common::Failures::FILE_READ, status);
             }
         }
         buffer += run * sector_size;
@@ -250,7 +272,7 @@ void FileSystemDriver::read_sectors(void* buffer, std::uint64_t first, std::uint
     std::uint64_t offset = first - last;
     if (block.count() < offset + count) {
         // The driver asked for this sector with another count before.
-        RaiseDriverError(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
     std::memcpy(bytes, block.data() + offset * sector_size, count * sector_size);
 }
@@ -284,7 +306,7 @@ void FileSystemDriver::write_sectors(const void* buffer, std::uint64_t first, st
             Common::Error status = device->Transfer(Fdisk::kTransferWrite, first_sector + first,
                                                     const_cast<unsigned char*>(bytes), run);
             if (status.Failed()) {
-                RaiseDriverError(ERROR_TAG, Common::FILE_WRITE, Common::Messages::FILE_WRITE, status);
+                Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE, status);
             }
             writable_known = true;
         }

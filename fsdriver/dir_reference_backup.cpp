@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_object.h"
 #include "fsdriver/file_reference.h"
 
@@ -44,7 +44,7 @@ private:
 
 void CheckCancelled(BackupProgress* progress) {
     if (progress != nullptr && progress->cancelled()) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_CANCELLED, Common::Messages::FILE_CANCELLED);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CANCELLED);
     }
 }
 
@@ -52,13 +52,12 @@ void TellProgress(BackupProgress* progress, std::uint64_t total) {
     if (progress != nullptr) progress->done(total);
 }
 
-[[noreturn]] void RaiseCorrupt() { RaiseDriverError(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT); }
 
 std::unique_ptr<BackupOutputStream> OpenOutput(BackupStreams& streams, std::uint32_t type) {
     BackupOutputStream* stream = nullptr;
     Common::Error status = streams.open_output(type, stream);
     if (status.Failed()) throw status;
-    if (stream == nullptr) RaiseDriverError(ERROR_TAG, Common::FILE_WRITE, Common::Messages::FILE_WRITE);
+    if (stream == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     return std::unique_ptr<BackupOutputStream>(stream);
 }
 
@@ -79,7 +78,7 @@ std::uint32_t ExistingDirectory(FileSystemDriver::DirectoryObject& parent, const
         return parent.lookup_directory(leaf);
     } catch (const Common::Error& error) {
         if (error.Code() != Common::FILE_OPEN) throw;
-        RaiseDriverError(ERROR_TAG, Common::FILE_NOT_FOUND, Common::Messages::FILE_NOT_FOUND, error);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND, error);
     }
 }
 
@@ -87,7 +86,7 @@ std::uint32_t ExistingDirectory(FileSystemDriver::DirectoryObject& parent, const
 void MakeTarget(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& parent, const std::u16string& leaf,
                 std::uint32_t option, std::uint32_t type, const unsigned char* data, std::uint64_t size,
                 RestoreTarget& target) {
-    if (type != kAttributeStream || size < 4) RaiseCorrupt();
+    if (type != kAttributeStream || size < 4) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if ((data[0] & kDirectoryAttribute) != 0) {
         std::uint32_t id = ExistingDirectory(parent, leaf);
         target.object.reset(driver.get_object(id)->new_restore_object(option));
@@ -102,14 +101,14 @@ void MakeTarget(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& par
         target.object.reset(created->new_restore_object(option));
     }
     if (target.object == nullptr) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     }
 }
 
 }  // namespace
 
 void DriveBackup(FileSystemDriver& driver, FileSystemDriver::BackupObject& source, const BackupRecord& record) {
-    if (record.streams == nullptr) RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    if (record.streams == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     LockGap gap(driver.file_lock);
     std::unique_ptr<BackupOutputStream> output;
     std::uint32_t output_type = 0;
@@ -123,16 +122,16 @@ void DriveBackup(FileSystemDriver& driver, FileSystemDriver::BackupObject& sourc
         }
         std::uint64_t chunk = source.chunk;
         std::uint64_t alignment = source.alignment == 0 ? 1 : source.alignment;
-        if (chunk > UINT64_MAX - alignment) RaiseCorrupt();
+        if (chunk > UINT64_MAX - alignment) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         unsigned char* area = output->reserve(chunk + alignment - 1);
-        if (area == nullptr) RaiseDriverError(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+        if (area == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
         unsigned char* start = AlignUp(area, alignment);
         std::uint64_t got;
         {
             DriverLockHold hold(driver.file_lock);
             got = source.read(start);
         }
-        if (got > chunk) RaiseCorrupt();
+        if (got > chunk) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         output->send(start, got);
         if (got == 0) continue;
         total += got;
@@ -142,7 +141,7 @@ void DriveBackup(FileSystemDriver& driver, FileSystemDriver::BackupObject& sourc
 
 void DriveRestore(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& parent, const std::u16string& leaf,
                   const BackupRecord& record) {
-    if (record.streams == nullptr) RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    if (record.streams == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     DirectoryHold hold_parent(parent);
     std::vector<unsigned char> buffer(kRestoreStep);
     RestoreTarget target;
@@ -160,7 +159,7 @@ void DriveRestore(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& p
         std::uint64_t got = 0;
         Common::Error status = stream->read(buffer.data(), buffer.size(), got);
         if (status.Failed()) throw status;
-        if (got > buffer.size()) RaiseCorrupt();
+        if (got > buffer.size()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         // A stream that was empty from the start is still handed on once.
         if (got == 0 && !fresh) {
             stream.reset();
@@ -180,5 +179,5 @@ void DriveRestore(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& p
     }
     Common::Error status = record.streams->error();
     if (status.Failed()) throw status;
-    if (target.object == nullptr) RaiseCorrupt();
+    if (target.object == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }

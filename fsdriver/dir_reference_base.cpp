@@ -7,7 +7,7 @@
 #include "fsdriver/backup_object.h"
 #include "fsdriver/dir_reference_backup.h"
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_object.h"
 #include "fsdriver/file_reference.h"
 #include "fsdriver/iterator_object.h"
@@ -20,30 +20,15 @@ constexpr std::uint32_t kRequestSecurity = 0x51535253;  // "SRSQ"
 constexpr std::uint32_t kRequestBackup = 0x50554B42;    // "BKUP"
 constexpr std::uint32_t kRequestRestore = 0x52545352;   // "RSTR"
 
-[[noreturn]] void RaiseUnsupported() {
-    RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
-}
-
 // The entry of this framework that an iterator stands on; FILE_OPEN for
 // any other iterator, or one whose walk has ended.
 FileSystemDriver::IteratorObject& EntryOf(i_dir::iterator& entry) {
     auto* reference = dynamic_cast<FileSystemDriver::IteratorReference*>(&entry);
-    if (reference == nullptr || reference->entry() == nullptr) RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+    if (reference == nullptr || reference->entry() == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return *reference->entry();
 }
 
 }  // namespace
-
-void RaisePathRefused(std::uint64_t tag, std::uint32_t code) {
-    const char16_t* text = Common::Messages::FILE_OPEN;
-    switch (code) {
-    case Common::FILE_CREATE: text = Common::Messages::FILE_CREATE; break;
-    case Common::FILE_DELETE: text = Common::Messages::FILE_DELETE; break;
-    case Common::FILE_RENAME: text = Common::Messages::FILE_RENAME; break;
-    default: break;
-    }
-    RaiseDriverError(tag, code, text);
-}
 
 template <typename Directory>
 DirReferenceBase<Directory>::DirReferenceBase(FileSystemDriver* driver, const std::u16string& path)
@@ -57,10 +42,10 @@ DirReferenceBase<Directory>::~DirReferenceBase() {
 }
 
 template <typename Directory>
-FileSystemDriver::DirectoryObject* DirReferenceBase<Directory>::parent_of(const char16_t* path, std::uint32_t code,
+FileSystemDriver::DirectoryObject* DirReferenceBase<Directory>::parent_of(const char16_t* path, const Common::Failure& failure,
                                                                           std::u16string& leaf) {
     std::u16string parent;
-    if (!split(compose(path, code), parent, leaf)) RaisePathRefused(ERROR_TAG, code);
+    if (!split(compose(path, failure), parent, leaf)) Common::Raise(ERROR_TAG, failure);
     return driver_->get_directory(driver_form(parent));
 }
 
@@ -87,7 +72,7 @@ FileSystemDriver::FileReference* DirReferenceBase<Directory>::open_by_path(const
     FileSystemDriver::FileReference* answer = nullptr;
     guarded([&] {
         std::u16string leaf;
-        FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::FILE_OPEN, leaf);
+        FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::Failures::FILE_OPEN, leaf);
         answer = open_reference(parent->open_file(leaf), for_write, shared);
     });
     return answer;
@@ -163,7 +148,7 @@ template <typename Directory>
 DirReferenceBase<Directory>* DirReferenceBase<Directory>::open_dir(const file_identifier& entry) {
     auto* identifier = dynamic_cast<const the_identifier*>(&entry);
     if (identifier == nullptr) {
-        guarded([] { RaisePathRefused(ERROR_TAG, Common::FILE_OPEN); });
+        guarded([] { Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN); });
         return nullptr;
     }
     return open_dir(identifier->name());
@@ -202,7 +187,7 @@ template <typename Directory>
 i_dir::iterator* DirReferenceBase<Directory>::find(const char16_t* name) {
     FileSystemDriver::IteratorObject* found = nullptr;
     guarded([&] {
-        if (name == nullptr || !name_allowed(name)) RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+        if (name == nullptr || !name_allowed(name)) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
         found = this_directory()->find(std::u16string(name));
     });
     return walk_from(found);
@@ -224,7 +209,7 @@ i_dir::iterator* DirReferenceBase<Directory>::self() {
     FileSystemDriver::IteratorObject* found = nullptr;
     guarded([&] {
         std::u16string parent, leaf;
-        if (!split(path_, parent, leaf)) RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+        if (!split(path_, parent, leaf)) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
         found = driver_->get_directory(driver_form(parent))->find(leaf);
     });
     return walk_from(found);
@@ -291,7 +276,7 @@ template <typename Directory>
 void DirReferenceBase<Directory>::set_security(unsigned char* block) {
     std::u16string leaf;
     const char16_t* path = RequestField<const char16_t*>(block, 8);
-    FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::FILE_OPEN, leaf);
+    FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::Failures::FILE_OPEN, leaf);
     parent->set_security(leaf, RequestField<const void*>(block, 16), RequestField<std::uint32_t>(block, 24));
 }
 
@@ -299,7 +284,7 @@ template <typename Directory>
 void DirReferenceBase<Directory>::backup(unsigned char* block) {
     BackupRequest request;
     std::memcpy(&request, block, sizeof(request));
-    if (!driver_->supports_backup()) RaiseUnsupported();
+    if (!driver_->supports_backup()) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     FileSystemDriver::DirectoryObject* directory = this_directory();
     FileSystemDriver::IteratorObject* entry = request.entry == nullptr ? nullptr : &EntryOf(*request.entry);
     std::unique_ptr<FileSystemDriver::FileReference> file;
@@ -311,7 +296,7 @@ void DirReferenceBase<Directory>::backup(unsigned char* block) {
     } else {
         source.reset(directory->new_backup_object(entry, request.record.option));
     }
-    if (source == nullptr) RaiseUnsupported();
+    if (source == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     DriveBackup(*driver_, *source, request.record);
 }
 
@@ -319,10 +304,10 @@ template <typename Directory>
 void DirReferenceBase<Directory>::restore(unsigned char* block) {
     BackupRequest request;
     std::memcpy(&request, block, sizeof(request));
-    if (!driver_->supports_restore()) RaiseUnsupported();
+    if (!driver_->supports_restore()) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     std::u16string parent_path, leaf;
-    if (!split(compose(request.path, Common::FILE_OPEN), parent_path, leaf)) {
-        RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+    if (!split(compose(request.path, Common::Failures::FILE_OPEN), parent_path, leaf)) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     std::u16string parent_form = driver_form(parent_path);
     FileSystemDriver::DirectoryObject* parent;
@@ -331,7 +316,7 @@ void DirReferenceBase<Directory>::restore(unsigned char* block) {
     } catch (const Common::Error& error) {
         // The restored entry goes into a directory that must exist.
         if (error.Code() != Common::FILE_OPEN) throw;
-        RaiseDriverError(ERROR_TAG, Common::FILE_NOT_FOUND, Common::Messages::FILE_NOT_FOUND, error);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND, error);
     }
     DriveRestore(*driver_, *parent, leaf, request.record);
 }
@@ -341,7 +326,7 @@ rio_file* DirReferenceBase<Directory>::create_file(const char16_t* path) {
     FileSystemDriver::FileReference* answer = nullptr;
     guarded([&] {
         std::u16string leaf;
-        FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::FILE_CREATE, leaf);
+        FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::Failures::FILE_CREATE, leaf);
         answer = open_reference(parent->create_file(leaf), true, false);
     });
     return answer;
@@ -351,15 +336,15 @@ template <typename Directory>
 void DirReferenceBase<Directory>::remove_file(const char16_t* path) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_DELETE, leaf)->remove_file(leaf);
+        parent_of(path, Common::Failures::FILE_DELETE, leaf)->remove_file(leaf);
     });
 }
 
 template <typename Directory>
 void DirReferenceBase<Directory>::rename(const char16_t* from, const char16_t* to) {
     guarded([&] {
-        std::u16string source = driver_form(compose(from, Common::FILE_RENAME));
-        std::u16string target = driver_form(compose(to, Common::FILE_RENAME));
+        std::u16string source = driver_form(compose(from, Common::Failures::FILE_RENAME));
+        std::u16string target = driver_form(compose(to, Common::Failures::FILE_RENAME));
         driver_->rename(source, target);
     });
 }
@@ -367,8 +352,8 @@ void DirReferenceBase<Directory>::rename(const char16_t* from, const char16_t* t
 template <typename Directory>
 void DirReferenceBase<Directory>::link(const char16_t* existing, const char16_t* created) {
     guarded([&] {
-        std::u16string source = driver_form(compose(existing, Common::FILE_CREATE));
-        std::u16string target = driver_form(compose(created, Common::FILE_CREATE));
+        std::u16string source = driver_form(compose(existing, Common::Failures::FILE_CREATE));
+        std::u16string target = driver_form(compose(created, Common::Failures::FILE_CREATE));
         driver_->link(source, target);
     });
 }
@@ -376,7 +361,7 @@ void DirReferenceBase<Directory>::link(const char16_t* existing, const char16_t*
 template <typename Directory>
 void DirReferenceBase<Directory>::symlink(const char16_t* path, const char16_t* target) {
     guarded([&] {
-        std::u16string entry = driver_form(compose(path, Common::FILE_CREATE));
+        std::u16string entry = driver_form(compose(path, Common::Failures::FILE_CREATE));
         driver_->symlink(entry, target == nullptr ? std::u16string() : std::u16string(target));
     });
 }
@@ -385,13 +370,13 @@ template <typename Directory>
 void DirReferenceBase<Directory>::make_dir(const char16_t* path) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_CREATE, leaf)->make_directory(leaf);
+        parent_of(path, Common::Failures::FILE_CREATE, leaf)->make_directory(leaf);
     });
 }
 
 template <typename Directory>
 void DirReferenceBase<Directory>::remove_dir(const char16_t* path) {
-    guarded([&] { driver_->remove_dir(driver_form(compose(path, Common::FILE_DELETE))); });
+    guarded([&] { driver_->remove_dir(driver_form(compose(path, Common::Failures::FILE_DELETE))); });
 }
 
 template <typename Directory>

@@ -14,6 +14,7 @@
 #include "files/dir_object.h"
 #include "fsdriver/file_system_driver.h"
 #include "fsdriver/reference_guard.h"
+#include "loader/common/raise.h"
 
 // A field of a request block, which has no alignment of its own.
 template <typename T>
@@ -23,9 +24,6 @@ T RequestField(const unsigned char* block, std::size_t offset) {
     return value;
 }
 
-// Raises `code` with its own message: the failure code of an operation
-// whose path was refused.
-[[noreturn]] void RaisePathRefused(std::uint64_t tag, std::uint32_t code);
 
 // `Directory` is the directory class of the flavour: rio_dir or windows_dir.
 template <typename Directory>
@@ -76,9 +74,9 @@ protected:
     DirReferenceBase(FileSystemDriver* driver, const std::u16string& path);
 
     // --- what a flavour supplies ---
-    // The composed form of `path` on this directory; raises `code` when it
+    // The composed form of `path` on this directory; raises `failure` when it
     // is refused or comes out empty.
-    virtual std::u16string compose(const char16_t* path, std::uint32_t code) const = 0;
+    virtual std::u16string compose(const char16_t* path, const Common::Failure& failure) const = 0;
     // The composed path of a new reference opened by `path`; raises FILE_OPEN.
     virtual std::u16string compose_directory(const char16_t* path) const = 0;
     // Splits a composed path, without a trailing separator, behind its last
@@ -108,9 +106,9 @@ protected:
     void guarded(Operation&& operation) {
         if (!GuardedCall(*this, driver_->file_lock, operation)) this->set_error(Common::Error());
     }
-    // The parent's directory object and the leaf of `path`; raises `code`
+    // The parent's directory object and the leaf of `path`; raises `failure`
     // when the path is refused or has no leaf.
-    FileSystemDriver::DirectoryObject* parent_of(const char16_t* path, std::uint32_t code, std::u16string& leaf);
+    FileSystemDriver::DirectoryObject* parent_of(const char16_t* path, const Common::Failure& failure, std::u16string& leaf);
     FileSystemDriver::DirectoryObject* this_directory();
 
     FileSystemDriver* driver_;

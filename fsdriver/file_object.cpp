@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace {
 
@@ -31,18 +31,18 @@ void FileSystemDriver::FileObject::control(void* block) {
         set_times(U64At(bytes, 8), U64At(bytes, 16), U64At(bytes, 24));
         return;
     default:
-        RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     }
 }
 
 std::uint64_t FileSystemDriver::FileObject::allocated_ranges(std::uint64_t, std::uint64_t) {
-    RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }
 
 FileSystemDriver::BackupObject* FileSystemDriver::FileObject::new_backup_object(std::uint32_t) {
-    RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }
 
 FileSystemDriver::RestoreObject* FileSystemDriver::FileObject::new_restore_object(std::uint32_t) {
-    RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }

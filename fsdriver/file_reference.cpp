@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_object.h"
 #include "fsdriver/reference_guard.h"
 
@@ -24,7 +24,7 @@ FileSystemDriver::FileReference::FileReference(FileSystemDriver* driver, FileObj
                                                bool shared)
     : driver_(driver), object_(object), for_write_(for_write), shared_(shared) {
     if (!OpeningAllowed(*object, for_write, shared)) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     ++object->references;
     if (for_write) {
@@ -65,8 +65,8 @@ void FileSystemDriver::FileReference::write(const void* buffer, std::uint64_t si
     written = 0;
     if (failed()) return;
     GuardedCall(*this, driver_->file_lock, [&] {
-        if (!for_write_) RaiseDriverError(ERROR_TAG, Common::FILE_READ_ONLY, Common::Messages::FILE_READ_ONLY);
-        if (position_ < 0) RaiseDriverError(ERROR_TAG, Common::FILE_SEEK, Common::Messages::FILE_SEEK);
+        if (!for_write_) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+        if (position_ < 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_SEEK);
         object_->write(buffer, static_cast<std::uint64_t>(position_), size, written);
         position_ += static_cast<std::int64_t>(written);
     });
@@ -75,7 +75,7 @@ void FileSystemDriver::FileReference::write(const void* buffer, std::uint64_t si
 void FileSystemDriver::FileReference::set_size(std::uint64_t size) {
     if (failed()) return;
     GuardedCall(*this, driver_->file_lock, [&] {
-        if (!for_write_) RaiseDriverError(ERROR_TAG, Common::FILE_READ_ONLY, Common::Messages::FILE_READ_ONLY);
+        if (!for_write_) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
         object_->set_size(size);
     });
 }
@@ -119,7 +119,7 @@ void FileSystemDriver::FileReference::control(void* block) {
         switch (word) {
         case kRequestDefragment:
         case kRequestSetTimes:
-            if (!for_write_) RaiseDriverError(ERROR_TAG, Common::FILE_READ_ONLY, Common::Messages::FILE_READ_ONLY);
+            if (!for_write_) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
             object_->control(block);
             return;
         case kRequestSectorAt: {

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_object.h"
 #include "fsdriver/file_system_cache.h"
 #include "fsdriver/iterator_object.h"
@@ -91,7 +91,7 @@ void FileSystemDriver::flush_blocks() {
 void FileSystemDriver::before_first_write() {
     if (device == base_device) return;
     Common::Error status = device->Transfer(Fdisk::kTransferFlush, 0, nullptr, 0);
-    if (status.Failed()) RaiseDriverError(ERROR_TAG, Common::FILE_WRITE, Common::Messages::FILE_WRITE, status);
+    if (status.Failed()) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE, status);
     delete device;
     device = base_device;
 }
@@ -124,14 +124,14 @@ void FileSystemDriver::control(void* block) {
         std::memcpy(&given, bytes + 8, sizeof(given));
         auto* reference = dynamic_cast<IteratorReference*>(given);
         if (reference == nullptr || reference->entry() == nullptr) {
-            RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
         }
         std::uint64_t sector = reference->entry()->first_sector();
         std::memcpy(bytes + 16, &sector, sizeof(sector));
         return;
     }
     default:
-        RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     }
 }
 

@@ -60,11 +60,19 @@ public:
     virtual void flush_blocks();
 
     // --- the block cache ---
-    // The block at exactly sector `first` (relative to the volume). A cached
-    // block answers whatever `count` it was made with, so a driver asks for
-    // one sector always with the same count and keeps its blocks apart.
+    // The block at exactly sector `first` (relative to the volume). A block's
+    // count is fixed when it is made, so a driver asks for one sector always
+    // with the same count and keeps its blocks apart; a cached block asked
+    // for with another count is the driver's bug, raised as an internal
+    // error on the spot rather than left to show as damage elsewhere.
     // With `no_read` the data isn't fetched: the caller overwrites all of it.
     BlockHandle get_block(std::uint64_t first, std::uint32_t count, bool no_read);
+    // Copies `size` bytes from byte `offset` of the volume, for a record that
+    // doesn't lie on the driver's grid of blocks (a superblock at byte 1024,
+    // a 1 KiB record inside a larger cluster). The sectors go through the
+    // cache and are let go again, so they never overlap a block of the grid.
+    // FILE_CORRUPT when the range leaves the volume.
+    void read_volume_bytes(std::uint64_t offset, void* out, std::uint32_t size);
     // One hold less; called by BlockHandle only.
     void release_block(CachedBlock* block);
     // Lets the first write of the volume through its gate; the caller then

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/posix_path.h"
 
 namespace {
@@ -28,13 +28,13 @@ std::u16string FileSystemDriverPosix::DirReference::path() {
     return display_path_;
 }
 
-std::u16string FileSystemDriverPosix::DirReference::compose(const char16_t* path, std::uint32_t code) const {
-    if (path == nullptr || *path == 0) RaisePathRefused(ERROR_TAG, code);
+std::u16string FileSystemDriverPosix::DirReference::compose(const char16_t* path, const Common::Failure& failure) const {
+    if (path == nullptr || *path == 0) Common::Raise(ERROR_TAG, failure);
     return ComposePosixPath(path_, path);
 }
 
 std::u16string FileSystemDriverPosix::DirReference::compose_directory(const char16_t* path) const {
-    return compose(path, Common::FILE_OPEN);
+    return compose(path, Common::Failures::FILE_OPEN);
 }
 
 bool FileSystemDriverPosix::DirReference::split(const std::u16string& composed, std::u16string& parent,
@@ -58,14 +58,14 @@ FileSystemDriverPosix::DirReference* FileSystemDriverPosix::DirReference::new_re
 void FileSystemDriverPosix::DirReference::set_permissions(const char16_t* path, std::uint32_t value) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_OPEN, leaf)->set_permissions(leaf, value);
+        parent_of(path, Common::Failures::FILE_OPEN, leaf)->set_permissions(leaf, value);
     });
 }
 
 void FileSystemDriverPosix::DirReference::set_owner(const char16_t* path, std::uint32_t owner, std::uint32_t group) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_OPEN, leaf)->set_owner(leaf, owner, group);
+        parent_of(path, Common::Failures::FILE_OPEN, leaf)->set_owner(leaf, owner, group);
     });
 }
 
@@ -74,7 +74,7 @@ void FileSystemDriverPosix::DirReference::make_node(const char16_t* path, std::u
                                                     std::uint32_t minor) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_OPEN, leaf)->make_node(leaf, kind, permissions, major, minor);
+        parent_of(path, Common::Failures::FILE_OPEN, leaf)->make_node(leaf, kind, permissions, major, minor);
     });
 }
 
@@ -83,7 +83,7 @@ bool FileSystemDriverPosix::DirReference::flavour_control(std::uint32_t word, un
     // Offset 8: a path; offsets 16, 24, 32: modified, created, accessed.
     std::u16string leaf;
     const char16_t* path = RequestField<const char16_t*>(block, 8);
-    FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::FILE_OPEN, leaf);
+    FileSystemDriver::DirectoryObject* parent = parent_of(path, Common::Failures::FILE_OPEN, leaf);
     parent->set_times(leaf, RequestField<std::uint64_t>(block, 16), RequestField<std::uint64_t>(block, 24),
                       RequestField<std::uint64_t>(block, 32));
     return true;

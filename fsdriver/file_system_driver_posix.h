@@ -38,7 +38,7 @@ public:
                    std::uint32_t minor) override;
 
 protected:
-    std::u16string compose(const char16_t* path, std::uint32_t code) const override;
+    std::u16string compose(const char16_t* path, const Common::Failure& failure) const override;
     std::u16string compose_directory(const char16_t* path) const override;
     bool split(const std::u16string& composed, std::u16string& parent, std::u16string& leaf) const override;
     std::u16string driver_form(const std::u16string& composed) const override { return composed; }

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/windows_path.h"
 
 namespace {
@@ -26,20 +26,20 @@ rio_dir* FileSystemDriverWindows::open_path(const char16_t* path) {
 FileSystemDriverWindows::DirReference::DirReference(FileSystemDriverWindows* driver, const std::u16string& path)
     : DirReferenceBase(driver, path) {}
 
-std::u16string FileSystemDriverWindows::DirReference::compose(const char16_t* path, std::uint32_t code) const {
+std::u16string FileSystemDriverWindows::DirReference::compose(const char16_t* path, const Common::Failure& failure) const {
     std::u16string composed;
     if (path == nullptr || !ComposeWindowsPath(path_, path, composed) || composed.empty()) {
-        RaisePathRefused(ERROR_TAG, code);
+        Common::Raise(ERROR_TAG, failure);
     }
     return composed;
 }
 
 std::u16string FileSystemDriverWindows::DirReference::compose_directory(const char16_t* path) const {
     std::u16string composed;
-    if (path == nullptr || !ComposeWindowsPath(path_, path, composed)) RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+    if (path == nullptr || !ComposeWindowsPath(path_, path, composed)) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     // ".." above the root stays there; another drive is no part of this volume.
     if (composed.empty()) composed = kRoot;
-    if (composed[0] != u'C') RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+    if (composed[0] != u'C') Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return composed;
 }
 
@@ -56,7 +56,7 @@ bool FileSystemDriverWindows::DirReference::split(const std::u16string& composed
 
 std::u16string FileSystemDriverWindows::DirReference::driver_form(const std::u16string& composed) const {
     // Only drive C is this volume.
-    if (composed.empty() || composed[0] != u'C') RaisePathRefused(ERROR_TAG, Common::FILE_OPEN);
+    if (composed.empty() || composed[0] != u'C') Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return WindowsPathToDriverForm(composed);
 }
 
@@ -80,7 +80,7 @@ std::u16string FileSystemDriverWindows::DirReference::relation_form(const std::u
 void FileSystemDriverWindows::DirReference::set_attributes(const char16_t* path, std::uint32_t value) {
     guarded([&] {
         std::u16string leaf;
-        parent_of(path, Common::FILE_OPEN, leaf)->set_attributes(leaf, value);
+        parent_of(path, Common::Failures::FILE_OPEN, leaf)->set_attributes(leaf, value);
     });
 }
 
@@ -90,7 +90,7 @@ bool FileSystemDriverWindows::DirReference::flavour_control(std::uint32_t word, 
         const char16_t* name = RequestField<const char16_t*>(block, 8);
         const char16_t* short_name = RequestField<const char16_t*>(block, 16);
         if (name == nullptr || short_name == nullptr || !name_allowed(name) || !name_allowed(short_name)) {
-            RaisePathRefused(ERROR_TAG, Common::FILE_RENAME);
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
         }
         this_directory()->set_short_name(name, short_name);
         // Cached paths may have been reached through the old short name.
@@ -98,7 +98,7 @@ bool FileSystemDriverWindows::DirReference::flavour_control(std::uint32_t word, 
         return true;
     }
     if (word == kRequestMakeFF && !at_root()) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     }
     // "MKFF" at the root, like any other word, is the driver's.
     return false;

@@ -2,7 +2,7 @@
 // change the tree: the path cache and the bound on idle directory objects
 // live here.
 #include "fsdriver/directory_object.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_system_driver.h"
 #include "fsdriver/iterator_object.h"
 
@@ -117,7 +117,7 @@ std::uint32_t FileSystemDriver::walk_directory_ids(const std::u16string& relativ
             id = object->lookup_directory(relative.substr(offset, end - offset));
             path_cache.emplace(prefix, id);
         }
-        if (id == refuse_id) RaiseDriverError(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+        if (id == refuse_id) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
         offset = end + 1;
     }
     return id;
@@ -125,7 +125,7 @@ std::uint32_t FileSystemDriver::walk_directory_ids(const std::u16string& relativ
 
 void FileSystemDriver::rename(const std::u16string& from, const std::u16string& to) {
     if (from.size() < 2 || to.size() < 2) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     }
     SplitPath source(from);
     SplitPath target(to);
@@ -179,16 +179,16 @@ void FileSystemDriver::symlink(const std::u16string& path, const std::u16string&
 }
 
 void FileSystemDriver::remove_dir(const std::u16string& path) {
-    if (path.size() < 2) RaiseDriverError(ERROR_TAG, Common::FILE_DELETE, Common::Messages::FILE_DELETE);
+    if (path.size() < 2) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     DirectoryObject* object = get_directory(path);
     // Someone stands on it: an operation or an open file.
-    if (object->references != 0) RaiseDriverError(ERROR_TAG, Common::FILE_DELETE, Common::Messages::FILE_DELETE);
+    if (object->references != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     {
         DirectoryPin pin(object);
         IteratorObject* first = object->begin();
         if (first != nullptr) {
             delete first;
-            RaiseDriverError(ERROR_TAG, Common::FILE_DELETE, Common::Messages::FILE_DELETE);
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
         }
     }
     std::uint32_t id = object->id;

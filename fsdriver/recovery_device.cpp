@@ -2,7 +2,7 @@
 // whose volume must be seen through a rewritten view asks for a device
 // that shows it. A refusal of the library makes the volume unusable to the
 // driver, so it becomes FILE_CORRUPT with the refusal as its cause.
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 #include "fsdriver/file_system_driver.h"
 #include "fsdriver/reference_guard.h"
 #include "fsdriver/volume_processing.h"
@@ -36,7 +36,7 @@ void FileSystemDriver::install_recovery_device(FileSystemDriver& driver, std::ui
     request.source = &volume;
     request.device_out = &replayed;
     Common::Error refusal = AskForDevice(request);
-    if (refusal) RaiseDriverError(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT, refusal);
+    if (refusal) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT, refusal);
     // before_first_write commits through this device and then goes back
     // to base_device.
     if (replayed != nullptr) driver.device = replayed;

@@ -1,7 +1,7 @@
 #include "fsdriver/reference_guard.h"
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 void NoMemoryAsError::Raise() {
-    RaiseDriverError(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
 }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "loader/common/error.h"
+#include "loader/common/raise.h"
 #include "loader/common/error_codes.h"
 
 namespace resizer {
@@ -40,7 +40,7 @@ void Bitmap::assign(const Bitmap& other) {
 }
 
 void Bitmap::check_index(std::uint64_t n) const {
-    if (n >= bits) throw Common::Error(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: invalid bitmap index");
+    if (n >= bits) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: invalid bitmap index");
 }
 
 bool Bitmap::test(std::uint64_t n) const {

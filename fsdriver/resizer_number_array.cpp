@@ -2,15 +2,13 @@
 
 #include <cstring>
 
-#include "loader/common/error.h"
+#include "loader/common/raise.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/resizer_errors.h"
 
 namespace resizer {
 
 namespace {
-
-[[noreturn]] void Internal(const char* text) { throw Common::Error(ERROR_TAG, Common::RESIZER_INTERNAL, text); }
 
 std::uint8_t WidthOf(std::uint64_t largest) {
     std::uint8_t width = 0;
@@ -55,8 +53,8 @@ void NumberArray::reset(std::uint64_t new_count, std::uint64_t new_largest) {
 }
 
 std::uint64_t NumberArray::get(std::uint64_t index) const {
-    if (count == 0) Internal("Internal error: attempt to get element from empty array");
-    if (index >= count) Internal("Internal error: invalid array index to get");
+    if (count == 0) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: attempt to get element from empty array");
+    if (index >= count) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: invalid array index to get");
     std::uint64_t bit = width * index;
     const unsigned char* at = storage + bit / 8;
     unsigned shift = bit % 8;
@@ -69,9 +67,9 @@ std::uint64_t NumberArray::get(std::uint64_t index) const {
 }
 
 void NumberArray::set(std::uint64_t index, std::uint64_t value) {
-    if (count == 0) Internal("Internal error: attempt to set element in empty array");
-    if (index >= count) Internal("Internal error: invalid array index to set");
-    if (value > largest) Internal("Internal error: invalid array value to set");
+    if (count == 0) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: attempt to set element in empty array");
+    if (index >= count) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: invalid array index to set");
+    if (value > largest) Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: invalid array value to set");
     std::uint64_t bit = width * index;
     unsigned char* at = storage + bit / 8;
     unsigned shift = bit % 8;

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "loader/common/error.h"
+#include "loader/common/raise.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/resizer_errors.h"
 
@@ -32,7 +32,7 @@ ProcessorMaker MakerFor(std::uint32_t type, std::uint32_t servable) {
 void process_volume(Request& request) {
     Volume* source = request.source;
     if (source == nullptr || source->device == nullptr) {
-        throw Common::Error(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: source drive not specified");
+        Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: source drive not specified");
     }
     std::uint32_t servable = ServableTypes(source->type_mask);
     ProcessorMaker maker = MakerFor(source->type, servable);

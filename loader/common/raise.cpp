@@ -10,4 +10,6 @@ void Raise(std::uint64_t tag, const Failure& failure, const Error& cause) {
     throw error;
 }
 
+void Raise(std::uint64_t tag, std::uint32_t code, const char* site_text) { throw Error(tag, code, site_text); }
+
 }  // namespace Common

@@ -7,6 +7,11 @@
 //     Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 //     Common::Raise(ERROR_TAG, Common::Failures::FILE_READ, device_status);
 //
+// The generic internal errors of the volume processing library carry an
+// 8-bit text written at their own place, not a catalogue text:
+//
+//     Common::Raise(ERROR_TAG, Common::RESIZER_INTERNAL, "Internal error: ...");
+//
 // Typed conditions that a handler catches by class (the volume processing
 // library's, the FAT driver's FileNotFound) are thrown as their class.
 #include <cstdint>
@@ -91,5 +96,6 @@ MORVANE_FAILURE(VIDEO_BAD_PIXEL_FORMAT)
 
 [[noreturn]] void Raise(std::uint64_t tag, const Failure& failure);
 [[noreturn]] void Raise(std::uint64_t tag, const Failure& failure, const Error& cause);
+[[noreturn]] void Raise(std::uint64_t tag, std::uint32_t code, const char* site_text);
 
 }  // namespace Common
