@@ -109,6 +109,8 @@ InodeLocationProcessor& ExtfsDriver::location_processor(std::uint32_t flags) {
     return *legacy_processor;
 }
 
+void ExtfsDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
+
 void ExtfsDriver::refuse_change(std::uint64_t tag) const {
     Fail(tag, read_only ? Common::FILE_READ_ONLY : Common::FILE_UNSUPPORTED);
 }

@@ -44,6 +44,8 @@ public:
     int compare_identifiers(const file_identifier& a, const file_identifier& b) override;
     bool supports_backup() override { return true; }
     void before_first_write() override;
+    // This driver has no write path: every change is refused up front.
+    void refuse_if_unchangeable() override;
     DirectoryObject* open_directory(std::uint32_t id) override;
     const char* type_name() override;
 

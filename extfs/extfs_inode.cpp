@@ -1,5 +1,6 @@
 #include "extfs/extfs_inode.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "extfs/extfs_inode_cache.h"
@@ -43,6 +44,9 @@ ExtfsInode::ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_
     if (record().i_links_count() == 0) Fail(ERROR_TAG, Common::FILE_OPEN);
     processor = &driver->location_processor(record().i_flags());
     walk = std::make_unique<ExtfsBlockWalk>(driver, processor->max_depth());
+    // Checked once here, so that a listing, an open and a read all meet the
+    // same refusal, and none of them trusts a size that no map could fill.
+    if (size() > largest_size()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
 }
 
 ExtfsInode::~ExtfsInode() { cache->forget(this); }
@@ -69,6 +73,18 @@ bool ExtfsInode::is_symlink() const { return (mode() & kTypeMask) == kSymlink; }
 std::uint64_t ExtfsInode::size() const {
     std::uint64_t low = record().i_size_lo();
     return is_regular() ? low | std::uint64_t(record().i_size_high()) << 32 : low;
+}
+
+std::uint64_t ExtfsInode::largest_size() const {
+    const std::uint64_t block_size = driver->block_size();
+    // A symbolic link's target lies in one block at most.
+    if (is_symlink()) return block_size;
+    // A directory has no holes: each of its blocks is one of the volume's.
+    if (is_directory()) return std::min(processor->max_blocks(), driver->blocks_count) * block_size;
+    // A regular file may be sparse, but not beyond what its map addresses.
+    if (is_regular()) return processor->max_blocks() * block_size;
+    // Devices, FIFOs and sockets have no data; their size is never used.
+    return ~std::uint64_t(0);
 }
 
 std::uint32_t ExtfsInode::links() const {

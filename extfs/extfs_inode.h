@@ -26,7 +26,8 @@ public:
     static constexpr std::uint32_t kHugeFileFlag = 0x40000;
     static constexpr std::uint32_t kIndexFlag = 0x1000;
 
-    // Reads the inode of `index`; FILE_OPEN for an inode with no links.
+    // Reads the inode of `index`; FILE_OPEN for an inode with no links,
+    // FILE_CORRUPT for one whose size its kind can't have on this volume.
     ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_t index);
     ~ExtfsInode() override;
 
@@ -38,6 +39,8 @@ public:
     bool is_regular() const;
     bool is_symlink() const;
     std::uint64_t size() const;
+    // The largest size an inode of this kind can have on this volume.
+    std::uint64_t largest_size() const;
     std::uint32_t links() const;
     std::uint32_t uid() const { return record().i_uid(); }
     std::uint32_t gid() const { return record().i_gid(); }

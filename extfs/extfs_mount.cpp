@@ -141,6 +141,12 @@ void ExtfsDriver::read_geometry() {
     if (blocks_per_group > 8 * size || inodes_per_group > 8 * size) Corrupt(ERROR_TAG);
     inode_size = dynamic ? superblock.s_inode_size() : InodeRecord::kBaseSize;
     if (inode_size < InodeRecord::kBaseSize || size % inode_size != 0) Corrupt(ERROR_TAG);
+    // Revision 0 has no inode size field, but mke2fs writes the fixed one
+    // there all the same. A revision 0 superblock that states another
+    // describes inode tables laid out otherwise (a revision 1 volume whose
+    // revision was changed): read as 128-byte inodes, every inode would be
+    // taken from the wrong bytes, the root first.
+    if (!dynamic && superblock.s_inode_size() != 0 && superblock.s_inode_size() != inode_size) Corrupt(ERROR_TAG);
     if (has_ro_compat(kRoCompatExtraIsize)) {
         if (superblock.s_want_extra_isize() < superblock.s_min_extra_isize()) Corrupt(ERROR_TAG);
         if (superblock.s_want_extra_isize() + InodeRecord::kBaseSize > inode_size) Corrupt(ERROR_TAG);

@@ -58,6 +58,11 @@ public:
     virtual const char* type_name() = 0;
     // Writes every dirty cached block, in ascending sector order.
     virtual void flush_blocks();
+    // Raises when the volume takes no change at all, held read only or
+    // served by a driver without a write path. The framework asks it before
+    // it looks at what a change would touch, so that such a volume's refusal
+    // is the first a user hears, not "the directory must be empty".
+    virtual void refuse_if_unchangeable() {}
 
     // --- the block cache ---
     // The block at exactly sector `first` (relative to the volume). A block's

@@ -179,6 +179,7 @@ void FileSystemDriver::symlink(const std::u16string& path, const std::u16string&
 }
 
 void FileSystemDriver::remove_dir(const std::u16string& path) {
+    refuse_if_unchangeable();
     if (path.size() < 2) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     DirectoryObject* object = get_directory(path);
     // Someone stands on it: an operation or an open file.

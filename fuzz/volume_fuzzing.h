@@ -2,8 +2,11 @@
 // What the volume fuzz targets share: a disk over the input whose unread
 // part is zeros, and a walk that lists, states, finds and reads everything
 // a mounted volume shows. Nothing may fault, hang or read outside the
-// volume, and what a file yields without a stored error is exactly as long
-// as its size says.
+// volume; what a file yields without a stored error is exactly as long as
+// its size says; and no entry shows a size beyond the largest that a file
+// of the volume's format and geometry can have, which each target works out
+// from the volume's header. A driver that believes such a size streams
+// zeros without end, which a bounded read alone would never notice.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -73,10 +76,12 @@ private:
 
 struct WalkBudget {
     int entries = kMostEntries;
+    std::uint64_t largest_file = ~std::uint64_t(0);  // what the target says the volume allows
 };
 
-inline void ReadWhole(ri_file& file) {
+inline void ReadWhole(ri_file& file, std::uint64_t largest_file) {
     std::uint64_t size = file.size();
+    Require(file.failed() || size <= largest_file);
     std::vector<std::uint8_t> buffer(4096);
     std::uint64_t total = 0;
     while (total < kMostBytesPerFile) {
@@ -98,10 +103,10 @@ inline void ReadWhole(ri_file& file) {
     Require(got == 0);
 }
 
-inline void StatEntry(i_dir::iterator& entry) {
+inline void StatEntry(i_dir::iterator& entry, std::uint64_t largest_file) {
     static_cast<void>(entry.short_name());
     static_cast<void>(entry.display_name());
-    static_cast<void>(entry.size());
+    Require(entry.size() <= largest_file);
     static_cast<void>(entry.allocated_size());
     static_cast<void>(entry.modified());
     static_cast<void>(entry.created());
@@ -116,7 +121,7 @@ inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget);
 
 inline void VisitEntry(i_dir& dir, i_dir::iterator& entry, int depth, WalkBudget& budget) {
     std::u16string name = entry.name();
-    StatEntry(entry);
+    StatEntry(entry, budget.largest_file);
     if (name == u"." || name == u"..") return;
     // The same entry found again by its name.
     std::unique_ptr<i_dir::iterator> found(dir.find(name.c_str()));
@@ -126,7 +131,7 @@ inline void VisitEntry(i_dir& dir, i_dir::iterator& entry, int depth, WalkBudget
         return;
     }
     std::unique_ptr<ri_file> file(dir.open_file(entry, true));
-    if (file != nullptr) ReadWhole(*file);
+    if (file != nullptr) ReadWhole(*file, budget.largest_file);
 }
 
 inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget) {
@@ -139,8 +144,10 @@ inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget) {
 }
 
 // Mounts the input as the loader mounts a partition, with one driver, and
-// walks all of it.
-inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory factory) {
+// walks all of it. `largest_file`: the largest size that a file of this
+// volume can legitimately have; without it, sizes aren't bounded.
+inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory factory,
+                         std::uint64_t largest_file = ~std::uint64_t(0)) {
     std::unique_ptr<rio_dir> root(EfiLoader::MountVolume(factory, disk));
     if (root == nullptr) return;
     char16_t label[64];
@@ -148,6 +155,7 @@ inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory 
     std::uint64_t total = 0, free = 0, available = 0;
     root->space(total, free, available);
     WalkBudget budget;
+    budget.largest_file = largest_file;
     WalkDirectory(*root, 0, budget);
     std::unique_ptr<i_dir::iterator> self(root->self());
 }

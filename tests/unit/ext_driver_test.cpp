@@ -191,6 +191,8 @@ TEST(ExtDriver, ToolMadeVolumesListAndReadLikeTheirSource) {
     SourceTree source(folder);
     const ContentCase cases[] = {
         {"mkfs.ext2 -b 1024 -L etiqueta", 4096, 512, "Ext2", Common::FILE_UNSUPPORTED},
+        // Revision 0: no feature at all, 128-byte inodes, first inode 11.
+        {"mkfs.ext2 -r 0 -b 1024 -L etiqueta", 4096, 512, "Ext2", Common::FILE_UNSUPPORTED},
         {"mkfs.ext3 -b 1024 -L etiqueta", 4096, 512, "Ext3", Common::FILE_UNSUPPORTED},
         {"mkfs.ext4 -L etiqueta", 16384, 512, "Ext4", Common::FILE_READ_ONLY},  // metadata checksums
         {"mkfs.ext4 -b 4096 -L etiqueta", 16384, 4096, "Ext4", Common::FILE_READ_ONLY},
@@ -262,6 +264,8 @@ TEST(ExtDriver, ToolMadeVolumesListAndReadLikeTheirSource) {
         // Nothing is changed, and the refusal tells why.
         std::unique_ptr<rio_dir> root(volume.driver->open_root());
         root->make_dir(u"new");
+        EXPECT_EQ(root->error().Code(), row.change_code);
+        root->remove_dir(u"dir");  // not empty, but the volume's refusal comes first
         EXPECT_EQ(root->error().Code(), row.change_code);
         std::unique_ptr<rio_file> update(root->open_for_update(u"hello.txt", false));
         std::uint64_t written = 0;
@@ -423,6 +427,60 @@ TEST(ExtDriver, HolesUnwrittenExtentsAndFilesOverFourGiB) {
     EXPECT_EQ(prealloc.substr(4096), std::string(20480, '\0'));
 }
 
+TEST(ExtDriver, SizesBeyondWhatTheMapOrTheVolumeHoldsAreCorrupt) {
+    // A file may be sparse up to what its map addresses: 12 + p + p^2 + p^3
+    // blocks of a 1 KiB block map (p = 256), 2^32 blocks of an extent tree.
+    // A directory has no holes, so it can't outgrow the volume (4096
+    // blocks), and a symbolic link's target fits in one block. One byte
+    // more is damage, refused alike by a listing, a lookup and an open.
+    TempFolder folder;
+    SourceTree source(folder);
+    const std::uint64_t legacy_largest = (12 + 256 + 256 * 256 + 256ull * 256 * 256) * kKiB;
+    const std::uint64_t extents_largest = (1ull << 32) * kKiB;
+    struct Row {
+        const char* mkfs;
+        const char* name;
+        std::uint64_t size;
+        std::uint32_t code;
+    } rows[] = {
+        {"mkfs.ext2 -b 1024", "big.bin", legacy_largest, 0},
+        {"mkfs.ext2 -b 1024", "big.bin", legacy_largest + 1, Common::FILE_CORRUPT},
+        {"mkfs.ext2 -b 1024", "hello.txt", 0xFFFFFFFE00000006, Common::FILE_CORRUPT},
+        {"mkfs.ext4 -b 1024", "big.bin", extents_largest, 0},
+        {"mkfs.ext4 -b 1024", "big.bin", extents_largest + 1, Common::FILE_CORRUPT},
+        {"mkfs.ext2 -b 1024", "dir", 4097 * kKiB, Common::FILE_CORRUPT},
+        {"mkfs.ext2 -b 1024", "link_slow", kKiB + 1, Common::FILE_CORRUPT},
+    };
+    for (const Row& row : rows) {
+        const std::string name = row.name;
+        SCOPED_TRACE(std::string(row.mkfs) + " " + name + " size " + std::to_string(row.size));
+        Image image;
+        ASSERT_TRUE(image.make(row.mkfs, 4096, source.root));
+        ASSERT_TRUE(image.debugfs("sif " + name + " size " + std::to_string(row.size)));
+        Volume volume(DiskOf(image.path));
+        ASSERT_NE(volume.driver, nullptr);
+        const std::u16string wide(name.begin(), name.end());
+        FileSystemDriver::DirectoryObject* top = volume.driver->get_directory(u"/");
+        EXPECT_EQ(CodeOf([&] { std::unique_ptr<FileSystemDriver::IteratorObject> entry(top->find(wide)); }),
+                  row.code);
+        EXPECT_EQ(volume.list(u"/").count(u"<error>"), row.code == 0 ? 0u : 1u);
+        if (name == "dir") {
+            EXPECT_EQ(CodeOf([&] { volume.driver->get_directory(u"/dir"); }), row.code);
+            continue;
+        }
+        if (name == "link_slow") continue;
+        EXPECT_EQ(CodeOf([&] { std::unique_ptr<FileSystemDriver::FileObject> file(top->open_file(wide)); }),
+                  row.code);
+        if (row.code != 0) {
+            EXPECT_EQ(volume.read(u"/" + wide), "<open failed>");
+            continue;
+        }
+        EXPECT_EQ(volume.find(u"/", wide)->size(), row.size);
+        EXPECT_EQ(volume.read(u"/" + wide, 0, 3000), source.big.substr(0, 3000));
+        EXPECT_EQ(volume.read(u"/" + wide, row.size - 10), std::string(10, '\0'));  // a hole up to the end
+    }
+}
+
 TEST(ExtDriver, TimesCarryTheirExtraFieldWhereTheInodeHasRoom) {
     TempFolder folder;
     folder.Write("src/t", "t");
@@ -542,6 +600,8 @@ TEST(ExtDriver, MountRefusesWithTheCodeOfEachCheck) {
         {"ssv creator_os 3", false, 512, Common::FILE_UNSUPPORTED, 0},
         {"feature mmp", false, 512, Common::FILE_UNSUPPORTED, 0},
         {"ssv rev_level 2", false, 512, Common::FILE_UNSUPPORTED, 0},
+        // Revision 0 reads 128-byte inodes; these tables hold 256-byte ones.
+        {"ssv rev_level 0", false, 512, Common::FILE_CORRUPT, 0},
         // Features that mke2fs offers and the image matrix sees refused
         // only as "no driver": each must be refused for the feature itself.
         {"feature metadata_csum_seed", false, 512, Common::FILE_UNSUPPORTED, 0},
