@@ -19,7 +19,8 @@
 
 namespace {
 
-using volume_fuzzing::LittleEndian;
+using Common::LoadLE16;
+using Common::LoadLE32;
 
 constexpr std::uint32_t kSectorBytes = 512;
 constexpr std::size_t kSuperblockOffset = 1024;
@@ -29,8 +30,8 @@ constexpr std::uint32_t kIncompatExtents = 0x40;
 // The sectors the superblock claims.
 std::uint64_t DeclaredSectors(const std::uint8_t* data) {
     const std::uint8_t* super = data + kSuperblockOffset;
-    std::uint64_t blocks = LittleEndian(super + 4, 4);
-    std::uint32_t log_block = LittleEndian(super + 24, 4);
+    std::uint64_t blocks = LoadLE32(super + 4);
+    std::uint32_t log_block = LoadLE32(super + 24);
     if (log_block > kLargestLogBlock) return 0;
     std::uint64_t sectors_per_block = (1024ull << log_block) / kSectorBytes;
     return blocks > volume_fuzzing::kMostSectors ? volume_fuzzing::kMostSectors : blocks * sectors_per_block;
@@ -41,12 +42,12 @@ std::uint64_t DeclaredSectors(const std::uint8_t* data) {
 // block of a classic map, or 2^32 blocks of an extent tree.
 std::uint64_t LargestFile(const std::uint8_t* data) {
     const std::uint8_t* super = data + kSuperblockOffset;
-    std::uint32_t log_block = LittleEndian(super + 24, 4);
+    std::uint32_t log_block = LoadLE32(super + 24);
     if (log_block > kLargestLogBlock) return 0;  // no such volume is mounted
     std::uint64_t block = 1024ull << log_block;
     std::uint64_t p = block / 4;
     std::uint64_t largest = (12 + p + p * p + p * p * p) * block;
-    if ((LittleEndian(super + 0x60, 4) & kIncompatExtents) != 0 && (block << 32) > largest) largest = block << 32;
+    if ((LoadLE32(super + 0x60) & kIncompatExtents) != 0 && (block << 32) > largest) largest = block << 32;
     return largest;
 }
 

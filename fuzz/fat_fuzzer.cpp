@@ -18,19 +18,23 @@
 
 namespace {
 
-using volume_fuzzing::LittleEndian;
+using Common::LoadLE16;
+using Common::LoadLE32;
 
 constexpr std::uint32_t kDefaultSectorBytes = 512;
 
 std::uint32_t DeclaredSectorBytes(const std::uint8_t* boot) {
-    std::uint32_t declared = LittleEndian(boot + 11, 2);
+    std::uint32_t declared = LoadLE16(boot + 11);
     return declared == 1024 || declared == 2048 || declared == 4096 ? declared : kDefaultSectorBytes;
 }
 
 std::uint64_t DeclaredSectors(const std::uint8_t* boot) {
-    std::uint64_t small = LittleEndian(boot + 19, 2);
-    return small != 0 ? small : LittleEndian(boot + 32, 4);
+    std::uint64_t small = LoadLE16(boot + 19);
+    return small != 0 ? small : LoadLE32(boot + 32);
 }
+
+// A FAT entry holds a 32-bit size: nothing a FAT volume shows may be larger.
+constexpr std::uint64_t kLargestFile = 0xFFFFFFFFu;
 
 }  // namespace
 
@@ -38,6 +42,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < kDefaultSectorBytes) return 0;
     volume_fuzzing::MountAndWalk(
         std::make_unique<volume_fuzzing::InputDisk>(data, size, DeclaredSectorBytes(data), DeclaredSectors(data)),
-        TryFATDriver);
+        TryFATDriver, kLargestFile);
     return 0;
 }

@@ -18,6 +18,7 @@
 #include "files/dir_object.h"
 #include "firmware/simple_disk.h"
 #include "fsdriver/driver_selection.h"
+#include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 #include "loader/mount_volume.h"
 
@@ -32,12 +33,6 @@ constexpr std::uint64_t kMostBytesPerFile = 1 << 20;
 
 inline void Require(bool condition) {
     if (!condition) std::abort();
-}
-
-inline std::uint32_t LittleEndian(const std::uint8_t* bytes, int count) {
-    std::uint32_t value = 0;
-    for (int i = count - 1; i >= 0; --i) value = value << 8 | bytes[i];
-    return value;
 }
 
 // The volume over the input, as a block device would show it: transfers
@@ -147,7 +142,7 @@ inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget) {
 // walks all of it. `largest_file`: the largest size that a file of this
 // volume can legitimately have; without it, sizes aren't bounded.
 inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory factory,
-                         std::uint64_t largest_file = ~std::uint64_t(0)) {
+                         std::uint64_t largest_file) {
     std::unique_ptr<rio_dir> root(EfiLoader::MountVolume(factory, disk));
     if (root == nullptr) return;
     char16_t label[64];
