@@ -1,9 +1,15 @@
 #pragma once
-// One 32-byte directory entry as it stands on the disk, short or long form.
-// The fields keep their disk byte order; every access converts, so the
-// struct can lie anywhere in a cached block.
+// The 32-byte directory entry in its two forms: the short entry, which names
+// a file and holds its first cluster, size and times, and the long entry,
+// which carries 13 UTF-16 units of a long name and stands in front of its
+// short entry. The fields keep their published names and their disk byte
+// order; the methods convert at each access, so an entry is used right
+// where it lies in a cached block.
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+#include "loader/common/byte_order.h"
 
 namespace fat_entry {
 
@@ -23,68 +29,140 @@ constexpr std::uint32_t kUnitsPerLong = 13;
 
 }  // namespace fat_entry
 
-struct DirEntry {
-    unsigned char name[11];
-    unsigned char attr;
-    unsigned char case_flags;
-    unsigned char create_tenths;
-    unsigned char create_time[2];
-    unsigned char create_date[2];
-    unsigned char access_date[2];
-    unsigned char cluster_high[2];
-    unsigned char modify_time[2];
-    unsigned char modify_date[2];
-    unsigned char cluster_low[2];
-    unsigned char file_size[4];
+// The long form. Its 13 units lie in three pieces around the attribute byte
+// and the cluster word, which must stay where the short form has them so
+// that old systems skip the entry.
+struct LongDirEntry {
+    std::uint8_t LDIR_Ord;
+    Common::le16 LDIR_Name1[5];
+    std::uint8_t LDIR_Attr;
+    std::uint8_t LDIR_Type;
+    std::uint8_t LDIR_Chksum;
+    Common::le16 LDIR_Name2[6];
+    Common::le16 LDIR_FstClusLO;
+    Common::le16 LDIR_Name3[2];
 
-    static std::uint16_t get16(const unsigned char* at) { return std::uint16_t(at[0] | at[1] << 8); }
-    static void put16(unsigned char* at, std::uint32_t value) {
-        at[0] = static_cast<unsigned char>(value);
-        at[1] = static_cast<unsigned char>(value >> 8);
+    // The place of this piece in its name, counted from 1, with kLastLong on
+    // the piece that ends it.
+    std::uint8_t order() const { return LDIR_Ord; }
+    // The checksum of the short name this piece belongs to.
+    std::uint8_t checksum() const { return LDIR_Chksum; }
+    void set_checksum(std::uint8_t sum) { LDIR_Chksum = sum; }
+    // Always 0 in a long entry; anything else is not one.
+    std::uint16_t first_cluster() const { return LDIR_FstClusLO.get(); }
+    // Makes this a long entry at `order` of the name whose short entry has
+    // the checksum `sum`; the units are set one by one.
+    void set_header(std::uint8_t order, std::uint8_t sum) {
+        LDIR_Ord = order;
+        LDIR_Attr = fat_entry::kLongName;
+        LDIR_Type = 0;
+        LDIR_Chksum = sum;
+        LDIR_FstClusLO.set(0);
     }
+    // Unit `k` of the 13, k below fat_entry::kUnitsPerLong.
+    char16_t unit(std::uint32_t k) const { return static_cast<char16_t>(unit_field(k).get()); }
+    void set_unit(std::uint32_t k, char16_t value) { unit_field(k).set(value); }
 
-    unsigned char first_byte() const { return name[0]; }
-    bool is_end() const { return name[0] == 0; }
-    bool is_deleted() const { return name[0] == fat_entry::kDeleted; }
-    bool is_long() const { return attr == fat_entry::kLongName; }
-    bool is_directory() const { return (attr & fat_entry::kDirectory) != 0; }
+private:
+    const Common::le16& unit_field(std::uint32_t k) const {
+        return k < 5 ? LDIR_Name1[k] : k < 11 ? LDIR_Name2[k - 5] : LDIR_Name3[k - 11];
+    }
+    Common::le16& unit_field(std::uint32_t k) {
+        return k < 5 ? LDIR_Name1[k] : k < 11 ? LDIR_Name2[k - 5] : LDIR_Name3[k - 11];
+    }
+};
+
+static_assert(sizeof(LongDirEntry) == 32, "a long entry is 32 bytes");
+static_assert(offsetof(LongDirEntry, LDIR_Ord) == 0, "LDIR_Ord");
+static_assert(offsetof(LongDirEntry, LDIR_Name1) == 1, "LDIR_Name1");
+static_assert(offsetof(LongDirEntry, LDIR_Attr) == 11, "LDIR_Attr");
+static_assert(offsetof(LongDirEntry, LDIR_Type) == 12, "LDIR_Type");
+static_assert(offsetof(LongDirEntry, LDIR_Chksum) == 13, "LDIR_Chksum");
+static_assert(offsetof(LongDirEntry, LDIR_Name2) == 14, "LDIR_Name2");
+static_assert(offsetof(LongDirEntry, LDIR_FstClusLO) == 26, "LDIR_FstClusLO");
+static_assert(offsetof(LongDirEntry, LDIR_Name3) == 28, "LDIR_Name3");
+
+// The short form, and the entry as the directory walks it: the first byte
+// and the attributes tell which form and state an entry has.
+struct DirEntry {
+    unsigned char DIR_Name[11];
+    std::uint8_t DIR_Attr;
+    std::uint8_t DIR_NTRes;  // the case flags
+    std::uint8_t DIR_CrtTimeTenth;
+    Common::le16 DIR_CrtTime;
+    Common::le16 DIR_CrtDate;
+    Common::le16 DIR_LstAccDate;
+    Common::le16 DIR_FstClusHI;
+    Common::le16 DIR_WrtTime;
+    Common::le16 DIR_WrtDate;
+    Common::le16 DIR_FstClusLO;
+    Common::le32 DIR_FileSize;
+
+    // --- state, for either form ---
+    unsigned char first_byte() const { return DIR_Name[0]; }
+    bool is_end() const { return DIR_Name[0] == 0; }
+    bool is_deleted() const { return DIR_Name[0] == fat_entry::kDeleted; }
+    void mark_end() { DIR_Name[0] = 0; }
+    void mark_deleted() { DIR_Name[0] = fat_entry::kDeleted; }
+    bool is_long() const { return DIR_Attr == fat_entry::kLongName; }
+    bool is_directory() const { return (DIR_Attr & fat_entry::kDirectory) != 0; }
     // Neither directory nor label: something that opens as a file.
-    bool is_plain_file() const { return (attr & (fat_entry::kDirectory | fat_entry::kVolumeLabel)) == 0; }
+    bool is_plain_file() const { return (DIR_Attr & (fat_entry::kDirectory | fat_entry::kVolumeLabel)) == 0; }
 
+    // --- the short form ---
+    // The 11 bytes of the short name: 8 of name, 3 of extension.
+    const unsigned char* name() const { return DIR_Name; }
+    unsigned char* name() { return DIR_Name; }
+    std::uint8_t attributes() const { return DIR_Attr; }
+    void set_attributes(std::uint8_t value) { DIR_Attr = value; }
+    std::uint8_t case_flags() const { return DIR_NTRes; }
+    void set_case_flags(std::uint8_t value) { DIR_NTRes = value; }
     // The high word counts only on FAT32, which alone has a root cluster.
     std::uint32_t cluster(bool wide) const {
-        std::uint32_t low = get16(cluster_low);
-        return wide ? low | std::uint32_t(get16(cluster_high)) << 16 : low;
+        std::uint32_t low = DIR_FstClusLO.get();
+        return wide ? low | std::uint32_t(DIR_FstClusHI.get()) << 16 : low;
     }
     void set_cluster(std::uint32_t value) {
-        put16(cluster_low, value);
-        put16(cluster_high, value >> 16);
+        DIR_FstClusLO.set(static_cast<std::uint16_t>(value));
+        DIR_FstClusHI.set(static_cast<std::uint16_t>(value >> 16));
     }
-    std::uint32_t size() const {
-        return std::uint32_t(file_size[0]) | std::uint32_t(file_size[1]) << 8 | std::uint32_t(file_size[2]) << 16 |
-               std::uint32_t(file_size[3]) << 24;
+    std::uint32_t size() const { return DIR_FileSize.get(); }
+    void set_size(std::uint32_t value) { DIR_FileSize.set(value); }
+    std::uint8_t create_tenths() const { return DIR_CrtTimeTenth; }
+    void set_create_tenths(std::uint8_t value) { DIR_CrtTimeTenth = value; }
+    std::uint16_t create_time_value() const { return DIR_CrtTime.get(); }
+    std::uint16_t create_date_value() const { return DIR_CrtDate.get(); }
+    std::uint16_t access_date_value() const { return DIR_LstAccDate.get(); }
+    std::uint16_t modify_time_value() const { return DIR_WrtTime.get(); }
+    std::uint16_t modify_date_value() const { return DIR_WrtDate.get(); }
+    void set_create_time(std::uint16_t value) { DIR_CrtTime.set(value); }
+    void set_create_date(std::uint16_t value) { DIR_CrtDate.set(value); }
+    void set_access_date(std::uint16_t value) { DIR_LstAccDate.set(value); }
+    void set_modify_time(std::uint16_t value) { DIR_WrtTime.set(value); }
+    void set_modify_date(std::uint16_t value) { DIR_WrtDate.set(value); }
+    // Everything of `other` but its name: what a rename carries over.
+    void copy_all_but_name(const DirEntry& other) {
+        std::memcpy(&DIR_Attr, &other.DIR_Attr, sizeof(DirEntry) - offsetof(DirEntry, DIR_Attr));
     }
-    void set_size(std::uint32_t value) {
-        for (int i = 0; i < 4; ++i) file_size[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-    std::uint16_t create_time_value() const { return get16(create_time); }
-    std::uint16_t create_date_value() const { return get16(create_date); }
-    std::uint16_t access_date_value() const { return get16(access_date); }
-    std::uint16_t modify_time_value() const { return get16(modify_time); }
-    std::uint16_t modify_date_value() const { return get16(modify_date); }
 
-    // --- the long form ---
-    std::uint8_t order() const { return name[0]; }
-    std::uint8_t long_checksum() const { return create_tenths; }
-    // Unit `k` (0 to 12) of the 13 that a long entry carries.
-    char16_t long_unit(std::uint32_t k) const {
-        const unsigned char* base = reinterpret_cast<const unsigned char*>(this);
-        return static_cast<char16_t>(get16(base + unit_offset(k)));
-    }
-    void set_long_unit(std::uint32_t k, char16_t unit) {
-        put16(reinterpret_cast<unsigned char*>(this) + unit_offset(k), unit);
-    }
-    static std::uint32_t unit_offset(std::uint32_t k) { return k < 5 ? 1 + 2 * k : k < 11 ? 14 + 2 * (k - 5) : 28 + 2 * (k - 11); }
+    // --- the long form: the same 32 bytes ---
+    const LongDirEntry& long_form() const { return *reinterpret_cast<const LongDirEntry*>(this); }
+    LongDirEntry& long_form() { return *reinterpret_cast<LongDirEntry*>(this); }
 };
 
 static_assert(sizeof(DirEntry) == 32, "a directory entry is 32 bytes");
+static_assert(offsetof(DirEntry, DIR_Name) == 0, "DIR_Name");
+static_assert(offsetof(DirEntry, DIR_Attr) == 11, "DIR_Attr");
+static_assert(offsetof(DirEntry, DIR_NTRes) == 12, "DIR_NTRes");
+static_assert(offsetof(DirEntry, DIR_CrtTimeTenth) == 13, "DIR_CrtTimeTenth");
+static_assert(offsetof(DirEntry, DIR_CrtTime) == 14, "DIR_CrtTime");
+static_assert(offsetof(DirEntry, DIR_CrtDate) == 16, "DIR_CrtDate");
+static_assert(offsetof(DirEntry, DIR_LstAccDate) == 18, "DIR_LstAccDate");
+static_assert(offsetof(DirEntry, DIR_FstClusHI) == 20, "DIR_FstClusHI");
+static_assert(offsetof(DirEntry, DIR_WrtTime) == 22, "DIR_WrtTime");
+static_assert(offsetof(DirEntry, DIR_WrtDate) == 24, "DIR_WrtDate");
+static_assert(offsetof(DirEntry, DIR_FstClusLO) == 26, "DIR_FstClusLO");
+static_assert(offsetof(DirEntry, DIR_FileSize) == 28, "DIR_FileSize");
+// The long form shares the attribute byte and the low cluster word.
+static_assert(offsetof(LongDirEntry, LDIR_Attr) == offsetof(DirEntry, DIR_Attr), "attributes shared");
+static_assert(offsetof(LongDirEntry, LDIR_FstClusLO) == offsetof(DirEntry, DIR_FstClusLO), "cluster shared");

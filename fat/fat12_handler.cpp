@@ -1,19 +1,7 @@
 #include "fat/fat12_handler.h"
 
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/error_tag.h"
-
-namespace {
-
-std::uint32_t ReadU16(const unsigned char* at) { return std::uint32_t(at[0]) | std::uint32_t(at[1]) << 8; }
-
-void WriteU16(unsigned char* at, std::uint32_t value) {
-    at[0] = static_cast<unsigned char>(value);
-    at[1] = static_cast<unsigned char>(value >> 8);
-}
-
-}  // namespace
+#include "loader/common/byte_order.h"
+#include "loader/common/raise.h"
 
 unsigned char* FAT12Handler::load() {
     if (!loaded) {
@@ -25,7 +13,7 @@ unsigned char* FAT12Handler::load() {
 }
 
 std::uint32_t FAT12Handler::entry(const unsigned char* data, std::uint32_t cluster) const {
-    std::uint32_t pair = ReadU16(data + cluster * 3 / 2);
+    std::uint32_t pair = Common::LoadLE16(data + cluster * 3 / 2);
     return (cluster & 1) != 0 ? pair >> 4 : pair & 0xFFF;
 }
 
@@ -65,17 +53,17 @@ bool FAT12Handler::find_free(ClusterRun& run) {
 }
 
 void FAT12Handler::set_entry(std::uint32_t cluster, std::uint32_t value) {
-    if (!driver->valid_cluster(cluster)) throw Common::Error(ERROR_TAG, Common::FILE_CORRUPT);
+    if (!driver->valid_cluster(cluster)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     unsigned char* data = load();
     driver->prepare_block_write(table);
     unsigned char* at = data + cluster * 3 / 2;
-    std::uint32_t pair = ReadU16(at);
+    std::uint32_t pair = Common::LoadLE16(at);
     if ((cluster & 1) != 0) {
         pair = (pair & 0xF) | (value << 4);
     } else {
         pair = (pair & 0xF000) | (value & 0xFFF);
     }
-    WriteU16(at, pair);
+    Common::StoreLE16(at, static_cast<std::uint16_t>(pair));
     table.set_dirty();
 }
 
@@ -85,7 +73,9 @@ std::uint32_t FAT12Handler::count_free() {
     std::uint32_t count = 0;
     // Each group of three bytes holds an even entry at its start and an odd
     // one a byte later, so two strides cover all entries without a parity test.
-    for (std::uint32_t offset = 3; offset <= limit; offset += 3) count += (ReadU16(data + offset) & 0xFFF) == 0;
-    for (std::uint32_t offset = 4; offset <= limit; offset += 3) count += ReadU16(data + offset) < 16;
+    for (std::uint32_t offset = 3; offset <= limit; offset += 3) {
+        count += (Common::LoadLE16(data + offset) & 0xFFF) == 0;
+    }
+    for (std::uint32_t offset = 4; offset <= limit; offset += 3) count += Common::LoadLE16(data + offset) < 16;
     return count;
 }

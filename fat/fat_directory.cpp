@@ -8,16 +8,12 @@
 #include "fat/fat_handler.h"
 #include "fat/fat_iterator.h"
 #include "fat/short_name.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace {
 
 const unsigned char kDotName[11] = {'.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 const unsigned char kDotDotName[11] = {'.', '.', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
-
-[[noreturn]] void Raise(std::uint64_t tag, std::uint32_t code, const char16_t* text) {
-    RaiseDriverError(tag, code, text);
-}
 
 }  // namespace
 
@@ -49,45 +45,46 @@ void FATDriver::FATDirectory::read_chain(std::uint32_t first) {
     std::uint64_t seen = 0;
     while (volume->handler->next_run(run)) {
         seen += run.end - run.first;
-        if (seen > volume->cluster_count) Raise(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
+        if (seen > volume->cluster_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         for (std::uint32_t cluster = run.first; cluster != run.end; ++cluster) {
             clusters.push_back(volume->get_block(volume->cluster_sector(cluster), volume->sectors_per_cluster, false));
             last_cluster = cluster;
         }
     }
-    if (clusters.empty()) Raise(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
+    if (clusters.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     entry_count = static_cast<std::uint32_t>(clusters.size()) * entries_per_block;
 }
 
 void FATDriver::FATDirectory::check_dot_entries() {
     auto is_dot = [this](std::uint32_t index, const unsigned char* name) {
         const DirEntry& dot = entry(index);
-        return std::memcmp(dot.name, name, 11) == 0 && (dot.attr & 0x18) == fat_entry::kDirectory;
+        return std::memcmp(dot.name(), name, 11) == 0 &&
+               (dot.attributes() & (fat_entry::kDirectory | fat_entry::kVolumeLabel)) == fat_entry::kDirectory;
     };
     if (entry_count < 2 || !is_dot(0, kDotName) || !is_dot(1, kDotDotName) || entry_cluster(0) != id) {
-        Raise(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
 }
 
 bool FATDriver::FATDirectory::valid_entry(std::uint32_t index) {
     const DirEntry& candidate = entry(index);
     if (candidate.first_byte() == '.' || candidate.is_deleted() || candidate.is_end()) return false;
-    if ((candidate.attr & fat_entry::kVolumeLabel) != 0) return false;
+    if ((candidate.attributes() & fat_entry::kVolumeLabel) != 0) return false;
     return fat()->passes_filter(entry_cluster(index), candidate.size(), candidate.is_directory());
 }
 
 std::uint32_t FATDriver::FATDirectory::long_entries(std::uint32_t index, std::u16string* text) {
-    std::uint8_t sum = ShortName::checksum(entry(index).name);
+    std::uint8_t sum = ShortName::checksum(entry(index).name());
     auto fits = [this](std::uint32_t at, std::uint32_t order) {
         const DirEntry& part = entry(at);
-        return part.is_long() && DirEntry::get16(part.cluster_low) == 0 &&
-               (part.order() & ~fat_entry::kLastLong) == order;
+        return part.is_long() && part.long_form().first_cluster() == 0 &&
+               (part.long_form().order() & ~fat_entry::kLastLong) == order;
     };
     if (index == 0 || !fits(index - 1, 1)) return 0;
     std::uint32_t count = 1;
     for (;;) {
-        const DirEntry& part = entry(index - count);
-        if (part.long_checksum() != sum) return 0;
+        const LongDirEntry& part = entry(index - count).long_form();
+        if (part.checksum() != sum) return 0;
         if ((part.order() & fat_entry::kLastLong) != 0) break;
         if (count == kMaxLongEntries || index - count == 0 || !fits(index - count - 1, count + 1)) return 0;
         ++count;
@@ -95,9 +92,9 @@ std::uint32_t FATDriver::FATDirectory::long_entries(std::uint32_t index, std::u1
     if (text != nullptr) {
         text->clear();
         for (std::uint32_t n = 1; n <= count; ++n) {
-            const DirEntry& part = entry(index - n);
+            const LongDirEntry& part = entry(index - n).long_form();
             for (std::uint32_t k = 0; k < fat_entry::kUnitsPerLong; ++k) {
-                char16_t unit = part.long_unit(k);
+                char16_t unit = part.unit(k);
                 if (unit == 0) return count;
                 text->push_back(unit);
             }
@@ -107,12 +104,12 @@ std::uint32_t FATDriver::FATDirectory::long_entries(std::uint32_t index, std::u1
 }
 
 std::u16string FATDriver::FATDirectory::short_text(std::uint32_t index) {
-    return ShortName::to_text(reinterpret_cast<const unsigned char*>(&entry(index)));
+    return ShortName::to_text(entry(index));
 }
 
 std::uint32_t FATDriver::FATDirectory::search_short(const unsigned char* name11, std::uint32_t skip) {
     for (std::uint32_t index = 0; index < entry_count && !entry(index).is_end(); ++index) {
-        if (index != skip && valid_entry(index) && std::memcmp(entry(index).name, name11, 11) == 0) return index;
+        if (index != skip && valid_entry(index) && std::memcmp(entry(index).name(), name11, 11) == 0) return index;
     }
     return kNone;
 }
@@ -146,7 +143,7 @@ std::uint32_t FATDriver::FATDirectory::find_entry(const std::u16string& name) {
 
 std::uint32_t FATDriver::FATDirectory::entry_of(const file_identifier& identifier) {
     auto* known = dynamic_cast<const the_identifier*>(&identifier);
-    if (known == nullptr || known->key() == nullptr) Raise(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    if (known == nullptr || known->key() == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     std::uint32_t found = search_short(known->key(), kNone);
     if (found == kNone) throw FileNotFound(ERROR_TAG);
     return found;
@@ -171,7 +168,7 @@ FileSystemDriver::IteratorObject* FATDriver::FATDirectory::find(const file_ident
 
 std::uint32_t FATDriver::FATDirectory::lookup_directory(const std::u16string& name) {
     std::uint32_t index = find_entry(name);
-    if (!entry(index).is_directory()) Raise(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    if (!entry(index).is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     std::uint32_t cluster = entry_cluster(index);
     return cluster == fat()->root_cluster ? 0 : cluster;
 }
@@ -183,7 +180,7 @@ FileSystemDriver::FileObject* FATDriver::FATDirectory::open_file(const std::u16s
 FileSystemDriver::FileObject* FATDriver::FATDirectory::open_file(IteratorObject& entry) {
     auto* walker = dynamic_cast<FATIterator*>(&entry);
     if (walker == nullptr || walker->directory != this || walker->index >= entry_count) {
-        Raise(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     return open_entry(walker->index);
 }
@@ -199,9 +196,9 @@ FATDriver::FATFile* FATDriver::FATDirectory::open_entry(std::uint32_t index) {
 }
 
 void FATDriver::FATDirectory::link_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
-    Raise(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }
 
 void FATDriver::FATDirectory::symlink_entry(const std::u16string&, const std::u16string&) {
-    Raise(ERROR_TAG, Common::FILE_UNSUPPORTED, Common::Messages::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }

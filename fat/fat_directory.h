@@ -11,14 +11,8 @@
 
 #include "fat/dir_entry.h"
 #include "fat/fat_driver.h"
+#include "fat/fat_errors.h"
 #include "fsdriver/directory_object.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-
-class FATDriver::FileNotFound : public Common::Error {
-public:
-    explicit FileNotFound(std::uint64_t tag) : Common::Error(tag, Common::FILE_NOT_FOUND) {}
-};
 
 class FATDriver::FATDirectory : public FileSystemDriver::DirectoryObject {
 public:

@@ -9,17 +9,13 @@
 #include "fat/fat_file.h"
 #include "fat/fat_handler.h"
 #include "fat/short_name.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace {
 
 constexpr std::uint32_t kMaxNameUnits = 255;
 constexpr std::uint32_t kBaseBytes = 8;
 constexpr std::uint8_t kSettableAttributes = 0x27;  // read-only, hidden, system, archive
-
-[[noreturn]] void Raise(std::uint64_t tag, std::uint32_t code, const char16_t* text) {
-    RaiseDriverError(tag, code, text);
-}
 
 // Any spread of values serves for the tail of a short name; it needs no
 // quality, only to move on from one call to the next.
@@ -47,7 +43,7 @@ bool FATDriver::FATDirectory::try_digit(unsigned char name[11], std::uint32_t pl
     bool used[10] = {};
     for (std::uint32_t index = 0; index < entry_count && !entry(index).is_end(); ++index) {
         if (index == skip || !valid_entry(index)) continue;
-        const unsigned char* other = entry(index).name;
+        const unsigned char* other = entry(index).name();
         unsigned char digit = other[place];
         if (digit < '1' || digit > '9') continue;
         name[place] = digit;
@@ -80,10 +76,10 @@ bool FATDriver::FATDirectory::make_short_name(const std::u16string& name, std::u
 }
 
 std::uint32_t FATDriver::FATDirectory::add_entry(const std::u16string& name, std::uint32_t skip) {
-    if (name.size() > kMaxNameUnits) Raise(ERROR_TAG, Common::FILE_CREATE, Common::Messages::FILE_CREATE);
+    if (name.size() > kMaxNameUnits) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
     DirEntry short_entry;
     std::memset(&short_entry, 0, sizeof(short_entry));
-    bool needs_long = make_short_name(name, skip, short_entry.name);
+    bool needs_long = make_short_name(name, skip, short_entry.name());
     if (!needs_long) return add_entries(&short_entry, 1);
 
     std::u16string units = name;
@@ -92,15 +88,13 @@ std::uint32_t FATDriver::FATDirectory::add_entry(const std::u16string& name, std
     const std::uint32_t longs = static_cast<std::uint32_t>(units.size() / fat_entry::kUnitsPerLong);
     std::vector<DirEntry> buffer(longs + 1);
     std::memset(buffer.data(), 0, buffer.size() * sizeof(DirEntry));
-    const std::uint8_t sum = ShortName::checksum(short_entry.name);
+    const std::uint8_t sum = ShortName::checksum(short_entry.name());
     // The long entries stand in reverse order: the one that ends the name first.
     for (std::uint32_t order = 1; order <= longs; ++order) {
-        DirEntry& part = buffer[longs - order];
-        part.name[0] = static_cast<unsigned char>(order == longs ? order | fat_entry::kLastLong : order);
-        part.attr = fat_entry::kLongName;
-        part.create_tenths = sum;
+        LongDirEntry& part = buffer[longs - order].long_form();
+        part.set_header(static_cast<std::uint8_t>(order == longs ? order | fat_entry::kLastLong : order), sum);
         for (std::uint32_t k = 0; k < fat_entry::kUnitsPerLong; ++k) {
-            part.set_long_unit(k, units[(order - 1) * fat_entry::kUnitsPerLong + k]);
+            part.set_unit(k, units[(order - 1) * fat_entry::kUnitsPerLong + k]);
         }
     }
     buffer[longs] = short_entry;
@@ -144,7 +138,7 @@ std::uint32_t FATDriver::FATDirectory::add_entries(const DirEntry* entries, std:
     bool at_end_mark = false;
     std::uint32_t place = find_place(count, at_end_mark);
     if (last_cluster == 0 && std::uint64_t(place) + count > entry_count) {
-        Raise(ERROR_TAG, Common::FILE_CREATE, Common::Messages::FILE_CREATE);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
     }
     open_gate();
     while (place + count > entry_count) grow();
@@ -154,16 +148,16 @@ std::uint32_t FATDriver::FATDirectory::add_entries(const DirEntry* entries, std:
     std::uint16_t date = 0, time = 0;
     std::uint8_t tenths = 0;
     EntryTime::to_disk(EntryTime::now(), date, time, tenths);
-    created.create_tenths = tenths;
-    DirEntry::put16(created.create_time, time);
-    DirEntry::put16(created.create_date, date);
-    DirEntry::put16(created.access_date, date);
-    DirEntry::put16(created.modify_date, date);
-    DirEntry::put16(created.modify_time, time);
+    created.set_create_tenths(tenths);
+    created.set_create_time(time);
+    created.set_create_date(date);
+    created.set_access_date(date);
+    created.set_modify_date(date);
+    created.set_modify_time(time);
 
     std::uint32_t last_changed = place + count - 1;
     if (at_end_mark && place + count < entry_count) {
-        entry(place + count).name[0] = 0;
+        entry(place + count).mark_end();
         last_changed = place + count;
     }
     for (std::uint32_t block = place / entries_per_block; block <= last_changed / entries_per_block; ++block) {
@@ -176,7 +170,7 @@ void FATDriver::FATDirectory::remove_entry(std::uint32_t index) {
     std::uint32_t longs = long_entries(index, nullptr);
     open_gate();
     for (std::uint32_t at = index - longs; at <= index; ++at) {
-        entry(at).name[0] = fat_entry::kDeleted;
+        entry(at).mark_deleted();
         set_dirty(at);
     }
 }
@@ -184,7 +178,7 @@ void FATDriver::FATDirectory::remove_entry(std::uint32_t index) {
 FileSystemDriver::FileObject* FATDriver::FATDirectory::create_file(const std::u16string& name) {
     std::uint32_t index = search_entry(name);
     if (index != kNone && open_files.count(index) != 0) {
-        Raise(ERROR_TAG, Common::FILE_CREATE, Common::Messages::FILE_CREATE);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
     }
     if (index == kNone) index = add_entry(name, kNone);
     std::unique_ptr<FATFile> file(new FATFile(this, index));
@@ -195,7 +189,7 @@ FileSystemDriver::FileObject* FATDriver::FATDirectory::create_file(const std::u1
 
 void FATDriver::FATDirectory::remove_file(const std::u16string& name) {
     std::uint32_t index = find_entry(name);
-    if (!entry(index).is_plain_file()) Raise(ERROR_TAG, Common::FILE_DELETE, Common::Messages::FILE_DELETE);
+    if (!entry(index).is_plain_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     std::uint32_t cluster = entry_cluster(index);
     remove_entry(index);
     fat()->free_chain(cluster);
@@ -209,7 +203,7 @@ void FATDriver::FATDirectory::remove_directory_entry(const std::u16string& name)
 }
 
 void FATDriver::FATDirectory::make_directory(const std::u16string& name) {
-    if (search_entry(name) != kNone) Raise(ERROR_TAG, Common::FILE_EXISTS, Common::Messages::FILE_EXISTS);
+    if (search_entry(name) != kNone) Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
     FATDriver* volume = fat();
     open_gate();
     std::uint32_t cluster = volume->alloc_cluster();
@@ -217,11 +211,12 @@ void FATDriver::FATDirectory::make_directory(const std::u16string& name) {
         BlockHandle block = volume->get_block(volume->cluster_sector(cluster), volume->sectors_per_cluster, true);
         std::memset(block.data(), 0, volume->cluster_bytes());
         auto* dots = reinterpret_cast<DirEntry*>(block.data());
-        std::memset(dots[0].name, ' ', 11);
-        std::memset(dots[1].name, ' ', 11);
-        dots[0].name[0] = '.';
-        dots[1].name[0] = dots[1].name[1] = '.';
-        dots[0].attr = dots[1].attr = fat_entry::kDirectory;
+        std::memset(dots[0].name(), ' ', 11);
+        std::memset(dots[1].name(), ' ', 11);
+        dots[0].name()[0] = '.';
+        dots[1].name()[0] = dots[1].name()[1] = '.';
+        dots[0].set_attributes(fat_entry::kDirectory);
+        dots[1].set_attributes(fat_entry::kDirectory);
         dots[0].set_cluster(cluster);
         dots[1].set_cluster(id);
         block.set_dirty();
@@ -234,7 +229,7 @@ void FATDriver::FATDirectory::make_directory(const std::u16string& name) {
         volume->free_chain(cluster);
         throw;
     }
-    entry(index).attr = fat_entry::kDirectory;
+    entry(index).set_attributes(fat_entry::kDirectory);
     entry(index).set_cluster(cluster);
     set_dirty(index);
 }
@@ -243,11 +238,11 @@ void FATDriver::FATDirectory::rename_entry(const std::u16string& name, Directory
                                            const std::u16string& new_name) {
     std::uint32_t index = find_entry(name);
     auto* to = dynamic_cast<FATDirectory*>(&target);
-    if (to == nullptr) Raise(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+    if (to == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     const bool same = to == this;
-    if (!same && open_files.count(index) != 0) Raise(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+    if (!same && open_files.count(index) != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     std::uint32_t hit = to->search_entry(new_name);
-    if (hit != kNone && !(same && hit == index)) Raise(ERROR_TAG, Common::FILE_EXISTS, Common::Messages::FILE_EXISTS);
+    if (hit != kNone && !(same && hit == index)) Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
 
     FATDirectory* moved = nullptr;
     if (!same && entry(index).is_directory()) {
@@ -262,10 +257,10 @@ void FATDriver::FATDirectory::rename_entry(const std::u16string& name, Directory
     if (moved != nullptr) ++moved->references;
 
     std::uint32_t new_index = to->add_entry(new_name, same ? index : kNone);
-    const unsigned char* from = reinterpret_cast<const unsigned char*>(&entry(index));
-    unsigned char* into = reinterpret_cast<unsigned char*>(&to->entry(new_index));
-    std::memcpy(into + 11, from + 11, 21);
-    into[12] = 0;
+    // The case flags told the case of the old short name, not of the new one.
+    DirEntry& moved_entry = to->entry(new_index);
+    moved_entry.copy_all_but_name(entry(index));
+    moved_entry.set_case_flags(0);
     to->set_dirty(new_index);
     remove_entry(index);
 
@@ -287,17 +282,17 @@ void FATDriver::FATDirectory::set_attributes(const std::u16string& name, std::ui
     std::uint32_t index = find_entry(name);
     DirEntry& changed = entry(index);
     std::uint8_t attributes =
-        static_cast<std::uint8_t>((value & kSettableAttributes) | (changed.attr & ~kSettableAttributes));
-    if (attributes == changed.attr) return;
+        static_cast<std::uint8_t>((value & kSettableAttributes) | (changed.attributes() & ~kSettableAttributes));
+    if (attributes == changed.attributes()) return;
     open_gate();
-    changed.attr = attributes;
+    changed.set_attributes(attributes);
     set_dirty(index);
 }
 
 void FATDriver::FATDirectory::rewrite_checksums(std::uint32_t index, std::uint32_t longs) {
-    std::uint8_t sum = ShortName::checksum(entry(index).name);
+    std::uint8_t sum = ShortName::checksum(entry(index).name());
     for (std::uint32_t at = index - longs; at < index; ++at) {
-        entry(at).create_tenths = sum;
+        entry(at).long_form().set_checksum(sum);
         set_dirty(at);
     }
     set_dirty(index);
@@ -307,26 +302,26 @@ void FATDriver::FATDirectory::set_short_name(const std::u16string& name, const s
     std::uint32_t index = find_entry(name);
     unsigned char wanted[11];
     if (!ShortName::to_short_name(short_name, wanted)) {
-        Raise(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     }
-    if (std::memcmp(entry(index).name, wanted, 11) == 0) return;
+    if (std::memcmp(entry(index).name(), wanted, 11) == 0) return;
     std::uint32_t longs = long_entries(index, nullptr);
-    if (longs == 0) Raise(ERROR_TAG, Common::FILE_RENAME, Common::Messages::FILE_RENAME);
+    if (longs == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     std::uint32_t other = search_short(wanted, index);
     std::u16string other_name;
     std::uint32_t other_longs = 0;
     if (other != kNone) {
         other_longs = long_entries(other, &other_name);
-        if (other_longs == 0) Raise(ERROR_TAG, Common::FILE_EXISTS, Common::Messages::FILE_EXISTS);
+        if (other_longs == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
     }
     open_gate();
-    std::memcpy(entry(index).name, wanted, 11);
+    std::memcpy(entry(index).name(), wanted, 11);
     rewrite_checksums(index, longs);
     if (other != kNone) {
         // The other entry gives its short name up and takes a new one.
         unsigned char remade[11];
         make_short_name(other_name, other, remade);
-        std::memcpy(entry(other).name, remade, 11);
+        std::memcpy(entry(other).name(), remade, 11);
         rewrite_checksums(other, other_longs);
     }
 }

@@ -4,26 +4,13 @@
 #include <cstring>
 
 #include "fat/fat_directory.h"
+#include "fat/fat_errors.h"
 #include "fat/fat_handler.h"
 #include "fat/fat_text.h"
-#include "fsdriver/driver_error.h"
+#include "fat/fsinfo_sector.h"
 #include "fsdriver/cached_block.h"
 #include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/error_tag.h"
-
-namespace {
-
-constexpr std::uint32_t kFSInfoLead = 0x41615252;
-constexpr std::uint32_t kFSInfoStruct = 0x61417272;
-constexpr std::uint32_t kFSInfoTrail = 0xAA55;
-constexpr std::uint32_t kFSInfoFreeCount = 488;
-
-std::uint32_t ReadU32(const unsigned char* at) {
-    return std::uint32_t(at[0]) | std::uint32_t(at[1]) << 8 | std::uint32_t(at[2]) << 16 | std::uint32_t(at[3]) << 24;
-}
-
-}  // namespace
+#include "loader/common/raise.h"
 
 FATDriver::~FATDriver() {
     // A destructor has nobody to tell: a free count that can't be written
@@ -42,14 +29,14 @@ void FATDriver::write_free_count() {
     std::uint32_t count = free_cluster_count(true);
     BlockHandle info = get_block(fsinfo_sector, 1, false);
     prepare_block_write(info);
-    unsigned char* at = info.data() + kFSInfoFreeCount;
-    for (int i = 0; i < 4; ++i) at[i] = static_cast<unsigned char>(count >> (8 * i));
+    // Only the count changes; the rest of the sector stays as it was.
+    reinterpret_cast<FATFSInfoSector*>(info.data())->set_free_count(count);
     info.set_dirty();
 }
 
 std::uint32_t FATDriver::alloc_cluster() {
     if (alloc_run.first == alloc_run.end && !handler->find_free(alloc_run)) {
-        throw Common::Error(ERROR_TAG, Common::FILE_DISK_FULL);
+        throw FileDiskFull(ERROR_TAG);
     }
     std::uint32_t cluster = alloc_run.first;
     // A new cluster is always an end of chain; the caller links it.
@@ -74,14 +61,12 @@ void FATDriver::free_chain(std::uint32_t first) {
 std::uint32_t FATDriver::free_cluster_count(bool strict) {
     if (fsinfo_sector != 0 && !free_valid) {
         BlockHandle info = get_block(fsinfo_sector, 1, false);
-        const unsigned char* data = info.data();
-        bool good = sector_size >= 512 && ReadU32(data) == kFSInfoLead && ReadU32(data + 484) == kFSInfoStruct &&
-                    (ReadU32(data + 508) >> 16) == kFSInfoTrail;
-        if (!good) {
+        const auto* record = reinterpret_cast<const FATFSInfoSector*>(info.data());
+        if (sector_size < 512 || !record->has_signatures()) {
             fsinfo_sector = 0;
-            if (strict) throw Common::Error(ERROR_TAG, Common::FILE_CORRUPT);
+            if (strict) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         } else {
-            std::uint32_t recorded = ReadU32(data + kFSInfoFreeCount);
+            std::uint32_t recorded = record->free_count();
             // Allocations and frees made before this first look stay counted.
             free_count = recorded + free_count - free_baseline;
             free_baseline = recorded;
@@ -152,8 +137,9 @@ void FATDriver::label(char16_t* buffer, std::uint32_t capacity) {
     auto* root = static_cast<FATDirectory*>(get_object(0));
     for (std::uint32_t index = 0; index < root->entry_count && !root->entry(index).is_end(); ++index) {
         const DirEntry& candidate = root->entry(index);
-        if (!candidate.is_deleted() && (candidate.attr & fat_entry::kVolumeLabel) != 0 && !candidate.is_long()) {
-            bytes = candidate.name;
+        if (!candidate.is_deleted() && (candidate.attributes() & fat_entry::kVolumeLabel) != 0 &&
+            !candidate.is_long()) {
+            bytes = candidate.name();
             break;
         }
     }
@@ -183,6 +169,6 @@ int FATDriver::compare_identifiers(const file_identifier& a, const file_identifi
 void FATDriver::normalize_path(std::u16string& path) { FATText::text_upper(path); }
 
 FileSystemDriver::DirectoryObject* FATDriver::open_directory(std::uint32_t id) {
-    if (id != 0 && !valid_cluster(id)) RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+    if (id != 0 && !valid_cluster(id)) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return new FATDirectory(this, id);
 }

@@ -10,6 +10,8 @@
 #include "fat/cluster_run.h"
 #include "fsdriver/file_system_driver_windows.h"
 
+struct FATBootSector;
+
 class FATDriver : public FileSystemDriverWindows {
 public:
     class FATHandler;
@@ -20,8 +22,10 @@ public:
     class FATText;
     class ShortName;
     class EntryTime;
-    // The miss of a name lookup, which some callers expect.
+    // The miss of a name lookup, which some callers expect, and the want
+    // of a free cluster: the failures raised as their own class.
     class FileNotFound;
+    class FileDiskFull;
 
     // The mount. `boot_sector` is sector 0 of the volume or null; with
     // `filter_bits` only entries whose clusters have their bit set are
@@ -39,7 +43,7 @@ public:
     bool valid_cluster(std::uint32_t cluster) const { return cluster - 2 < cluster_count; }
 
     // One cluster, marked as an end of chain; the caller links it.
-    // FILE_DISK_FULL when none is free.
+    // FileDiskFull when none is free.
     std::uint32_t alloc_cluster();
     // Frees every cluster of the chain that starts at `first`, and forgets
     // their cached data so that it is never written over a new owner.
@@ -95,8 +99,8 @@ protected:
 private:
     void write_free_count();
     // The mount's steps; each raises FILE_CORRUPT on a refusal.
-    void read_geometry(const unsigned char* boot);
-    void read_fat32_geometry(const unsigned char* boot, std::uint64_t total);
-    void read_fat16_geometry(const unsigned char* boot, std::uint64_t total);
+    void read_geometry(const FATBootSector& boot);
+    void read_fat32_geometry(const FATBootSector& boot, std::uint64_t total);
+    void read_fat16_geometry(const FATBootSector& boot, std::uint64_t total);
     void check_device_size() const;
 };

@@ -5,7 +5,7 @@
 
 #include "fat/entry_time.h"
 #include "fat/fat_handler.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace {
 
@@ -13,20 +13,12 @@ constexpr std::uint64_t kNegative = 1ull << 63;  // positions from here on are n
 constexpr std::uint64_t kFourGiB = 1ull << 32;
 constexpr std::uint32_t kEndOfChain = 0xFFFFFFFF;
 
-[[noreturn]] void Corrupt(std::uint64_t tag) {
-    RaiseDriverError(tag, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
-}
-
-[[noreturn]] void WriteFailure(std::uint64_t tag) {
-    RaiseDriverError(tag, Common::FILE_WRITE, Common::Messages::FILE_WRITE);
-}
-
 }  // namespace
 
 FATDriver::FATFile::FATFile(FATDirectory* directory, std::uint32_t index) : index(index), directory(directory) {
     const DirEntry& found = directory->entry(index);
     if (!found.is_plain_file() || found.is_deleted() || found.is_end()) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     byte_size = found.size();
     run_next = first_cluster();
@@ -49,7 +41,7 @@ void FATDriver::FATFile::restart_run() {
 
 void FATDriver::FATFile::fetch_run() {
     ClusterRun run{0, 0, run_next};
-    if (!volume()->handler->next_run(run)) Corrupt(ERROR_TAG);
+    if (!volume()->handler->next_run(run)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if (run_end != run_first && run.first == run_end) {
         run_end = run.end;
     } else {
@@ -63,7 +55,7 @@ void FATDriver::FATFile::fetch_run() {
 void FATDriver::FATFile::seek_run(std::uint32_t cluster) {
     if (cluster < run_index || run_end == run_first) restart_run();
     while (run_limit() < cluster) {
-        if (!volume()->valid_cluster(run_next)) Corrupt(ERROR_TAG);
+        if (!volume()->valid_cluster(run_next)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         fetch_run();
     }
 }
@@ -100,7 +92,7 @@ std::uint32_t FATDriver::FATFile::cluster_at(std::uint32_t cluster, bool grow) {
     for (;;) {
         if (cluster < run_limit()) return run_first + (cluster - run_index);
         if (!volume()->valid_cluster(run_next)) {
-            if (!grow) Corrupt(ERROR_TAG);
+            if (!grow) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
             append_cluster();
             continue;
         }
@@ -222,7 +214,7 @@ void FATDriver::FATFile::write(const void* buffer, std::uint64_t position, std::
                                std::uint64_t& written) {
     written = 0;
     if (size == 0) return;
-    if (position >= kNegative) WriteFailure(ERROR_TAG);
+    if (position >= kNegative) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     if (position > byte_size) set_size(position);
     FATDriver* owner = volume();
     const std::uint64_t limit = std::max<std::uint64_t>(byte_size, kFourGiB - owner->sector_size);
@@ -271,7 +263,7 @@ void FATDriver::FATFile::set_size(std::uint64_t size) {
         return;
     }
     FATDriver* owner = volume();
-    if (size > kFourGiB - owner->sector_size) WriteFailure(ERROR_TAG);
+    if (size > kFourGiB - owner->sector_size) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     directory->open_gate();
     changed = true;
     const std::uint32_t cluster_bytes = owner->cluster_bytes();
@@ -316,9 +308,9 @@ void FATDriver::FATFile::flush_file() {
     std::uint16_t date = record.modify_date_value(), time = record.modify_time_value();
     std::uint8_t tenths = 0;
     EntryTime::to_disk(EntryTime::now(), date, time, tenths);
-    DirEntry::put16(record.modify_date, date);
-    DirEntry::put16(record.modify_time, time);
-    DirEntry::put16(record.access_date, date);
+    record.set_modify_date(date);
+    record.set_modify_time(time);
+    record.set_access_date(date);
     directory->set_dirty(index);
     changed = false;
 }
@@ -329,26 +321,26 @@ void FATDriver::FATFile::set_times(std::uint64_t modified, std::uint64_t created
     std::uint16_t date = record.modify_date_value(), time = record.modify_time_value();
     std::uint8_t tenths = 0;
     EntryTime::to_disk(static_cast<file_time>(modified), date, time, tenths);
-    DirEntry::put16(record.modify_date, date);
-    DirEntry::put16(record.modify_time, time);
+    record.set_modify_date(date);
+    record.set_modify_time(time);
     date = record.create_date_value();
     time = record.create_time_value();
-    tenths = record.create_tenths;
+    tenths = record.create_tenths();
     EntryTime::to_disk(static_cast<file_time>(created), date, time, tenths);
-    DirEntry::put16(record.create_date, date);
-    DirEntry::put16(record.create_time, time);
-    record.create_tenths = tenths;
+    record.set_create_date(date);
+    record.set_create_time(time);
+    record.set_create_tenths(tenths);
     date = record.access_date_value();
     time = 0;
     EntryTime::to_disk(static_cast<file_time>(accessed), date, time, tenths);
-    DirEntry::put16(record.access_date, date);
+    record.set_access_date(date);
     directory->set_dirty(index);
 }
 
 std::uint64_t FATDriver::FATFile::sector_at(std::uint64_t position) {
     FATDriver* owner = volume();
     if (position >= byte_size || position % owner->sector_size != 0) {
-        RaiseDriverError(ERROR_TAG, Common::FILE_EOF, Common::Messages::FILE_EOF);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_EOF);
     }
     const std::uint32_t cluster_bytes = owner->cluster_bytes();
     std::uint32_t cluster = cluster_at(static_cast<std::uint32_t>(position / cluster_bytes), false);

@@ -2,7 +2,7 @@
 
 #include "fat/entry_time.h"
 #include "fat/fat_handler.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ const std::u16string& FATDriver::FATIterator::load_short_text() {
 file_identifier* FATDriver::FATIterator::identifier() {
     if (!on_entry()) return nullptr;
     std::u16string shown = current().is_directory() ? name() : std::u16string();
-    return new the_identifier(shown.c_str(), current().name, 11);
+    return new the_identifier(shown.c_str(), current().name(), 11);
 }
 
 std::u16string FATDriver::FATIterator::name() {
@@ -71,9 +71,7 @@ std::uint64_t FATDriver::FATIterator::allocated_size() {
     ClusterRun run{0, 0, directory->entry_cluster(index)};
     while (volume->handler->next_run(run)) {
         clusters += run.end - run.first;
-        if (clusters > volume->cluster_count) {
-            RaiseDriverError(ERROR_TAG, Common::FILE_CORRUPT, Common::Messages::FILE_CORRUPT);
-        }
+        if (clusters > volume->cluster_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
     return clusters * cluster_bytes;
 }
@@ -90,7 +88,7 @@ file_time FATDriver::FATIterator::modified() {
 file_time FATDriver::FATIterator::created() {
     if (!on_entry()) return 0;
     return EntryTime::from_disk(current().create_date_value(), current().create_time_value(),
-                                current().create_tenths);
+                                current().create_tenths());
 }
 
 file_time FATDriver::FATIterator::accessed() {
@@ -98,7 +96,7 @@ file_time FATDriver::FATIterator::accessed() {
     return EntryTime::from_disk(current().access_date_value(), 0, 0);
 }
 
-bool FATDriver::FATIterator::hidden() { return !on_entry() || (current().attr & fat_entry::kHidden) != 0; }
+bool FATDriver::FATIterator::hidden() { return !on_entry() || (current().attributes() & fat_entry::kHidden) != 0; }
 
 std::uint64_t FATDriver::FATIterator::object_id() {
     if (!on_entry()) return 0;
@@ -113,4 +111,4 @@ std::uint64_t FATDriver::FATIterator::first_sector() {
     return volume->valid_cluster(cluster) ? volume->cluster_sector(cluster) : 0;
 }
 
-std::uint32_t FATDriver::FATIterator::attributes() { return on_entry() ? current().attr : 0xFFFFFFFFu; }
+std::uint32_t FATDriver::FATIterator::attributes() { return on_entry() ? current().attributes() : 0xFFFFFFFFu; }

@@ -1,8 +1,7 @@
 #include "fat/fatxx_handler.h"
 
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/error_tag.h"
+#include "loader/common/byte_order.h"
+#include "loader/common/raise.h"
 
 template <typename T, unsigned long Mask>
 unsigned char* FATXXHandler<T, Mask>::entry_at(std::uint32_t cluster) {
@@ -19,8 +18,7 @@ unsigned char* FATXXHandler<T, Mask>::entry_at(std::uint32_t cluster) {
 template <typename T, unsigned long Mask>
 std::uint32_t FATXXHandler<T, Mask>::entry(std::uint32_t cluster) {
     const unsigned char* at = entry_at(cluster);
-    std::uint32_t value = std::uint32_t(at[0]) | std::uint32_t(at[1]) << 8;
-    if (kEntryBytes == 4) value |= std::uint32_t(at[2]) << 16 | std::uint32_t(at[3]) << 24;
+    std::uint32_t value = kEntryBytes == 4 ? Common::LoadLE32(at) : Common::LoadLE16(at);
     return value & kMask;
 }
 
@@ -69,16 +67,15 @@ bool FATXXHandler<T, Mask>::find_free(ClusterRun& run) {
 
 template <typename T, unsigned long Mask>
 void FATXXHandler<T, Mask>::set_entry(std::uint32_t cluster, std::uint32_t value) {
-    if (!driver->valid_cluster(cluster)) throw Common::Error(ERROR_TAG, Common::FILE_CORRUPT);
+    if (!driver->valid_cluster(cluster)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     unsigned char* at = entry_at(cluster);
     driver->prepare_block_write(cached_block);
     // The upper 4 bits of a 32-bit entry are cleared, not kept.
     value &= kMask;
-    at[0] = static_cast<unsigned char>(value);
-    at[1] = static_cast<unsigned char>(value >> 8);
     if (kEntryBytes == 4) {
-        at[2] = static_cast<unsigned char>(value >> 16);
-        at[3] = static_cast<unsigned char>(value >> 24);
+        Common::StoreLE32(at, value);
+    } else {
+        Common::StoreLE16(at, static_cast<std::uint16_t>(value));
     }
     cached_block.set_dirty();
 }

@@ -2,22 +2,18 @@
 
 #include <cstring>
 
+#include "fat/dir_entry.h"
 #include "fat/fat_text.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 
 namespace {
 
 constexpr std::size_t kNameBytes = 8;
 constexpr std::size_t kShortNameBytes = 11;
-constexpr unsigned char kDeletedMark = 0xE5;
 // A name whose first byte really is 0xE5 is stored with 0x05 in its place,
 // since 0xE5 there marks a deleted entry.
-constexpr unsigned char kDeletedMarkStandIn = 0x05;
-constexpr unsigned char kLowerCaseName = 0x08;
-constexpr unsigned char kLowerCaseExtension = 0x10;
-constexpr std::size_t kCaseFlagsOffset = 12;
+constexpr unsigned char kDeletedMark = fat_entry::kDeleted;
+constexpr unsigned char kDeletedMarkStandIn = fat_entry::kKanjiE5;
 
 bool IsOneOf(unsigned char byte, const char* set) {
     for (; *set != 0; ++set) {
@@ -106,7 +102,7 @@ private:
     std::string filter(const std::string& bytes) {
         auto first = static_cast<unsigned char>(bytes[0]);
         if (IsRefusedByte(first)) {
-            throw Common::Error(ERROR_TAG, Common::FILE_CREATE, Common::Messages::FILE_CREATE);
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
         }
         if (first == ' ' || first == '.') {
             basis_.exact = false;
@@ -215,19 +211,26 @@ FATDriver::ShortName::Basis FATDriver::ShortName::build_short_name(const std::u1
     return basis;
 }
 
-std::u16string FATDriver::ShortName::to_text(const unsigned char* entry) {
+std::u16string FATDriver::ShortName::to_text(const DirEntry& entry) {
     unsigned char name[kNameBytes];
-    std::memcpy(name, entry, kNameBytes);
+    std::memcpy(name, entry.name(), kNameBytes);
     if (name[0] == kDeletedMarkStandIn) name[0] = kDeletedMark;
-    unsigned char flags = entry[kCaseFlagsOffset];
+    const std::uint8_t flags = entry.case_flags();
     std::u16string text;
-    if (!DecodeField(name, kNameBytes, (flags & kLowerCaseName) != 0, text) || text.empty()) return std::u16string();
+    if (!DecodeField(name, kNameBytes, (flags & fat_entry::kLowerBase) != 0, text) || text.empty()) {
+        return std::u16string();
+    }
     std::u16string extension;
-    if (!DecodeField(entry + kNameBytes, kShortNameBytes - kNameBytes, (flags & kLowerCaseExtension) != 0, extension)) {
+    if (!DecodeField(entry.name() + kNameBytes, kShortNameBytes - kNameBytes, (flags & fat_entry::kLowerExtension) != 0,
+                     extension)) {
         return std::u16string();
     }
     if (!extension.empty()) text += u'.' + extension;
     return text;
+}
+
+std::u16string FATDriver::ShortName::to_text(const unsigned char* entry) {
+    return to_text(*reinterpret_cast<const DirEntry*>(entry));
 }
 
 std::uint8_t FATDriver::ShortName::checksum(const unsigned char name[11]) {

@@ -7,6 +7,8 @@
 
 #include "fat/fat_driver.h"
 
+struct DirEntry;
+
 class FATDriver::ShortName {
 public:
     // The start of a short name for a new entry, before a "~N" tail makes
@@ -23,8 +25,10 @@ public:
     static bool to_short_name(const std::u16string& name, unsigned char out[11]);
     // Raises FILE_CREATE for a character no short name may hold.
     static Basis build_short_name(const std::u16string& name);
-    // The display text of a 32-byte directory entry's short name (bytes 0 to
-    // 10, and the case flags at byte 12); empty on failure.
+    // The display text of a short entry's name, with the case its case
+    // flags ask for; empty on failure. The second form takes the entry's
+    // 32 bytes as they lie in a buffer.
+    static std::u16string to_text(const DirEntry& entry);
     static std::u16string to_text(const unsigned char* entry);
     // The checksum that binds long name entries to their short entry.
     static std::uint8_t checksum(const unsigned char name[11]);
