@@ -151,12 +151,11 @@ bool KeepsHandle(const Collected& entry, std::uint32_t mode) {
     if (entry.path == nullptr) return false;
     const std::uint8_t* node = LastDevicePathNode(entry.path);
     if (node == nullptr) return false;
-    if (!Uefi::IsKnownNode(node[0], node[1])) return false;
-    if (node[0] == Uefi::kMediaDevicePath && node[1] == Uefi::kHardDriveSubtype) {
-        std::uint16_t length = static_cast<std::uint16_t>(node[2] | (node[3] << 8));
-        if (length < Uefi::kHardDriveNodeSize) return false;
-        std::uint32_t partition = 0;
-        for (int i = 3; i >= 0; --i) partition = (partition << 8) | node[4 + i];
+    const Uefi::DevicePathHeader& header = Uefi::NodeHeaderAt(node);
+    if (!Uefi::IsKnownNode(header.Type, header.SubType)) return false;
+    if (header.Type == Uefi::kMediaDevicePath && header.SubType == Uefi::kHardDriveSubtype) {
+        if (header.Length.get() < Uefi::kHardDriveNodeSize) return false;
+        std::uint32_t partition = reinterpret_cast<const Uefi::HardDriveNode*>(node)->PartitionNumber.get();
         if (mode == kWholeMedia) return partition == 0;
         if (mode == kPartitions) return partition != 0;
         return false;

@@ -37,15 +37,16 @@ template <typename Visit>
 bool WalkDevicePath(const void* path, Visit visit) {
     const auto* node = static_cast<const std::uint8_t*>(path);
     std::size_t walked = 0;
-    while (!Uefi::IsEndOfPath(node[0], node[1])) {
-        std::uint16_t length = static_cast<std::uint16_t>(node[2] | (node[3] << 8));
+    for (;;) {
+        const Uefi::DevicePathHeader& header = Uefi::NodeHeaderAt(node);
+        if (Uefi::IsEndOfPath(header.Type, header.SubType)) return true;
+        std::uint16_t length = header.Length.get();
         if (length < Uefi::kNodeHeaderSize) return false;
         walked += length;
         if (walked > kLongestDevicePath) return false;
         if (visit(node, length)) return true;
         node += length;
     }
-    return true;
 }
 
 // The last node in front of the end of a device path the firmware gave, or

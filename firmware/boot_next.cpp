@@ -3,6 +3,7 @@
 #include <boost/make_shared.hpp>
 
 #include "firmware/boot_order.h"
+#include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 
 namespace Uefi {
@@ -15,7 +16,7 @@ Common::Error EntryOfNumberVariable(Variable& variable, boost::shared_ptr<BootEn
     Common::Error error = variable.Get(value, size);
     if (error) return error;
     if (size < 2) return Common::Error(ERROR_TAG, Common::UEFI_NO_VALUE);
-    entry = boost::make_shared<BootEntryImpl>(static_cast<std::uint16_t>(value[0] | (value[1] << 8)));
+    entry = boost::make_shared<BootEntryImpl>(Common::LoadLE16(value));
     return Common::Success;
 }
 
@@ -26,8 +27,8 @@ void BootNextImpl::MakeVariable() {
 Common::Error BootNextImpl::Set(const boost::shared_ptr<BootEntry>& entry) {
     if (!entry) return Common::Error(ERROR_TAG, Common::UEFI_ENTRY_NOT_FOUND);
     MakeVariable();
-    const std::uint16_t number = entry->GetNumber();
-    const std::uint8_t value[2] = {static_cast<std::uint8_t>(number & 0xFF), static_cast<std::uint8_t>(number >> 8)};
+    std::uint8_t value[2];
+    Common::StoreLE16(value, entry->GetNumber());
     return variable->Set(value, sizeof(value));
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <set>
 
+#include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 
 namespace Uefi {
@@ -25,20 +26,18 @@ Common::Error BootOrderImpl::LoadOrder() {
     if (error) return error;
     // An odd last byte is no number.
     for (std::uint32_t at = 0; at + 2 <= size; at += 2) {
-        auto number = static_cast<std::uint16_t>(value[at] | (value[at + 1] << 8));
-        list.push_back(boost::make_shared<BootEntryImpl>(number));
+        list.push_back(boost::make_shared<BootEntryImpl>(Common::LoadLE16(value + at)));
     }
     return Common::Success;
 }
 
 Common::Error BootOrderImpl::SaveOrder() {
     if (!variable) variable = CreateVariable(kGlobalVariable, kBootOrderName, kWritableAttributes);
-    std::vector<std::uint8_t> value;
-    value.reserve(2 * list.size());
+    std::vector<std::uint8_t> value(2 * list.size());
+    std::size_t at = 0;
     for (const auto& entry : list) {
-        std::uint16_t number = entry->GetNumber();
-        value.push_back(static_cast<std::uint8_t>(number & 0xFF));
-        value.push_back(static_cast<std::uint8_t>(number >> 8));
+        Common::StoreLE16(&value[at], entry->GetNumber());
+        at += 2;
     }
     // An empty order is written with size 0, which deletes the variable.
     return variable->Set(value.data(), static_cast<std::uint32_t>(value.size()));

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "loader/common/byte_order.h"
+
 namespace Uefi {
 
 struct ByteCursor {
@@ -24,19 +26,12 @@ struct ByteCursor {
         return true;
     }
 
-    // Little-endian unsigned value of `width` bytes (at most 8), not consumed.
-    bool Peek(std::int32_t width, std::uint64_t& value) const {
-        if (width > 8 || !Has(width)) return false;
-        value = 0;
-        for (std::int32_t i = width - 1; i >= 0; --i) value = (value << 8) | next[i];
-        return true;
-    }
-
+    // A little-endian number of sizeof(T) bytes.
     template <typename T>
     bool Read(T& value) {
-        std::uint64_t raw;
-        if (!Peek(static_cast<std::int32_t>(sizeof(T)), raw)) return false;
-        value = static_cast<T>(raw);
+        static_assert(sizeof(T) <= 8, "numbers of up to 64 bits");
+        if (!Has(static_cast<std::int32_t>(sizeof(T)))) return false;
+        value = static_cast<T>(Common::LoadLittle<std::uint64_t, sizeof(T)>(next));
         next += sizeof(T);
         left -= static_cast<std::int32_t>(sizeof(T));
         return true;
@@ -47,7 +42,7 @@ struct ByteCursor {
     bool ReadString16(std::u16string& text) {
         std::u16string read;
         for (std::int32_t at = 0; at + 2 <= left; at += 2) {
-            char16_t c = static_cast<char16_t>(next[at] | (next[at + 1] << 8));
+            auto c = static_cast<char16_t>(Common::LoadLE16(next + at));
             if (c == 0) {
                 text.swap(read);
                 next += at + 2;

@@ -55,30 +55,34 @@ static_assert(sizeof(KnownNodeTable) / sizeof(KnownNodeTable[0]) == 30, "thirty 
 
 Common::Error BadNode(std::uint64_t tag) { return Common::Error(tag, Common::UEFI_BAD_LOAD_OPTION); }
 
-void AppendString16(std::vector<std::uint8_t>& bytes, const std::u16string& text) {
-    for (char16_t c : text) {
-        bytes.push_back(static_cast<std::uint8_t>(c & 0xFF));
-        bytes.push_back(static_cast<std::uint8_t>(c >> 8));
-    }
-    bytes.push_back(0);
-    bytes.push_back(0);
+void AppendBytes(std::vector<std::uint8_t>& bytes, const void* record, std::size_t size) {
+    const auto* start = static_cast<const std::uint8_t*>(record);
+    bytes.insert(bytes.end(), start, start + size);
 }
 
 }  // namespace
 
 HardDrivePath::HardDrivePath() : EfiDevicePath(kMediaDevicePath, kHardDriveSubtype, kHardDriveNodeSize), node{} {
-    std::memcpy(node, header, sizeof(header));
+    node.Header = header;
 }
 
-std::uint64_t HardDrivePath::Field(int offset, int width) const {
-    std::uint64_t value = 0;
-    for (int i = width - 1; i >= 0; --i) value = (value << 8) | node[offset + i];
-    return value;
+void AppendString16(std::vector<std::uint8_t>& bytes, const std::u16string& text) {
+    std::size_t at = bytes.size();
+    bytes.resize(at + 2 * (text.size() + 1));
+    for (char16_t c : text) {
+        Common::StoreLE16(&bytes[at], c);
+        at += 2;
+    }
+    Common::StoreLE16(&bytes[at], 0);
 }
 
-void HardDrivePath::SetField(int offset, int width, std::uint64_t value) {
-    for (int i = 0; i < width; ++i, value >>= 8) node[offset + i] = static_cast<std::uint8_t>(value & 0xFF);
+void AppendNodeHeader(std::vector<std::uint8_t>& bytes, std::uint8_t type, std::uint8_t subtype, std::uint16_t length) {
+    DevicePathHeader header{type, subtype, {}};
+    header.Length.set(length);
+    AppendBytes(bytes, &header, sizeof(header));
 }
+
+void AppendEndOfPath(std::vector<std::uint8_t>& bytes) { AppendNodeHeader(bytes, kEndDevicePath, kEndEntireSubtype, kNodeHeaderSize); }
 
 boost::shared_ptr<HardDrivePath> AsHardDrive(const DevicePathPointer& node) {
     if (!node || !node->Is(kMediaDevicePath, kHardDriveSubtype)) return boost::shared_ptr<HardDrivePath>();
@@ -98,11 +102,11 @@ bool IsKnownNode(std::uint8_t type, std::uint8_t subtype) {
 }
 
 Common::Error ReadDevicePathNode(ByteCursor& cursor, DevicePathPointer& node, std::uint16_t& length) {
-    std::uint64_t raw_header;
-    if (!cursor.Peek(kNodeHeaderSize, raw_header)) return BadNode(ERROR_TAG);
-    const std::uint8_t type = cursor.next[0];
-    const std::uint8_t subtype = cursor.next[1];
-    const std::uint16_t node_length = static_cast<std::uint16_t>(raw_header >> 16);
+    if (!cursor.Has(kNodeHeaderSize)) return BadNode(ERROR_TAG);
+    const DevicePathHeader& header = NodeHeaderAt(cursor.next);
+    const std::uint8_t type = header.Type;
+    const std::uint8_t subtype = header.SubType;
+    const std::uint16_t node_length = header.Length.get();
     // A Length below the header would let a walk stand still.
     if (node_length < kNodeHeaderSize) return BadNode(ERROR_TAG);
 
@@ -115,14 +119,14 @@ Common::Error ReadDevicePathNode(ByteCursor& cursor, DevicePathPointer& node, st
         // counts Length.
         if (!at.Has(kHardDriveNodeSize)) return BadNode(ERROR_TAG);
         auto hard_drive = boost::make_shared<HardDrivePath>();
-        std::memcpy(hard_drive->header, at.next, kNodeHeaderSize);
-        std::memcpy(hard_drive->node, at.next, kHardDriveNodeSize);
+        std::memcpy(&hard_drive->header, at.next, kNodeHeaderSize);
+        std::memcpy(&hard_drive->node, at.next, kHardDriveNodeSize);
         at.Skip(kHardDriveNodeSize);
         read = hard_drive;
     } else if (type == kMediaDevicePath && subtype == kFilePathSubtype) {
         // The path runs to its terminator; Length is not used for the read.
         auto file = boost::make_shared<FileDevicePath>();
-        std::memcpy(file->header, at.next, kNodeHeaderSize);
+        std::memcpy(&file->header, at.next, kNodeHeaderSize);
         at.Skip(kNodeHeaderSize);
         if (!at.ReadString16(file->path)) return BadNode(ERROR_TAG);
         read = file;
@@ -141,11 +145,10 @@ Common::Error ReadDevicePathNode(ByteCursor& cursor, DevicePathPointer& node, st
 void WriteDevicePathNode(const EfiDevicePath& node, std::vector<std::uint8_t>& bytes) {
     if (node.Is(kMediaDevicePath, kHardDriveSubtype)) {
         // The node's own header is the one the firmware gets.
-        const auto& hard_drive = static_cast<const HardDrivePath&>(node);
-        bytes.insert(bytes.end(), hard_drive.node, hard_drive.node + kHardDriveNodeSize);
+        AppendBytes(bytes, &static_cast<const HardDrivePath&>(node).node, kHardDriveNodeSize);
         return;
     }
-    bytes.insert(bytes.end(), node.header, node.header + kNodeHeaderSize);
+    AppendBytes(bytes, &node.header, kNodeHeaderSize);
     if (node.Is(kMediaDevicePath, kFilePathSubtype)) {
         AppendString16(bytes, static_cast<const FileDevicePath&>(node).path);
     } else {

@@ -5,11 +5,13 @@
 // each record, and the type and subtype tell which record it really is.
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "firmware/byte_cursor.h"
+#include "loader/common/byte_order.h"
 #include "loader/common/error.h"
 
 namespace Uefi {
@@ -31,53 +33,71 @@ constexpr std::uint8_t kGptPartitionFormat = 2;
 constexpr std::uint8_t kMbrSignatureType = 1;
 constexpr std::uint8_t kGuidSignatureType = 2;
 
-struct EfiDevicePath {
-    std::uint8_t header[4];
+// The four bytes every node begins with.
+struct DevicePathHeader {
+    std::uint8_t Type;
+    std::uint8_t SubType;
+    Common::le16 Length;  // of the whole node, these four bytes included
+};
+static_assert(sizeof(DevicePathHeader) == kNodeHeaderSize, "a node header is four bytes");
+static_assert(offsetof(DevicePathHeader, Length) == 2, "device path header layout");
 
-    std::uint8_t Type() const { return header[0]; }
-    std::uint8_t SubType() const { return header[1]; }
-    std::uint16_t Length() const { return static_cast<std::uint16_t>(header[2] | (header[3] << 8)); }
-    void SetLength(std::uint16_t length) {
-        header[2] = static_cast<std::uint8_t>(length & 0xFF);
-        header[3] = static_cast<std::uint8_t>(length >> 8);
-    }
+// The header of the node at `node` in a path the firmware or a value gave.
+inline const DevicePathHeader& NodeHeaderAt(const std::uint8_t* node) { return *reinterpret_cast<const DevicePathHeader*>(node); }
+
+// The standard's hard drive media node (type 4, subtype 1), complete with
+// its own header. Its numbers stand unaligned, as in any device path.
+struct HardDriveNode {
+    DevicePathHeader Header;              // 0
+    Common::le32 PartitionNumber;         // 4
+    Common::le64 PartitionStart;          // 8
+    Common::le64 PartitionSize;           // 16
+    unsigned char PartitionSignature[16]; // 24
+    std::uint8_t MBRType;                 // 40
+    std::uint8_t SignatureType;           // 41
+};
+static_assert(sizeof(HardDriveNode) == kHardDriveNodeSize, "the hard drive node is 42 bytes");
+static_assert(offsetof(HardDriveNode, PartitionNumber) == 4, "hard drive node layout");
+static_assert(offsetof(HardDriveNode, PartitionStart) == 8, "hard drive node layout");
+static_assert(offsetof(HardDriveNode, PartitionSignature) == 24, "hard drive node layout");
+static_assert(offsetof(HardDriveNode, MBRType) == 40, "hard drive node layout");
+
+struct EfiDevicePath {
+    DevicePathHeader header;
+
+    std::uint8_t Type() const { return header.Type; }
+    std::uint8_t SubType() const { return header.SubType; }
+    std::uint16_t Length() const { return header.Length.get(); }
+    void SetLength(std::uint16_t length) { header.Length.set(length); }
     bool Is(std::uint8_t type, std::uint8_t subtype) const { return Type() == type && SubType() == subtype; }
 
 protected:
-    EfiDevicePath(std::uint8_t type, std::uint8_t subtype, std::uint16_t length) : header{type, subtype, 0, 0} {
-        SetLength(length);
-    }
+    EfiDevicePath(std::uint8_t type, std::uint8_t subtype, std::uint16_t length) : header{type, subtype, {}} { SetLength(length); }
 };
 static_assert(sizeof(EfiDevicePath) == 4, "the header is the node's first four bytes");
 
-// Type 4, subtype 1: the standard's 42-byte hard drive node, with its own
-// copy of the header. Its multi-byte fields stand unaligned and little
-// endian, and convert at each access.
+// Type 4, subtype 1: the hard drive node, behind the record's header.
 struct HardDrivePath : EfiDevicePath {
-    std::uint8_t node[kHardDriveNodeSize];
+    HardDriveNode node;
 
     // A new node: Length 42 in both headers, everything else zero.
     HardDrivePath();
 
-    std::uint32_t PartitionNumber() const { return static_cast<std::uint32_t>(Field(4, 4)); }
-    std::uint64_t PartitionStart() const { return Field(8, 8); }
-    std::uint64_t PartitionSize() const { return Field(16, 8); }
-    const std::uint8_t* PartitionSignature() const { return node + 24; }
-    std::uint8_t* PartitionSignature() { return node + 24; }
-    std::uint8_t MbrType() const { return node[40]; }
-    std::uint8_t SignatureType() const { return node[41]; }
+    std::uint32_t PartitionNumber() const { return node.PartitionNumber.get(); }
+    std::uint64_t PartitionStart() const { return node.PartitionStart.get(); }
+    std::uint64_t PartitionSize() const { return node.PartitionSize.get(); }
+    const std::uint8_t* PartitionSignature() const { return node.PartitionSignature; }
+    std::uint8_t* PartitionSignature() { return node.PartitionSignature; }
+    std::uint8_t MbrType() const { return node.MBRType; }
+    std::uint8_t SignatureType() const { return node.SignatureType; }
 
-    void SetPartitionNumber(std::uint32_t value) { SetField(4, 4, value); }
-    void SetPartitionStart(std::uint64_t value) { SetField(8, 8, value); }
-    void SetPartitionSize(std::uint64_t value) { SetField(16, 8, value); }
+    void SetPartitionNumber(std::uint32_t value) { node.PartitionNumber.set(value); }
+    void SetPartitionStart(std::uint64_t value) { node.PartitionStart.set(value); }
+    void SetPartitionSize(std::uint64_t value) { node.PartitionSize.set(value); }
     void SetKind(std::uint8_t mbr_type, std::uint8_t signature_type) {
-        node[40] = mbr_type;
-        node[41] = signature_type;
+        node.MBRType = mbr_type;
+        node.SignatureType = signature_type;
     }
-
-private:
-    std::uint64_t Field(int offset, int width) const;
-    void SetField(int offset, int width, std::uint64_t value);
 };
 static_assert(sizeof(HardDrivePath) == 4 + 42, "header and the complete hard drive node");
 
@@ -123,5 +143,15 @@ Common::Error ReadDevicePathNode(ByteCursor& cursor, DevicePathPointer& node, st
 
 // Appends the node's bytes as the firmware stores them.
 void WriteDevicePathNode(const EfiDevicePath& node, std::vector<std::uint8_t>& bytes);
+
+// Appends a 16-bit string as device paths and load options hold it:
+// little-endian characters, then a zero terminator.
+void AppendString16(std::vector<std::uint8_t>& bytes, const std::u16string& text);
+
+// Appends a node header with the given Length.
+void AppendNodeHeader(std::vector<std::uint8_t>& bytes, std::uint8_t type, std::uint8_t subtype, std::uint16_t length);
+
+// Appends the end node that closes a whole path.
+void AppendEndOfPath(std::vector<std::uint8_t>& bytes);
 
 }  // namespace Uefi

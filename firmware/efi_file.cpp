@@ -1,8 +1,9 @@
 #include "firmware/efi_file.h"
 
+#include "firmware/firmware_access.h"
 #include "loader/common/error_codes.h"
 #include "loader/common/messages.h"
-#include "firmware/firmware_access.h"
+#include "loader/common/raise.h"
 
 namespace Uefi {
 namespace {
@@ -100,9 +101,7 @@ EFI_LOADED_IMAGE* GetLoadedImage() {
     void* interface = nullptr;
     EFI_GUID guid = LOADED_IMAGE_PROTOCOL;
     EFI_STATUS status = BootServices()->HandleProtocol(ImageHandle(), &guid, &interface);
-    if (EFI_ERROR(status) || interface == nullptr) {
-        throw Common::Error(ERROR_TAG, Common::FILE_OPEN, Common::Messages::FILE_OPEN);
-    }
+    if (EFI_ERROR(status) || interface == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return static_cast<EFI_LOADED_IMAGE*>(interface);
 }
 

@@ -2,23 +2,29 @@
 
 #include <boost/make_shared.hpp>
 
+#include <cstddef>
 #include <cstring>
 
+#include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 
 namespace Uefi {
 namespace {
 
 const char16_t* const kBadBootPath = u"Ruta de arranque incorrecta.";
-const std::uint8_t kEndOfPath[] = {kEndDevicePath, kEndEntireSubtype, 4, 0};
 constexpr std::uint32_t kLargestLength = 0xFFFF;
+
+// The fixed fields at the start of an EFI_LOAD_OPTION; the description and
+// the device path list follow.
+struct LoadOptionHeader {
+    Common::le32 Attributes;
+    Common::le16 FilePathListLength;
+};
+static_assert(sizeof(LoadOptionHeader) == 6, "attributes and list length");
+static_assert(offsetof(LoadOptionHeader, FilePathListLength) == 4, "load option layout");
 
 Common::Error BadOption(std::uint64_t tag) { return Common::Error(tag, Common::UEFI_BAD_LOAD_OPTION); }
 Common::Error WrongKind(std::uint64_t tag) { return Common::Error(tag, Common::UEFI_WRONG_SIGNATURE_KIND); }
-
-void AppendLittleEndian(std::vector<std::uint8_t>& bytes, std::uint64_t value, int width) {
-    for (int i = 0; i < width; ++i, value >>= 8) bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
-}
 
 void AppendAscii(std::u16string& text, const char* ascii) {
     for (; *ascii != 0; ++ascii) text.push_back(static_cast<char16_t>(*ascii));
@@ -120,9 +126,8 @@ Common::Error LoadOptionsImpl::GetMbrSignature(std::uint32_t& value) {
     Common::Error error = GetPartitionType(type);
     if (error) return error;
     if (type != kPartitionTypeMbr) return WrongKind(ERROR_TAG);
-    const std::uint8_t* signature = FirstHardDrive()->PartitionSignature();
-    value = static_cast<std::uint32_t>(signature[0] | (signature[1] << 8) | (signature[2] << 16)) |
-            (static_cast<std::uint32_t>(signature[3]) << 24);
+    // An MBR signature is the disk's 32-bit number, in the first four bytes.
+    value = Common::LoadLE32(FirstHardDrive()->PartitionSignature());
     return Common::Success;
 }
 
@@ -167,8 +172,7 @@ Common::Error LoadOptionsImpl::SetPath(const std::u16string& value) {
 }
 
 Common::Error LoadOptionsImpl::SetMbrSignature(std::uint32_t value) {
-    std::uint8_t* signature = HardDriveFor(kMbrPartitionFormat, kMbrSignatureType).PartitionSignature();
-    for (int i = 0; i < 4; ++i, value >>= 8) signature[i] = static_cast<std::uint8_t>(value & 0xFF);
+    Common::StoreLE32(HardDriveFor(kMbrPartitionFormat, kMbrSignatureType).PartitionSignature(), value);
     return Common::Success;
 }
 
@@ -213,16 +217,18 @@ Common::Error LoadOptionsImpl::Parse(ByteCursor& cursor) {
 
 Common::Error LoadOptionsImpl::Serialize(std::vector<std::uint8_t>& bytes) {
     // The length in the object is not trusted: it is the nodes' sum.
-    std::uint32_t length = sizeof(kEndOfPath);
+    std::uint32_t length = kNodeHeaderSize;  // the end node
     for (const DevicePathPointer& node : nodes) length += node->Length();
     if (length > kLargestLength) return BadOption(ERROR_TAG);
     file_path_list_length = static_cast<std::uint16_t>(length);
-    AppendLittleEndian(bytes, attributes, 4);
-    AppendLittleEndian(bytes, file_path_list_length, 2);
-    for (char16_t c : description) AppendLittleEndian(bytes, c, 2);
-    AppendLittleEndian(bytes, 0, 2);
+    LoadOptionHeader header;
+    header.Attributes.set(attributes);
+    header.FilePathListLength.set(file_path_list_length);
+    const auto* fixed = reinterpret_cast<const std::uint8_t*>(&header);
+    bytes.insert(bytes.end(), fixed, fixed + sizeof(header));
+    AppendString16(bytes, description);
     for (const DevicePathPointer& node : nodes) WriteDevicePathNode(*node, bytes);
-    bytes.insert(bytes.end(), kEndOfPath, kEndOfPath + sizeof(kEndOfPath));
+    AppendEndOfPath(bytes);
     return Common::Success;
 }
 

@@ -2,43 +2,34 @@
 // devices that deliver whole files without a file system.
 #include <vector>
 
+#include "firmware/device_path.h"
 #include "firmware/efi_file.h"
 #include "firmware/firmware_access.h"
 #include "firmware/image_path.h"
 #include "files/buf_ifile.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 
 namespace Uefi {
 namespace {
-
-[[noreturn]] void FailOpen(std::uint64_t tag) { throw Common::Error(tag, Common::FILE_OPEN, Common::Messages::FILE_OPEN); }
 
 // A directory is not a file here.
 void RefuseDirectory(EFI_FILE_HANDLE file) {
     EFI_GUID info_id = EFI_FILE_INFO_ID;
     UINTN size = 0;
     EFI_STATUS status = file->GetInfo(file, &info_id, &size, nullptr);
-    if (status != EFI_BUFFER_TOO_SMALL || size == 0) FailOpen(ERROR_TAG);
+    if (status != EFI_BUFFER_TOO_SMALL || size == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     std::vector<std::uint64_t> info((size + 7) / 8);
-    if (EFI_ERROR(file->GetInfo(file, &info_id, &size, info.data()))) FailOpen(ERROR_TAG);
-    if (reinterpret_cast<EFI_FILE_INFO*>(info.data())->Attribute & EFI_FILE_DIRECTORY) FailOpen(ERROR_TAG);
+    if (EFI_ERROR(file->GetInfo(file, &info_id, &size, info.data()))) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    if (reinterpret_cast<EFI_FILE_INFO*>(info.data())->Attribute & EFI_FILE_DIRECTORY) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    }
 }
 
-// One file path node (type 4, subtype 4): the characters, a terminator, and
-// a length of 2 x characters + 6.
+// One file path node: the characters, a terminator, and a length of
+// 2 x characters + 6.
 void AppendFileNode(std::vector<std::uint8_t>& path, const std::u16string& text) {
-    std::size_t length = 2 * text.size() + 6;
-    path.push_back(4);
-    path.push_back(4);
-    path.push_back(static_cast<std::uint8_t>(length & 0xFF));
-    path.push_back(static_cast<std::uint8_t>(length >> 8));
-    for (char16_t c : text) {
-        path.push_back(static_cast<std::uint8_t>(c & 0xFF));
-        path.push_back(static_cast<std::uint8_t>(c >> 8));
-    }
-    path.push_back(0);
-    path.push_back(0);
+    AppendNodeHeader(path, kMediaDevicePath, kFilePathSubtype, static_cast<std::uint16_t>(2 * text.size() + 6));
+    AppendString16(path, text);
 }
 
 // A relative path lands beside the loader's own image.
@@ -72,7 +63,7 @@ std::unique_ptr<ri_file> OpenThroughLoadFile(const std::u16string& path) {
     EFI_GUID load_file_guid = LOAD_FILE_PROTOCOL;
     EFI_HANDLE device = GetLoadedImage()->DeviceHandle;
     if (EFI_ERROR(BootServices()->HandleProtocol(device, &load_file_guid, &interface)) || interface == nullptr) {
-        FailOpen(ERROR_TAG);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     auto* load_file = static_cast<EFI_LOAD_FILE_INTERFACE*>(interface);
     std::u16string full = FullLoadFilePath(path);
@@ -83,17 +74,20 @@ std::unique_ptr<ri_file> OpenThroughLoadFile(const std::u16string& path) {
     std::vector<std::uint8_t> nodes;
     if (!directory.empty()) AppendFileNode(nodes, directory);
     if (!name.empty()) AppendFileNode(nodes, name);
-    const std::uint8_t end_node[] = {0x7F, 0xFF, 0x04, 0x00};
-    nodes.insert(nodes.end(), end_node, end_node + 4);
+    AppendEndOfPath(nodes);
     PoolBlock device_path(nodes.size());
-    if (device_path.get() == nullptr) throw Common::Error(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+    if (device_path.get() == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
     std::copy(nodes.begin(), nodes.end(), static_cast<std::uint8_t*>(device_path.get()));
     auto* file_path = static_cast<EFI_DEVICE_PATH*>(device_path.get());
 
     UINTN size = 0;
-    if (load_file->LoadFile(load_file, file_path, FALSE, &size, nullptr) != EFI_BUFFER_TOO_SMALL) FailOpen(ERROR_TAG);
+    if (load_file->LoadFile(load_file, file_path, FALSE, &size, nullptr) != EFI_BUFFER_TOO_SMALL) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    }
     std::unique_ptr<unsigned char[]> contents(new unsigned char[size != 0 ? size : 1]);
-    if (EFI_ERROR(load_file->LoadFile(load_file, file_path, FALSE, &size, contents.get()))) FailOpen(ERROR_TAG);
+    if (EFI_ERROR(load_file->LoadFile(load_file, file_path, FALSE, &size, contents.get()))) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    }
     return std::make_unique<buf_ifile<unsigned char>>(contents.release(), size, true);
 }
 
@@ -103,26 +97,30 @@ std::unique_ptr<rio_file> OpenOnDevice(EFI_HANDLE device, const std::u16string& 
     void* interface = nullptr;
     EFI_GUID file_system_guid = SIMPLE_FILE_SYSTEM_PROTOCOL;
     if (EFI_ERROR(BootServices()->HandleProtocol(device, &file_system_guid, &interface)) || interface == nullptr) {
-        FailOpen(ERROR_TAG);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
     auto* file_system = static_cast<EFI_SIMPLE_FILE_SYSTEM_PROTOCOL*>(interface);
     EFI_FILE_HANDLE root = nullptr;
-    if (EFI_ERROR(file_system->OpenVolume(file_system, &root)) || root == nullptr) FailOpen(ERROR_TAG);
+    if (EFI_ERROR(file_system->OpenVolume(file_system, &root)) || root == nullptr) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    }
     // The root stays open: the firmware keeps it until the program ends.
     EFI_FILE_HANDLE file = nullptr;
-    if (EFI_ERROR(root->Open(root, &file, FirmwareString(path.c_str()), mode, 0)) || file == nullptr) FailOpen(ERROR_TAG);
+    if (EFI_ERROR(root->Open(root, &file, FirmwareString(path.c_str()), mode, 0)) || file == nullptr) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    }
     auto wrapped = std::make_unique<EfiFile>(file);
     RefuseDirectory(file);
     return wrapped;
 }
 
 std::unique_ptr<rio_file> OpenFirmwareFile(const std::u16string& path, std::uint64_t mode) {
-    if (path.empty()) FailOpen(ERROR_TAG);
+    if (path.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return OpenOnDevice(GetLoadedImage()->DeviceHandle, path, mode);
 }
 
 std::unique_ptr<ri_file> OpenFile(const std::u16string& path) {
-    if (path.empty()) FailOpen(ERROR_TAG);
+    if (path.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     try {
         return OpenOnDevice(GetLoadedImage()->DeviceHandle, path, kOpenRead);
     } catch (const Common::Error&) {

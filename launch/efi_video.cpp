@@ -5,12 +5,10 @@
 #include <vector>
 
 #include "firmware/firmware_access.h"
+#include "launch/boot_params.h"
 #include "launch/video_modes.h"
 #include "launch/video_protocols.h"
-#include "launch/boot_params.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 
 namespace EfiLoader {
 
@@ -24,25 +22,12 @@ constexpr std::uint32_t kWidestMode = 1024;
 constexpr std::uint32_t kModeLimit = 1024;
 constexpr std::uint32_t kLargestField = 0xFFFF;
 
-[[noreturn]] void NotDetected(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_NOT_DETECTED, Common::Messages::VIDEO_NOT_DETECTED);
-}
-[[noreturn]] void NotLinear(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_NOT_LINEAR, Common::Messages::VIDEO_NOT_LINEAR);
-}
-[[noreturn]] void BadFramebuffer(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_BAD_FRAMEBUFFER, Common::Messages::VIDEO_BAD_FRAMEBUFFER);
-}
-[[noreturn]] void BadPixelFormat(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_BAD_PIXEL_FORMAT, Common::Messages::VIDEO_BAD_PIXEL_FORMAT);
-}
-
 template <typename Protocol>
-Protocol* Locate(const EFI_GUID& guid, std::uint64_t tag) {
+Protocol* Locate(const EFI_GUID& guid) {
     EFI_GUID wanted = guid;
     void* interface = nullptr;
     EFI_STATUS status = Uefi::BootServices()->LocateProtocol(&wanted, nullptr, &interface);
-    if (EFI_ERROR(status) || interface == nullptr) NotDetected(tag);
+    if (EFI_ERROR(status) || interface == nullptr) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
     return static_cast<Protocol*>(interface);
 }
 
@@ -56,8 +41,10 @@ struct Framebuffer {
 };
 
 Framebuffer FramebufferOf(const EFI_GRAPHICS_OUTPUT_PROTOCOL_MODE& mode) {
-    if (mode.FrameBufferBase == 0 || mode.FrameBufferSize == 0) NotLinear(ERROR_TAG);
-    if (mode.FrameBufferBase >= kBelowFourGiB || mode.FrameBufferSize > kBelowFourGiB - 1 - mode.FrameBufferBase) BadFramebuffer(ERROR_TAG);
+    if (mode.FrameBufferBase == 0 || mode.FrameBufferSize == 0) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_LINEAR);
+    if (mode.FrameBufferBase >= kBelowFourGiB || mode.FrameBufferSize > kBelowFourGiB - 1 - mode.FrameBufferBase) {
+        Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
+    }
     return Framebuffer{static_cast<std::uint32_t>(mode.FrameBufferBase), static_cast<std::uint32_t>(mode.FrameBufferSize)};
 }
 
@@ -101,12 +88,12 @@ public:
 // The record of the mode the adapter shows now.
 void DescribePresentMode(EFI_GRAPHICS_OUTPUT_PROTOCOL* gop, VideoRecord& record) {
     const EFI_GRAPHICS_OUTPUT_PROTOCOL_MODE* mode = gop->Mode;
-    if (mode == nullptr || mode->Info == nullptr) NotDetected(ERROR_TAG);
+    if (mode == nullptr || mode->Info == nullptr) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
     Framebuffer framebuffer = FramebufferOf(*mode);
     switch (DescribeMode(*mode->Info, framebuffer, record)) {
         case ModeFit::kUsable: return;
-        case ModeFit::kOtherFormat: BadPixelFormat(ERROR_TAG);
-        case ModeFit::kTooLarge: BadFramebuffer(ERROR_TAG);
+        case ModeFit::kOtherFormat: Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_PIXEL_FORMAT);
+        case ModeFit::kTooLarge: Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
     }
 }
 
@@ -129,8 +116,8 @@ const MonitorFilter& EfiVideoGop::Monitor() {
 }
 
 void EfiVideoGop::Query(VideoRecord& record) {
-    auto* gop = Locate<EFI_GRAPHICS_OUTPUT_PROTOCOL>(kGraphicsOutputProtocolGuid, ERROR_TAG);
-    if (gop->Mode == nullptr) NotDetected(ERROR_TAG);
+    auto* gop = Locate<EFI_GRAPHICS_OUTPUT_PROTOCOL>(kGraphicsOutputProtocolGuid);
+    if (gop->Mode == nullptr) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
     Framebuffer framebuffer = FramebufferOf(*gop->Mode);
 
     std::vector<ModeCandidate> candidates;
@@ -163,14 +150,14 @@ void EfiVideoGop::Query(VideoRecord& record) {
 
 void EfiVideoGop::FillRectangle(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height, std::uint8_t red,
                                 std::uint8_t green, std::uint8_t blue, std::uint8_t reserved) {
-    auto* gop = Locate<EFI_GRAPHICS_OUTPUT_PROTOCOL>(kGraphicsOutputProtocolGuid, ERROR_TAG);
+    auto* gop = Locate<EFI_GRAPHICS_OUTPUT_PROTOCOL>(kGraphicsOutputProtocolGuid);
     EFI_GRAPHICS_OUTPUT_BLT_PIXEL pixel{blue, green, red, reserved};
     EFI_STATUS status = gop->Blt(gop, &pixel, EfiBltVideoFill, 0, 0, x, y, width, height, 0);
-    if (EFI_ERROR(status)) NotDetected(ERROR_TAG);
+    if (EFI_ERROR(status)) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
 }
 
 void EfiVideoUga::Query(VideoRecord& record) {
-    auto* uga = Locate<EFI_UGA_DRAW_PROTOCOL>(kUgaDrawProtocolGuid, ERROR_TAG);
+    auto* uga = Locate<EFI_UGA_DRAW_PROTOCOL>(kUgaDrawProtocolGuid);
     UINT32 width = 0;
     UINT32 height = 0;
     UINT32 depth = 0;
@@ -184,11 +171,15 @@ void EfiVideoUga::Query(VideoRecord& record) {
                 break;
             }
         }
-        if (!set) NotDetected(ERROR_TAG);
-        if (EFI_ERROR(uga->GetMode(uga, &width, &height, &depth, &refresh))) NotDetected(ERROR_TAG);
+        if (!set) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
+        if (EFI_ERROR(uga->GetMode(uga, &width, &height, &depth, &refresh))) {
+            Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
+        }
     }
-    if (width == 0 || height == 0 || depth == 0) NotDetected(ERROR_TAG);
-    if (width > kLargestField || height > kLargestField || depth > kLargestField) BadFramebuffer(ERROR_TAG);
+    if (width == 0 || height == 0 || depth == 0) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
+    if (width > kLargestField || height > kLargestField || depth > kLargestField) {
+        Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
+    }
     record.lfb_width = static_cast<std::uint16_t>(width);
     record.lfb_height = static_cast<std::uint16_t>(height);
     record.lfb_depth = static_cast<std::uint16_t>(depth);
@@ -196,10 +187,10 @@ void EfiVideoUga::Query(VideoRecord& record) {
 
 void EfiVideoUga::FillRectangle(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height, std::uint8_t red,
                                 std::uint8_t green, std::uint8_t blue, std::uint8_t reserved) {
-    auto* uga = Locate<EFI_UGA_DRAW_PROTOCOL>(kUgaDrawProtocolGuid, ERROR_TAG);
+    auto* uga = Locate<EFI_UGA_DRAW_PROTOCOL>(kUgaDrawProtocolGuid);
     EFI_UGA_PIXEL pixel{blue, green, red, reserved};
     EFI_STATUS status = uga->Blt(uga, &pixel, EfiUgaVideoFill, 0, 0, x, y, width, height, 0);
-    if (EFI_ERROR(status)) NotDetected(ERROR_TAG);
+    if (EFI_ERROR(status)) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_DETECTED);
 }
 
 }  // namespace EfiLoader

@@ -2,38 +2,46 @@
 
 #include <efi.h>
 
+#include <cstddef>
+
 #include "firmware/firmware_access.h"
 #include "launch/boot_params.h"
 #include "launch/page_buffer.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/byte_order.h"
+#include "loader/common/raise.h"
 
 namespace Launch {
 namespace {
 
-using namespace BootParamsOffset;
-
 constexpr std::uint64_t kMemoryWriteBack = 0x8;
-constexpr std::uint32_t kNodeHeader = 16;
 constexpr std::uint32_t kSetupE820Ext = 1;
 
-// A firmware memory descriptor, by offset.
-constexpr std::uint32_t kDescriptorType = 0;
-constexpr std::uint32_t kDescriptorStart = 8;
-constexpr std::uint32_t kDescriptorPages = 24;
-constexpr std::uint32_t kDescriptorAttribute = 32;
-constexpr std::uint64_t kSmallestDescriptor = 40;
+// A firmware memory descriptor (EFI_MEMORY_DESCRIPTOR) as the map holds it.
+// The firmware's descriptor size need not be this record's, so descriptors
+// may stand at any alignment: the fields convert at each access.
+struct MemoryDescriptor {
+    Common::le32 Type;
+    Common::le32 Pad;
+    Common::le64 PhysicalStart;
+    Common::le64 VirtualStart;
+    Common::le64 NumberOfPages;
+    Common::le64 Attribute;
+};
+static_assert(sizeof(MemoryDescriptor) == 40, "the firmware's descriptor fields");
+static_assert(offsetof(MemoryDescriptor, PhysicalStart) == 8, "memory descriptor layout");
+static_assert(offsetof(MemoryDescriptor, NumberOfPages) == 24, "memory descriptor layout");
+static_assert(offsetof(MemoryDescriptor, Attribute) == 32, "memory descriptor layout");
 
 enum E820 : std::uint32_t { kUsable = 1, kReserved = 2, kAcpi = 3, kNvs = 4, kUnusable = 5 };
 
-[[noreturn]] void FailInternal(std::uint64_t tag) { throw Common::Error(tag, Common::EFI_INTERNAL, Common::Messages::EFI_INTERNAL); }
+SetupData& NodeHeader(const E820Node& node) { return *reinterpret_cast<SetupData*>(node.address); }
 
 // Place `index` of the E820 table: the first 128 in boot_params, the rest
 // in the node.
-std::uint8_t* EntryAt(std::uint8_t* params, const E820Node& node, std::uint32_t index) {
-    if (index < kE820EntriesInParams) return params + kE820Table + index * kE820EntrySize;
-    return node.address + kNodeHeader + (index - kE820EntriesInParams) * kE820EntrySize;
+E820Entry& EntryAt(BootParams& params, const E820Node& node, std::uint32_t index) {
+    if (index < kE820EntriesInParams) return params.e820_table[index];
+    auto* entries = reinterpret_cast<E820Entry*>(node.address + sizeof(SetupData));
+    return entries[index - kE820EntriesInParams];
 }
 
 struct MapState {
@@ -54,18 +62,18 @@ void ReadMemoryMap(MapState& state, std::uint32_t entries_before) {
         EFI_STATUS status = Uefi::BootServices()->GetMemoryMap(&size, reinterpret_cast<EFI_MEMORY_DESCRIPTOR*>(state.map.data()),
                                                                &state.map_key, &state.descriptor_size, &state.descriptor_version);
         if (status == EFI_BUFFER_TOO_SMALL) {
-            if (size <= state.map.bytes()) FailInternal(ERROR_TAG);
+            if (size <= state.map.bytes()) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
             PageBuffer(size, kBelowFourGiB).swap(state.map);
             continue;
         }
-        if (EFI_ERROR(status)) throw Common::Error(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+        if (EFI_ERROR(status)) Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
         // A descriptor smaller than its own fields is as broken as one of 0.
-        if (state.descriptor_size < kSmallestDescriptor) FailInternal(ERROR_TAG);
+        if (state.descriptor_size < sizeof(MemoryDescriptor)) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         state.map_size = size;
         std::uint64_t count = size / state.descriptor_size;
         std::uint64_t free_places = kE820EntriesInParams - entries_before;
         if (count <= free_places) return;
-        std::uint64_t node_bytes = kNodeHeader + (count - free_places) * kE820EntrySize;
+        std::uint64_t node_bytes = sizeof(SetupData) + (count - free_places) * sizeof(E820Entry);
         if (state.node.bytes() >= node_bytes) return;
         PageBuffer(node_bytes, kBelowFourGiB).swap(state.node);
     }
@@ -89,62 +97,64 @@ std::uint32_t E820Type(std::uint32_t firmware_type, std::uint64_t attribute) {
 
 void ConvertMemoryMap(const std::uint8_t* map, std::uint64_t map_size, std::uint64_t descriptor_size, std::uint8_t* params,
                       const E820Node& node) {
-    ByteArea header(params);
+    BootParams& block = BootParamsAt(params);
     // The count is a byte in boot_params, and counts as one all along.
-    std::uint8_t entries = header.U8(kE820Entries);
-    if (descriptor_size < kSmallestDescriptor) return;
+    std::uint8_t entries = block.e820_entries;
+    if (descriptor_size < sizeof(MemoryDescriptor)) return;
     for (std::uint64_t offset = 0; offset + descriptor_size <= map_size; offset += descriptor_size) {
-        // Fields by offset: the firmware's descriptor size need not keep
-        // them aligned.
-        ByteArea descriptor(const_cast<std::uint8_t*>(map + offset));
-        std::uint32_t type = E820Type(descriptor.U32(kDescriptorType), descriptor.U64(kDescriptorAttribute));
-        std::uint64_t start = descriptor.U64(kDescriptorStart);
-        std::uint64_t size = descriptor.U64(kDescriptorPages) * 4096;
+        const auto& descriptor = *reinterpret_cast<const MemoryDescriptor*>(map + offset);
+        std::uint32_t type = E820Type(descriptor.Type.get(), descriptor.Attribute.get());
+        std::uint64_t start = descriptor.PhysicalStart.get();
+        std::uint64_t size = descriptor.NumberOfPages.get() * 4096;
         if (entries > 0) {
-            ByteArea previous(EntryAt(params, node, entries - 1u));
-            if (previous.U32(16) == type && previous.U64(0) + previous.U64(8) == start) {
-                previous.SetU64(8, previous.U64(8) + size);
+            E820Entry& previous = EntryAt(block, node, entries - 1u);
+            if (previous.type.get() == type && previous.End() == start) {
+                previous.size.set(previous.size.get() + size);
                 continue;
             }
         }
         std::uint32_t index = entries;
-        if (index >= kE820EntriesInParams && (node.address == nullptr ||
-                                              kNodeHeader + (index - kE820EntriesInParams + 1) * kE820EntrySize > node.capacity)) {
+        if (index >= kE820EntriesInParams &&
+            (node.address == nullptr ||
+             sizeof(SetupData) + (index - kE820EntriesInParams + 1) * sizeof(E820Entry) > node.capacity)) {
             break;  // no place was made for it; cannot happen with a map read as above
         }
-        ByteArea entry(EntryAt(params, node, index));
-        entry.SetU64(0, start);
-        entry.SetU64(8, size);
-        entry.SetU32(16, type);
+        E820Entry& entry = EntryAt(block, node, index);
+        entry.addr.set(start);
+        entry.size.set(size);
+        entry.type.set(type);
         entries = static_cast<std::uint8_t>(entries + 1);
     }
-    header.SetU8(kE820Entries, entries);
+    block.e820_entries = entries;
 }
 
 void ExitToKernel(std::uint8_t* params) {
-    ByteArea header(params);
+    BootParams& block = BootParamsAt(params);
     MapState state;
-    ReadMemoryMap(state, header.U8(kE820Entries));
+    ReadMemoryMap(state, block.e820_entries);
     E820Node node{state.node.data(), state.node.bytes()};
     if (node.address != nullptr) {
-        ByteArea node_header(node.address);
-        node_header.SetU64(0, 0);
-        node_header.SetU32(8, kSetupE820Ext);
-        node_header.SetU32(12, 0);
+        SetupData& head = NodeHeader(node);
+        head.next.set(0);
+        head.type.set(kSetupE820Ext);
+        head.len.set(0);
     }
     ConvertMemoryMap(state.map.data(), state.map_size, state.descriptor_size, params, node);
-    if (EFI_ERROR(Uefi::BootServices()->ExitBootServices(Uefi::ImageHandle(), state.map_key))) FailInternal(ERROR_TAG);
+    if (EFI_ERROR(Uefi::BootServices()->ExitBootServices(Uefi::ImageHandle(), state.map_key))) {
+        Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
+    }
 
-    header.SetU32(kEfiMemdescSize, static_cast<std::uint32_t>(state.descriptor_size));
-    header.SetU32(kEfiMemdescVersion, state.descriptor_version);
-    header.SetU32(kEfiMemmap, static_cast<std::uint32_t>(state.map.address()));
-    header.SetU32(kEfiMemmapSize, static_cast<std::uint32_t>(state.map_size));
-    header.SetU32(kEfiMemmapHi, 0);
-    std::uint8_t entries = header.U8(kE820Entries);
+    EfiInfo& efi = block.efi_info;
+    efi.efi_memdesc_size.set(static_cast<std::uint32_t>(state.descriptor_size));
+    efi.efi_memdesc_version.set(state.descriptor_version);
+    efi.efi_memmap.set(static_cast<std::uint32_t>(state.map.address()));
+    efi.efi_memmap_size.set(static_cast<std::uint32_t>(state.map_size));
+    efi.efi_memmap_hi.set(0);
+    std::uint8_t entries = block.e820_entries;
     if (entries > kE820EntriesInParams) {
-        ByteArea(node.address).SetU32(12, (entries - kE820EntriesInParams) * kE820EntrySize);
-        header.SetU8(kE820Entries, kE820EntriesInParams);
-        header.SetU64(kSetupData, node.address != nullptr ? reinterpret_cast<std::uint64_t>(node.address) : 0);
+        NodeHeader(node).len.set(static_cast<std::uint32_t>((entries - kE820EntriesInParams) * sizeof(E820Entry)));
+        block.e820_entries = static_cast<std::uint8_t>(kE820EntriesInParams);
+        block.hdr.setup_data.set(node.address != nullptr ? reinterpret_cast<std::uint64_t>(node.address) : 0);
     }
     // The kernel reads both; boot services are gone, nothing may free them.
     state.map.release();

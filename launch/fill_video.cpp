@@ -1,12 +1,9 @@
 #include "launch/fill_video.h"
 
-#include <cstring>
-
+#include "launch/boot_params.h"
 #include "launch/pci_framebuffer.h"
 #include "launch/video_memory.h"
-#include "launch/boot_params.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 
 namespace EfiLoader {
 
@@ -20,13 +17,6 @@ constexpr std::uint32_t kWidestPixel = 64;
 constexpr std::uint8_t kRed = 0x11;
 constexpr std::uint8_t kGreen = 0x12;
 constexpr std::uint8_t kBlue = 0x13;
-
-[[noreturn]] void BadFramebuffer(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_BAD_FRAMEBUFFER, Common::Messages::VIDEO_BAD_FRAMEBUFFER);
-}
-[[noreturn]] void BadPixelFormat(std::uint64_t tag) {
-    throw Common::Error(tag, Common::VIDEO_BAD_PIXEL_FORMAT, Common::Messages::VIDEO_BAD_PIXEL_FORMAT);
-}
 
 // The bits of one colour field; empty for a field of size 0.
 std::uint64_t FieldMask(ColourField field) {
@@ -45,23 +35,49 @@ bool InsidePixel(ColourField field, std::uint32_t depth) { return std::uint32_t(
 // The colour fields must describe one pixel of whole bytes, no wider than
 // 64 bits, that they fill without overlap.
 void CheckPixelFormat(const VideoRecord& record) {
-    if (record.lfb_depth == 0 || record.lfb_base == 0) BadFramebuffer(ERROR_TAG);
-    if (record.lfb_depth % 8 != 0) BadPixelFormat(ERROR_TAG);
-    if (record.red_size == 0 || record.green_size == 0 || record.blue_size == 0) BadFramebuffer(ERROR_TAG);
+    if (record.lfb_depth == 0 || record.lfb_base == 0) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
+    if (record.lfb_depth % 8 != 0) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_PIXEL_FORMAT);
+    if (record.red_size == 0 || record.green_size == 0 || record.blue_size == 0) {
+        Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
+    }
     const ColourField fields[] = {Red(record), Green(record), Blue(record), Reserved(record)};
     std::uint32_t bits = 0;
     for (ColourField field : fields) bits += field.size;
-    if (bits != record.lfb_depth) BadFramebuffer(ERROR_TAG);
+    if (bits != record.lfb_depth) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
     for (ColourField field : fields) {
-        if (field.size != 0 && !InsidePixel(field, record.lfb_depth)) BadFramebuffer(ERROR_TAG);
+        if (field.size != 0 && !InsidePixel(field, record.lfb_depth)) {
+            Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
+        }
     }
-    if (record.lfb_depth > kWidestPixel) BadPixelFormat(ERROR_TAG);
+    if (record.lfb_depth > kWidestPixel) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_PIXEL_FORMAT);
     std::uint64_t taken = 0;
     for (ColourField field : fields) {
         std::uint64_t mask = FieldMask(field);
-        if ((taken & mask) != 0) BadFramebuffer(ERROR_TAG);
+        if ((taken & mask) != 0) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
         taken |= mask;
     }
+}
+
+// The record in the kernel's layout. The fields the loader does not fill
+// are 0, as the protocol asks of fields a loader doesn't know.
+void StoreScreenInfo(const VideoRecord& record, Launch::ScreenInfo& screen) {
+    screen = Launch::ScreenInfo{};
+    screen.ext_mem_k.set(record.ext_mem_k);
+    screen.orig_video_isVGA = record.orig_video_isVGA;
+    screen.lfb_width.set(record.lfb_width);
+    screen.lfb_height.set(record.lfb_height);
+    screen.lfb_depth.set(record.lfb_depth);
+    screen.lfb_base.set(record.lfb_base);
+    screen.lfb_size.set(record.lfb_size);
+    screen.lfb_linelength.set(record.lfb_linelength);
+    screen.red_size = record.red_size;
+    screen.red_pos = record.red_pos;
+    screen.green_size = record.green_size;
+    screen.green_pos = record.green_pos;
+    screen.blue_size = record.blue_size;
+    screen.blue_pos = record.blue_pos;
+    screen.rsvd_size = record.rsvd_size;
+    screen.rsvd_pos = record.rsvd_pos;
 }
 
 }  // namespace
@@ -72,10 +88,10 @@ void FindLineLength(EfiVideo& video, VideoRecord& record) {
     video.FillRectangle(0, 0, width, height, 0, 0, 0, 0);
     video.FillRectangle(0, 0, 1, height, kRed, kGreen, kBlue, 0);
     std::uint64_t mask = FieldMask(Red(record)) | FieldMask(Green(record)) | FieldMask(Blue(record));
-    if (width > kWidestLine) BadFramebuffer(ERROR_TAG);
+    if (width > kWidestLine) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
     // CheckVideo has made sure of whole bytes; a record that skipped it must
     // not step by pixels of no bytes.
-    if (record.lfb_depth < 8) BadFramebuffer(ERROR_TAG);
+    if (record.lfb_depth < 8) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
 
     std::uint64_t base = record.lfb_base;
     std::uint64_t reference = PhysicalU64(base) & mask;
@@ -100,7 +116,7 @@ void FindLineLength(EfiVideo& video, VideoRecord& record) {
             return;
         }
     }
-    BadFramebuffer(ERROR_TAG);
+    Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_FRAMEBUFFER);
 }
 
 Common::Error CheckVideo(EfiVideo& video, VideoRecord& record) {
@@ -132,7 +148,7 @@ void FillVideo(std::uint8_t* params) {
         if (!failure) break;
     }
     if (failure) throw failure;
-    std::memcpy(params, &record, sizeof(record));
+    StoreScreenInfo(record, Launch::BootParamsAt(params).screen_info);
 }
 
 }  // namespace EfiLoader

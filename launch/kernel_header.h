@@ -6,12 +6,9 @@
 
 namespace Launch {
 
-// The setup part's size: (setup_sects + 1) sectors, with 0 sectors standing
-// for the historic 4.
-std::uint32_t SetupSize(const ByteArea& header);
-
 // Raises KERNEL_CORRUPT or KERNEL_UNSUPPORTED for the first failed check of
-// the header in `header` (the first 0x400 bytes of a file of `file_size`).
-void CheckKernelHeader(const ByteArea& header, std::uint64_t file_size);
+// `header`, the setup header among the first 0x400 bytes of a file of
+// `file_size` bytes.
+void CheckKernelHeader(const SetupHeader& header, std::uint64_t file_size);
 
 }  // namespace Launch

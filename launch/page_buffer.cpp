@@ -3,18 +3,16 @@
 #include <efi.h>
 
 #include "firmware/firmware_access.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 
 namespace Launch {
 
 PageBuffer::PageBuffer(std::uint64_t size, std::uint64_t limit) {
     std::uint64_t pages = size / 4096 + (size % 4096 != 0 ? 1 : 0);
-    if (pages > 0xFFFFFFFFull) throw Common::Error(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+    if (pages > 0xFFFFFFFFull) Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
     EFI_PHYSICAL_ADDRESS address = limit;
     if (EFI_ERROR(Uefi::BootServices()->AllocatePages(AllocateMaxAddress, EfiLoaderData, pages, &address))) {
-        throw Common::Error(ERROR_TAG, Common::FILE_NO_MEMORY, Common::Messages::FILE_NO_MEMORY);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_NO_MEMORY);
     }
     address_ = address;
     pages_ = static_cast<std::uint32_t>(pages);

@@ -1,19 +1,15 @@
 #include "launch/pci_framebuffer.h"
 
-#include "launch/video_memory.h"
 #include "launch/boot_params.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "launch/video_memory.h"
+#include "loader/common/raise.h"
 
 namespace EfiLoader {
 
 using Launch::kBelowFourGiB;
 namespace {
 
-constexpr std::size_t kClassCode = 0x0B;
 constexpr std::uint8_t kDisplayController = 3;
-constexpr std::size_t kBaseAddressRegisters = 0x10;
 constexpr unsigned kRegisterCount = 6;
 constexpr std::uint32_t kIoSpace = 0x1;
 constexpr std::uint32_t kPrefetchable = 0x8;
@@ -25,11 +21,6 @@ constexpr std::uint32_t kAddressMask = ~std::uint32_t(0xF);
 constexpr std::uint8_t kRed = 0x11;
 constexpr std::uint8_t kGreen = 0x12;
 constexpr std::uint8_t kBlue = 0x13;
-
-std::uint32_t Register(const PciHeader& header, unsigned index) {
-    const std::uint8_t* bytes = &header[kBaseAddressRegisters + 4 * index];
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | std::uint32_t(bytes[3]) << 24;
-}
 
 // A pixel layout the test line can be recognised in: the line's first
 // `pixels` pixels of `bytes_per_pixel` bytes each begin with these three bytes.
@@ -73,16 +64,16 @@ bool ShowsPattern(std::uint32_t window, const PixelPattern& pattern, std::uint32
 std::set<std::uint32_t> DisplayWindows(const PciDeviceTable& devices) {
     std::set<std::uint32_t> windows;
     for (const auto& device : devices) {
-        const PciHeader& header = device.second;
-        if (header[kClassCode] != kDisplayController) continue;
+        const PciDeviceHeader& header = DeviceHeaderOf(device.second);
+        if (header.BaseClass() != kDisplayController) continue;
         for (unsigned index = 0; index < kRegisterCount; ++index) {
-            std::uint32_t value = Register(header, index);
+            std::uint32_t value = header.Bar[index].get();
             if (value == 0 || (value & kIoSpace) != 0 || (value & kPrefetchable) == 0) continue;
             if ((value & kTypeMask) == kType64) {
                 // The next register is the upper half; a window above 4 GiB
                 // can't be told in the record.
                 if (index + 1 == kRegisterCount) break;
-                std::uint32_t upper = Register(header, ++index);
+                std::uint32_t upper = header.Bar[++index].get();
                 if (upper != 0) continue;
             }
             // Address 0 is a window the firmware never assigned.
@@ -94,7 +85,7 @@ std::set<std::uint32_t> DisplayWindows(const PciDeviceTable& devices) {
 
 void DetectFramebuffer(EfiVideo& video, VideoRecord& record) {
     std::set<std::uint32_t> windows = DisplayWindows(ScanPciDevices());
-    if (windows.empty()) throw Common::Error(ERROR_TAG, Common::VIDEO_NOT_LINEAR, Common::Messages::VIDEO_NOT_LINEAR);
+    if (windows.empty()) Common::Raise(ERROR_TAG, Common::Failures::VIDEO_NOT_LINEAR);
 
     video.FillRectangle(0, 0, record.lfb_width, record.lfb_height, 0, 0, 0, 0);
     video.FillRectangle(0, 0, record.lfb_width, 1, kRed, kGreen, kBlue, 0);
@@ -108,7 +99,7 @@ void DetectFramebuffer(EfiVideo& video, VideoRecord& record) {
             return;
         }
     }
-    throw Common::Error(ERROR_TAG, Common::VIDEO_BAD_PIXEL_FORMAT, Common::Messages::VIDEO_BAD_PIXEL_FORMAT);
+    Common::Raise(ERROR_TAG, Common::Failures::VIDEO_BAD_PIXEL_FORMAT);
 }
 
 }  // namespace EfiLoader

@@ -1,5 +1,8 @@
 #include "launch/video_edid.h"
 
+#include <cstring>
+#include <iterator>
+
 #include "firmware/firmware_access.h"
 #include "launch/video_protocols.h"
 
@@ -7,17 +10,7 @@ namespace EfiLoader {
 namespace {
 
 constexpr std::uint8_t kEdidHeader[8] = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
-constexpr std::size_t kVersion = 18;
-constexpr std::size_t kRevision = 19;
-constexpr std::size_t kFeatures = 24;
 constexpr std::uint8_t kPreferredTimingMode = 0x02;
-constexpr std::size_t kEstablishedTimings = 35;
-constexpr std::size_t kStandardTimings = 38;
-constexpr unsigned kStandardTimingCount = 8;
-constexpr std::size_t kDescriptors = 54;
-constexpr std::size_t kDescriptorSize = 18;
-constexpr unsigned kDescriptorCount = 4;
-constexpr std::uint8_t kRangeLimitsTag = 0xFD;
 
 struct EstablishedTiming {
     std::uint16_t width;
@@ -41,13 +34,6 @@ constexpr Aspect kStandardTimingAspects[4] = {{10, 16}, {3, 4}, {4, 5}, {9, 16}}
 
 bool IsFourByThree(std::uint32_t width, std::uint32_t height) { return width * 3 == height * 4; }
 
-std::uint16_t U16(const std::uint8_t* bytes) { return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8); }
-
-// A detailed timing descriptor; display descriptors have a pixel clock of 0.
-bool IsDetailedTiming(const std::uint8_t* descriptor) { return U16(descriptor) != 0; }
-std::uint32_t DetailedWidth(const std::uint8_t* descriptor) { return descriptor[2] | (descriptor[4] >> 4) << 8; }
-std::uint32_t DetailedHeight(const std::uint8_t* descriptor) { return descriptor[5] | (descriptor[7] >> 4) << 8; }
-
 // Thousandths, rounded half up.
 std::uint64_t RoundedThousandths(std::uint64_t value) { return value / 1000 + (value % 1000 >= 500 ? 1 : 0); }
 
@@ -58,10 +44,9 @@ bool IsValidEdid(const std::uint8_t* block, std::size_t size) {
     std::uint8_t sum = 0;
     for (std::size_t i = 0; i < kEdidBlockSize; ++i) sum = static_cast<std::uint8_t>(sum + block[i]);
     if (sum != 0) return false;
-    for (std::size_t i = 0; i < sizeof(kEdidHeader); ++i) {
-        if (block[i] != kEdidHeader[i]) return false;
-    }
-    return block[kVersion] == 1 && block[kRevision] != 0;
+    const auto& edid = *reinterpret_cast<const EdidBaseBlock*>(block);
+    if (std::memcmp(edid.header, kEdidHeader, sizeof(kEdidHeader)) != 0) return false;
+    return edid.version == 1 && edid.revision != 0;
 }
 
 std::uint8_t EstimateRefresh(std::uint32_t width, std::uint32_t height, const RangeLimits& limits) {
@@ -81,7 +66,9 @@ std::uint8_t EstimateRefresh(std::uint32_t width, std::uint32_t height, const Ra
 }
 
 MonitorFilter::MonitorFilter(const std::uint8_t* block, std::size_t size) {
-    if (IsValidEdid(block, size)) edid_.assign(block, block + kEdidBlockSize);
+    if (!IsValidEdid(block, size)) return;
+    std::memcpy(&edid_, block, sizeof(edid_));
+    has_edid_ = true;
 }
 
 MonitorFilter MonitorFilter::FromFirmware() {
@@ -93,26 +80,22 @@ MonitorFilter MonitorFilter::FromFirmware() {
     return MonitorFilter(edid->Edid, edid->SizeOfEdid);
 }
 
-const std::uint8_t* MonitorFilter::Descriptor(unsigned index) const { return &edid_[kDescriptors + index * kDescriptorSize]; }
-
 std::uint8_t MonitorFilter::StandardTimingRate(std::uint32_t width, std::uint32_t height) const {
     std::uint8_t best = 0;
-    for (unsigned i = 0; i < kStandardTimingCount; ++i) {
-        const std::uint8_t* timing = &edid_[kStandardTimings + 2 * i];
-        std::uint16_t value = U16(timing);
-        if (value == 0 || value == 0x0101 || value == 0x2020) continue;  // unused slots
-        std::uint32_t timing_width = timing[0] * 8u + 248;
-        const Aspect& aspect = kStandardTimingAspects[timing[1] >> 6];
+    for (const EdidStandardTiming& timing : edid_.standard_timings) {
+        if (timing.IsUnused()) continue;
+        std::uint32_t timing_width = timing.Width();
+        const Aspect& aspect = kStandardTimingAspects[timing.Aspect()];
         std::uint32_t timing_height = timing_width * aspect.numerator / aspect.denominator;
         if (width != timing_width || height != timing_height) continue;
-        auto rate = static_cast<std::uint8_t>((timing[1] & 0x3F) + 60);
+        std::uint8_t rate = timing.Rate();
         if (rate > best) best = rate;
     }
     return best;
 }
 
 std::uint8_t MonitorFilter::EstablishedTimingRate(std::uint32_t width, std::uint32_t height) const {
-    std::uint16_t bits = U16(&edid_[kEstablishedTimings]);
+    std::uint16_t bits = edid_.EstablishedTimingBits();
     std::uint8_t best = 0;
     for (unsigned bit = 0; bit < 16; ++bit) {
         const EstablishedTiming& row = kEstablishedTimingRows[bit];
@@ -124,14 +107,14 @@ std::uint8_t MonitorFilter::EstablishedTimingRate(std::uint32_t width, std::uint
 
 RangeLimits MonitorFilter::Limits() const {
     RangeLimits limits;
-    for (unsigned i = 0; i < kDescriptorCount; ++i) {
-        const std::uint8_t* d = Descriptor(i);
-        if (d[0] != 0 || d[1] != 0 || d[2] != 0 || d[3] != kRangeLimitsTag) continue;
-        limits.min_vertical = d[5];
-        limits.max_vertical = d[6];
-        limits.min_horizontal = d[7];
-        limits.max_horizontal = d[8];
-        limits.max_clock = d[9] * 10u;
+    for (const EdidDescriptor& descriptor : edid_.descriptors) {
+        if (!descriptor.IsRangeLimits()) continue;
+        const EdidDisplayDescriptor& range = descriptor.display;
+        limits.min_vertical = range.min_vertical_rate;
+        limits.max_vertical = range.max_vertical_rate;
+        limits.min_horizontal = range.min_horizontal_rate;
+        limits.max_horizontal = range.max_horizontal_rate;
+        limits.max_clock = range.max_pixel_clock * 10u;
         break;
     }
     return limits;
@@ -147,18 +130,19 @@ bool MonitorFilter::Accept(ModeCandidate& candidate) const {
     candidate.refresh = standard > established ? standard : established;
     candidate.preferred = 0;
 
-    for (unsigned i = 0; i < kDescriptorCount; ++i) {
-        const std::uint8_t* d = Descriptor(i);
-        if (!IsDetailedTiming(d) || DetailedWidth(d) != width || DetailedHeight(d) != height) continue;
+    for (std::size_t i = 0; i < std::size(edid_.descriptors); ++i) {
+        const EdidDescriptor& descriptor = edid_.descriptors[i];
+        if (!descriptor.IsDetailedTiming() || descriptor.Width() != width || descriptor.Height() != height) continue;
+        // The first detailed timing is the monitor's preferred mode.
         if (i == 0) candidate.preferred = 1;
         return true;
     }
     if (candidate.refresh != 0) return true;
 
     // Not listed: judge by what the monitor says of its limits.
-    const std::uint8_t* first = Descriptor(0);
-    if ((edid_[kFeatures] & kPreferredTimingMode) != 0 && IsDetailedTiming(first)) {
-        return width <= DetailedWidth(first) && height <= DetailedHeight(first);
+    const EdidDescriptor& first = edid_.descriptors[0];
+    if ((edid_.features & kPreferredTimingMode) != 0 && first.IsDetailedTiming()) {
+        return width <= first.Width() && height <= first.Height();
     }
     RangeLimits limits = Limits();
     if (limits.min_horizontal == 0) return IsFourByThree(width, height);

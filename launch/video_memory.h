@@ -5,17 +5,19 @@
 // behind the compiler's back.
 #include <cstdint>
 
+#include "loader/common/byte_order.h"
+
 namespace EfiLoader {
 
 inline std::uint8_t PhysicalByte(std::uint64_t address) {
     return *reinterpret_cast<const volatile std::uint8_t*>(static_cast<std::uintptr_t>(address));
 }
 
-// Byte by byte, so that no address needs any alignment.
+// Little-endian, byte by byte, so that no address needs any alignment.
 inline std::uint64_t PhysicalU64(std::uint64_t address) {
-    std::uint64_t value = 0;
-    for (unsigned i = 0; i < 8; ++i) value |= std::uint64_t(PhysicalByte(address + i)) << (8 * i);
-    return value;
+    unsigned char bytes[8];
+    for (unsigned i = 0; i < 8; ++i) bytes[i] = PhysicalByte(address + i);
+    return Common::LoadLE64(bytes);
 }
 
 }  // namespace EfiLoader

@@ -3,12 +3,12 @@
 #include <efi.h>
 
 #include <algorithm>
+#include <cstddef>
 
 #include "firmware/firmware_access.h"
 #include "launch/video_protocols.h"
-#include "loader/common/error.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/byte_order.h"
+#include "loader/common/raise.h"
 
 namespace EfiLoader {
 namespace {
@@ -17,9 +17,6 @@ constexpr std::uint8_t kEndTag = 0x79;
 constexpr std::uint8_t kQwordAddressSpace = 0x8A;
 constexpr std::uint8_t kLargeItem = 0x80;
 constexpr std::uint8_t kBusNumberRange = 2;
-constexpr std::size_t kResourceTypeOffset = 3;
-constexpr std::size_t kMinimumOffset = 14;
-constexpr std::size_t kMaximumOffset = 22;
 // A list that has not ended after this many bytes is not a list.
 constexpr std::size_t kDescriptorListLimit = 0x10000;
 // More root bridges than this would be a firmware's garbage.
@@ -29,25 +26,47 @@ constexpr std::uint32_t kLastBus = 255;
 constexpr std::uint32_t kDevices = 32;
 constexpr std::uint32_t kFunctions = 8;
 constexpr std::uint16_t kNoVendor = 0xFFFF;
-constexpr std::size_t kHeaderType = 0x0E;
-constexpr std::uint8_t kMultiFunction = 0x80;
 
-[[noreturn]] void Internal(std::uint64_t tag) { throw Common::Error(tag, Common::EFI_INTERNAL, Common::Messages::EFI_INTERNAL); }
+// An ACPI QWORD address space descriptor, a large resource item, by the
+// field names of the firmware's EFI_ACPI_ADDRESS_SPACE_DESCRIPTOR. Every
+// large item begins with the tag and the 16-bit length of what follows.
+struct AddressSpaceDescriptor {
+    std::uint8_t Desc;                     // 0x00: the item's tag
+    Common::le16 Len;                      // 0x01: bytes behind these three
+    std::uint8_t ResType;                  // 0x03: 2 for a bus number range
+    std::uint8_t GenFlag;                  // 0x04
+    std::uint8_t SpecificFlag;             // 0x05
+    Common::le64 AddrSpaceGranularity;     // 0x06
+    Common::le64 AddrRangeMin;             // 0x0E
+    Common::le64 AddrRangeMax;             // 0x16
+    Common::le64 AddrTranslationOffset;    // 0x1E
+    Common::le64 AddrLen;                  // 0x26
 
-std::uint32_t U32(const std::uint8_t* bytes) {
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | std::uint32_t(bytes[3]) << 24;
-}
+    // Only the low halves of the bounds are read: bus numbers are far
+    // narrower, and an item need reach no further for them.
+    std::uint32_t LowMinimum() const { return Common::LoadLE32(&AddrRangeMin); }
+    std::uint32_t LowMaximum() const { return Common::LoadLE32(&AddrRangeMax); }
+};
+static_assert(sizeof(AddressSpaceDescriptor) == 46, "a QWORD address space descriptor is 46 bytes");
+static_assert(offsetof(AddressSpaceDescriptor, ResType) == 3, "descriptor layout");
+static_assert(offsetof(AddressSpaceDescriptor, AddrRangeMin) == 14, "descriptor layout");
+static_assert(offsetof(AddressSpaceDescriptor, AddrRangeMax) == 22, "descriptor layout");
+
+// The bytes an item must have for its low maximum to be read.
+constexpr std::size_t kBusRangeItemSize = offsetof(AddressSpaceDescriptor, AddrRangeMax) + 4;
 
 std::vector<EFI_HANDLE> RootBridgeHandles() {
     EFI_GUID guid = kPciRootBridgeIoProtocolGuid;
     UINTN size = 0;
     EFI_STATUS status = Uefi::BootServices()->LocateHandle(ByProtocol, &guid, nullptr, &size, nullptr);
     if (status == EFI_SUCCESS) return {};
-    if (status != EFI_BUFFER_TOO_SMALL || size == 0 || size > kHandleBufferLimit) Internal(ERROR_TAG);
+    if (status != EFI_BUFFER_TOO_SMALL || size == 0 || size > kHandleBufferLimit) {
+        Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
+    }
     std::vector<EFI_HANDLE> handles((size + sizeof(EFI_HANDLE) - 1) / sizeof(EFI_HANDLE));
     size = handles.size() * sizeof(EFI_HANDLE);
     status = Uefi::BootServices()->LocateHandle(ByProtocol, &guid, nullptr, &size, handles.data());
-    if (EFI_ERROR(status)) Internal(ERROR_TAG);
+    if (EFI_ERROR(status)) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
     handles.resize(std::min<UINTN>(handles.size(), size / sizeof(EFI_HANDLE)));
     return handles;
 }
@@ -66,7 +85,7 @@ void ScanBus(EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL* bridge, std::uint32_t bus, PciDevi
         PciHeader header{};
         if (!ReadFunction(bridge, PciAddress(bus, device, 0), header)) continue;
         table[PciAddress(bus, device, 0)] = header;
-        if ((header[kHeaderType] & kMultiFunction) == 0) continue;
+        if (!DeviceHeaderOf(header).IsMultiFunction()) continue;
         for (std::uint32_t function = 1; function < kFunctions; ++function) {
             if (ReadFunction(bridge, PciAddress(bus, device, function), header)) table[PciAddress(bus, device, function)] = header;
         }
@@ -79,14 +98,17 @@ std::vector<PciBusRange> BusRangesOf(const std::uint8_t* descriptors) {
     std::vector<PciBusRange> ranges;
     std::size_t offset = 0;
     while (true) {
-        if (offset >= kDescriptorListLimit) Internal(ERROR_TAG);
+        if (offset >= kDescriptorListLimit) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         const std::uint8_t* item = descriptors + offset;
         std::uint8_t tag = item[0];
         if (tag == kEndTag) return ranges;
-        std::size_t length = (tag & kLargeItem) != 0 ? std::size_t(item[1] | item[2] << 8) + 3 : std::size_t(tag & 7) + 1;
-        if (tag == kQwordAddressSpace && item[kResourceTypeOffset] == kBusNumberRange && length >= kMaximumOffset + 4) {
-            std::uint32_t minimum = U32(item + kMinimumOffset);
-            std::uint32_t maximum = U32(item + kMaximumOffset);
+        // A large item tells its length behind the tag; a small one in the
+        // tag's low three bits.
+        const auto& large = *reinterpret_cast<const AddressSpaceDescriptor*>(item);
+        std::size_t length = (tag & kLargeItem) != 0 ? std::size_t(large.Len.get()) + 3 : std::size_t(tag & 7) + 1;
+        if (tag == kQwordAddressSpace && large.ResType == kBusNumberRange && length >= kBusRangeItemSize) {
+            std::uint32_t minimum = large.LowMinimum();
+            std::uint32_t maximum = large.LowMaximum();
             // Bus numbers are 8 bits wide in a configuration address.
             if (maximum > kLastBus) maximum = kLastBus;
             if (minimum <= maximum) ranges.push_back(PciBusRange{minimum, maximum});
@@ -101,7 +123,7 @@ PciDeviceTable ScanPciDevices() {
         EFI_GUID guid = kPciRootBridgeIoProtocolGuid;
         void* interface = nullptr;
         EFI_STATUS status = Uefi::BootServices()->HandleProtocol(handle, &guid, &interface);
-        if (EFI_ERROR(status) || interface == nullptr) Internal(ERROR_TAG);
+        if (EFI_ERROR(status) || interface == nullptr) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         auto* bridge = static_cast<EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL*>(interface);
 
         std::vector<PciBusRange> ranges;
@@ -110,7 +132,7 @@ PciDeviceTable ScanPciDevices() {
         if (status == EFI_UNSUPPORTED) {
             ranges.push_back(PciBusRange{0, kLastBus});
         } else if (EFI_ERROR(status) || resources == nullptr) {
-            Internal(ERROR_TAG);
+            Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         } else {
             ranges = BusRangesOf(static_cast<const std::uint8_t*>(resources));
         }

@@ -2,8 +2,7 @@
 #include <efi.h>
 
 #include "firmware/firmware_access.h"
-#include "loader/common/error_codes.h"
-#include "loader/common/messages.h"
+#include "loader/common/raise.h"
 #include "loader/menu.h"
 
 namespace EfiLoader {
@@ -42,8 +41,6 @@ KeyCode PageKey(const std::u16string& text) {
     return 0;
 }
 
-[[noreturn]] void FailInternal(std::uint64_t tag) { throw Common::Error(tag, Common::EFI_INTERNAL, Common::Messages::EFI_INTERNAL); }
-
 struct TimerEvent {
     EFI_EVENT event = nullptr;
     ~TimerEvent() {
@@ -73,7 +70,7 @@ void ParseKeyName(const std::u16string& text, KeyCode& code) {
 KeyCode WaitForKey(const std::set<KeyCode>& keys, std::int32_t timeout_ms) {
     SIMPLE_INPUT_INTERFACE* input = Uefi::SystemTable()->ConIn;
     if (!console_reset) {
-        if (input == nullptr) FailInternal(ERROR_TAG);
+        if (input == nullptr) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         input->Reset(input, TRUE);
         console_reset = true;
     }
@@ -96,7 +93,7 @@ KeyCode WaitForKey(const std::set<KeyCode>& keys, std::int32_t timeout_ms) {
         UINTN index = 0;
         if (EFI_ERROR(services->WaitForEvent(count, wait_list, &index)) || index != 0) return 0;
         EFI_INPUT_KEY key{};
-        if (EFI_ERROR(input->ReadKeyStroke(input, &key))) FailInternal(ERROR_TAG);
+        if (EFI_ERROR(input->ReadKeyStroke(input, &key))) Common::Raise(ERROR_TAG, Common::Failures::EFI_INTERNAL);
         KeyCode code = (static_cast<KeyCode>(key.UnicodeChar) << 16) | key.ScanCode;
         if (keys.count(code) != 0) return code;
     }

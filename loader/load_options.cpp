@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "loader/common/byte_order.h"
+
 namespace EfiLoader {
 namespace {
 
@@ -11,7 +13,7 @@ std::u16string OptionsText(const void* options, std::size_t bytes) {
     std::u16string text;
     auto* raw = static_cast<const std::uint8_t*>(options);
     for (std::size_t i = 0; i + 1 < bytes; i += 2) {
-        char16_t c = static_cast<char16_t>(raw[i] | (raw[i + 1] << 8));
+        auto c = static_cast<char16_t>(Common::LoadLE16(raw + i));
         if (c == 0) break;
         text.push_back(c);
     }
