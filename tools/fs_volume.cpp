@@ -25,7 +25,6 @@
 namespace MorvaneTool {
 namespace {
 
-constexpr std::size_t kPartitionNumberOffset = 4;
 constexpr std::size_t kLongestPartitionNumber = 9;
 
 bool IsFile(const std::string& path) {
@@ -61,8 +60,7 @@ std::uint32_t PartitionNumberOf(const HostFirmware::BlockIoMedium& medium) {
             length < Uefi::kHardDriveNodeSize) {
             return false;
         }
-        const std::uint8_t* field = node + kPartitionNumberOffset;
-        number = field[0] | field[1] << 8 | field[2] << 16 | static_cast<std::uint32_t>(field[3]) << 24;
+        number = reinterpret_cast<const Uefi::HardDriveNode*>(node)->PartitionNumber.get();
         return true;
     });
     return number;
