@@ -19,6 +19,7 @@
 #include "platform/host/block_io_devices.h"
 #include "platform/host/collation_stand_in.h"
 #include "platform/host/simulator.h"
+#include "loader/common/byte_order.h"
 #include "tools/error_names.h"
 #include "tools/volume_claim.h"
 
@@ -77,32 +78,34 @@ bool HasGptHeaderAt(const std::vector<unsigned char>& start, std::size_t offset)
     return start.size() >= offset + 8 && std::memcmp(start.data() + offset, "EFI PART", 8) == 0;
 }
 
-// A GPT header behind the protective MBR, at either sector size.
-bool HasGpt(const std::string& image) {
-    constexpr std::size_t kLarge = 4096;
-    std::vector<unsigned char> start(2 * kLarge);
+constexpr std::uint32_t kSmallSector = 512;
+constexpr std::uint32_t kLargeSector = 4096;
+
+// The first two large sectors of an image, or fewer bytes if it is shorter.
+std::vector<unsigned char> ImageStart(const std::string& image) {
+    std::vector<unsigned char> start(2 * kLargeSector);
     std::FILE* file = std::fopen(image.c_str(), "rb");
-    if (file == nullptr) return false;
+    if (file == nullptr) return {};
     start.resize(std::fread(start.data(), 1, start.size(), file));
     std::fclose(file);
-    return HasGptHeaderAt(start, 512) || HasGptHeaderAt(start, kLarge);
+    return start;
+}
+
+// A GPT header behind the protective MBR, at either sector size.
+bool HasGpt(const std::string& image) {
+    std::vector<unsigned char> start = ImageStart(image);
+    return HasGptHeaderAt(start, kSmallSector) || HasGptHeaderAt(start, kLargeSector);
 }
 
 }  // namespace
 
 std::uint32_t GuessSectorSize(const std::string& image) {
-    constexpr std::uint32_t kSmall = 512;
-    constexpr std::uint32_t kLarge = 4096;
-    std::vector<unsigned char> start(2 * kLarge);
-    std::FILE* file = std::fopen(image.c_str(), "rb");
-    if (file == nullptr) return kSmall;
-    start.resize(std::fread(start.data(), 1, start.size(), file));
-    std::fclose(file);
-    if (HasGptHeaderAt(start, kSmall)) return kSmall;
-    if (HasGptHeaderAt(start, kLarge)) return kLarge;
-    bool boot_signature = start.size() >= kSmall && start[510] == 0x55 && start[511] == 0xAA;
-    bool large_sectors = start.size() >= kSmall && (start[11] | start[12] << 8) == kLarge;
-    return boot_signature && large_sectors ? kLarge : kSmall;
+    std::vector<unsigned char> start = ImageStart(image);
+    if (HasGptHeaderAt(start, kSmallSector)) return kSmallSector;
+    if (HasGptHeaderAt(start, kLargeSector)) return kLargeSector;
+    bool boot_signature = start.size() >= kSmallSector && start[510] == 0x55 && start[511] == 0xAA;
+    bool large_sectors = start.size() >= kSmallSector && Common::LoadLE16(&start[11]) == kLargeSector;
+    return boot_signature && large_sectors ? kLargeSector : kSmallSector;
 }
 
 bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& problem) {
