@@ -1,4 +1,5 @@
 #!/bin/sh
+# shellcheck disable=SC2154  # the fields of each row, which run_matrix reads
 # The ext matrix: one image per row of the table below, made by mke2fs -d
 # from a host tree (and, for a few rows, changed by debugfs or e2fsck). Each
 # image is either read or refused, as the driver's feature policy says.

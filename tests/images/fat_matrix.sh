@@ -1,4 +1,5 @@
 #!/bin/sh
+# shellcheck disable=SC2154  # the fields of each row, which run_matrix reads
 # The FAT matrix: one image per (FAT type x sector size x cluster size),
 # made by mkfs.fat and filled by mtools. For each, what `morvane fs` lists
 # and copies out must equal what mtools copies out (names, kinds, sizes,
@@ -8,21 +9,16 @@
 #
 #   fat_matrix.sh TOOL [CASE...]      (no CASE: every row of the table)
 set -u
-tool=$1
-shift
 here=$(cd "$(dirname "$0")" && pwd)
+. "$here/matrix_lib.sh"
 . "$here/fat_content.sh"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# mtools and our tool must read the entries' local times alike.
-export TZ=UTC LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1 MTOOLS_NO_VFAT=0
-# The cases run in a pipeline's subshell: the count lives in a file.
-echo 0 > "$work/failures"
-fail() {
-    echo "FAIL [$case_name]: $*"
-    echo $(($(cat "$work/failures") + 1)) > "$work/failures"
-}
+matrix=fat
+matrix_start "$@"
+export MTOOLS_SKIP_CHECK=1 MTOOLS_NO_VFAT=0
+# mcopy keeps the times of files, not of directories.
+listing_directory_times=no
 
+columns='fat sector cluster_sectors size wide'
 # name            fat sector cluster-sectors size-KiB wide
 cases='
 fat12-512-c1      12  512    1               2048     no
@@ -36,28 +32,9 @@ fat32-512-c8      32  512    8               307200   no
 fat32-4096-c1     32  4096   1               307200   no
 '
 
-fs() { "$tool" fs --sector-size "$sector" "$image" "$@"; }
+copy_out_theirs() { mcopy -s -m -n -i "$image" '::/*' "$1/"; }
 
-# Files as "f PATH SIZE MTIME SHA256" and directories as "d PATH".
-manifest() {
-    (cd "$1" && find . -mindepth 1 -type d -printf 'd %P\n' &&
-        find . -type f -printf '%P\n' | while IFS= read -r path; do
-            printf 'f %s %s %s %s\n' "$path" "$(stat -c %s "$path")" "$(stat -c %Y "$path")" \
-                "$(sha256sum < "$path" | cut -c1-64)"
-        done) | LC_ALL=C sort
-}
-
-# What `ls -l -R` should print for a tree that mtools copied out.
-expected_listing() {
-    (cd "$1" && find . -mindepth 1 \( -type d -printf 'd %P\n' \) -o \
-        \( -type f -printf '- %s %TY-%Tm-%Td %TH:%TM:%TS %P\n' \)) |
-        sed -E 's/^(- [0-9]+ [0-9-]+ [0-9:]+)\.[0-9]+ /\1 /' | LC_ALL=C sort
-}
-
-# `ls -l -R` with the directory lines cut to kind and path.
-our_listing() {
-    fs ls -l -R / | sed -E -e 's#^d +[0-9]+ [^ ]+ [^ ]+ (.*)/$#d \1#' -e 's/^- +/- /' | LC_ALL=C sort
-}
+copy_out_ours() { fs cp-out -r / "$1" || fail "cp-out -r / failed"; }
 
 fsck_clean() {
     report=$(fsck.fat -n "$image" 2>&1)
@@ -75,22 +52,6 @@ mtools_reads() {
 
 mtools_misses() {
     if mdir -i "$image" "::$1" >/dev/null 2>&1; then fail "$2: mtools still finds $1"; fi
-}
-
-check_reading() {
-    ref="$work/ref"
-    ours="$work/ours"
-    rm -rf "$ref" "$ours"
-    mkdir "$ref"
-    mcopy -s -m -n -i "$image" '::/*' "$ref/" || { fail "mcopy could not copy the image out"; return; }
-    fs cp-out -r / "$ours" || fail "cp-out -r / failed"
-    manifest "$ref" > "$work/ref.manifest"
-    manifest "$ours" > "$work/ours.manifest" 2>/dev/null
-    diff "$work/ref.manifest" "$work/ours.manifest" > "$work/diff" || fail "copies differ: $(head -20 "$work/diff")"
-    expected_listing "$ref" > "$work/ref.listing"
-    our_listing > "$work/ours.listing"
-    diff "$work/ref.listing" "$work/ours.listing" > "$work/diff" || fail "listings differ: $(head -20 "$work/diff")"
-    rm -rf "$ref" "$ours"
 }
 
 check_writing() {
@@ -168,32 +129,19 @@ check_full_volume() {
     rm -f "$work/too-big"
 }
 
-wanted() {
-    [ $# -eq 0 ] && return 0
-    for one in "$@"; do [ "$one" = "$case_name" ] && return 0; done
-    return 1
-}
-
-echo "$cases" | while read -r case_name fat sector cluster_sectors size wide; do
-    [ -n "$case_name" ] || continue
-    wanted "$@" || continue
+make_case_image() {
     cluster=$((sector * cluster_sectors))
+    fs_options="--sector-size $sector"
     tree="$work/tree-$cluster-$wide"
     [ -d "$tree" ] || make_tree "$tree" "$cluster" "$wide"
-    image="$work/$case_name.img"
-    if ! make_image "$image" "$fat" "$sector" "$cluster_sectors" "$size" "$tree" ||
-        ! add_fragmented_file "$image" "$cluster"; then
-        fail "the image could not be made"
-        continue
-    fi
+    make_image "$image" "$fat" "$sector" "$cluster_sectors" "$size" "$tree" && add_fragmented_file "$image" "$cluster"
+}
+
+check_case() {
     fsck_clean "making the image"
     check_reading
     check_writing
     check_full_volume
-    rm -f "$image"
-    echo "case $case_name: done"
-done
-failures=$(cat "$work/failures")
-[ "$failures" -eq 0 ] && echo "fat matrix: all cases passed" && exit 0
-echo "fat matrix: $failures failure(s)"
-exit 1
+}
+
+run_matrix
