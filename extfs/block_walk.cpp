@@ -1,9 +1,11 @@
 #include "extfs/block_walk.h"
 
+#include "loader/common/raise.h"
+
 namespace extfs {
 
 const BlockHandle& ExtfsBlockWalk::level_block(std::uint64_t block, std::uint32_t level) {
-    if (level >= levels_) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (level >= levels_) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if (slots_.size() <= level) slots_.resize(level + 1);
     Slot& slot = slots_[level];
     if (slot.block != block || !slot.handle) {

@@ -1,5 +1,10 @@
 #include "extfs/descriptor_checksum.h"
 
+#include <cstddef>
+
+#include "extfs/ext_records.h"
+#include "loader/common/byte_order.h"
+
 namespace extfs {
 
 namespace {
@@ -20,8 +25,10 @@ struct Crc16Table {
 };
 
 constexpr Crc16Table kTable;
-constexpr std::uint32_t kChecksumOffset = 30;  // bg_checksum, never fed in
-constexpr std::uint32_t kWideHalf = 32;        // where the 64-bit half begins
+// The checksum's own two bytes are never fed in: the part before them and
+// the long form's part behind them are.
+constexpr std::uint32_t kChecksumOffset = offsetof(GroupDescriptor, bg_checksum_);
+constexpr std::uint32_t kWideHalf = GroupDescriptor::kNarrowSize;
 
 }  // namespace
 
@@ -34,9 +41,8 @@ std::uint16_t Crc16(std::uint16_t crc, const unsigned char* bytes, std::uint32_t
 
 std::uint16_t DescriptorChecksum(const unsigned char* uuid, std::uint32_t group, const unsigned char* descriptor,
                                  std::uint32_t size, bool wide) {
-    const unsigned char group_bytes[4] = {static_cast<unsigned char>(group), static_cast<unsigned char>(group >> 8),
-                                          static_cast<unsigned char>(group >> 16),
-                                          static_cast<unsigned char>(group >> 24)};
+    unsigned char group_bytes[4];
+    Common::StoreLE32(group_bytes, group);
     std::uint16_t crc = Crc16(0xFFFF, uuid, 16);
     crc = Crc16(crc, group_bytes, 4);
     crc = Crc16(crc, descriptor, kChecksumOffset);

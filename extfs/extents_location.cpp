@@ -4,28 +4,35 @@
 #include <cstring>
 
 #include "extfs/location_processor.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
 
 namespace {
 
-constexpr std::uint32_t kRecordSize = 12;
+constexpr std::uint32_t kRecordSize = sizeof(ExtentLeaf);  // the header and each entry
 constexpr std::uint64_t kLargestKey = 0xFFFFFFFFu;
 
-// One level of a walk: a node whose header has passed the checks.
+// One level of a walk: a node whose header has passed the checks, so that
+// its eh_max entries lie inside the node's room.
 struct ExtentNode {
-    ExtentNode(const unsigned char* bytes, std::uint32_t capacity, std::uint64_t level) : header(bytes), level(level) {
-        if (level >= ExtentsLocationProcessor::kMaxDepth) Fail(ERROR_TAG, Common::FILE_CORRUPT);
-        if (header.eh_magic() != ExtentHeader::kMagic) Fail(ERROR_TAG, Common::FILE_CORRUPT);
-        if (header.eh_entries() > header.eh_max()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
-        if ((std::uint32_t(header.eh_max()) + 1) * kRecordSize > capacity) Fail(ERROR_TAG, Common::FILE_CORRUPT);
-        if (header.eh_depth() != 0 && header.eh_entries() == 0) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    ExtentNode(const unsigned char* bytes, std::uint32_t capacity, std::uint64_t level)
+        : header(reinterpret_cast<const ExtentHeader*>(bytes)), level(level) {
+        if (level >= ExtentsLocationProcessor::kMaxDepth) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        if (header->eh_magic() != ExtentHeader::kMagic) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        if (header->eh_entries() > header->eh_max()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        if ((std::uint32_t(header->eh_max()) + 1) * kRecordSize > capacity) {
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        }
+        if (header->eh_depth() != 0 && header->eh_entries() == 0) {
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        }
     }
 
-    std::uint32_t entries() const { return header.eh_entries(); }
-    // The first logical block of entry `n`: ee_block and ei_block share the place.
-    std::uint32_t key(std::uint32_t n) const { return Le32(header.entry(n)); }
+    std::uint32_t entries() const { return header->eh_entries(); }
+    std::uint32_t depth() const { return header->eh_depth(); }
+    // The first logical block of entry `n`, of an index or a leaf alike.
+    std::uint32_t key(std::uint32_t n) const { return header->key(n); }
 
     // The first entry whose key isn't below `key`, by binary search.
     std::uint32_t lower_bound(std::uint64_t wanted) const {
@@ -50,14 +57,13 @@ struct ExtentNode {
         return at > 0 ? at - 1 : 0;
     }
 
-    ExtentHeader header;
+    const ExtentHeader* header;
     std::uint64_t level;
 };
 
 // The decoded form of a leaf entry.
 struct ExtentRecord {
-    explicit ExtentRecord(const unsigned char* bytes) {
-        ExtentLeaf leaf(bytes);
+    explicit ExtentRecord(const ExtentLeaf& leaf) {
         first_logical = leaf.ee_block();
         first_physical = leaf.ee_start();
         unwritten = leaf.ee_len() > ExtentsLocationProcessor::kUnwrittenBias;
@@ -78,8 +84,8 @@ struct ExtentRecord {
 std::uint64_t ExtentsLocationProcessor::first_block(const unsigned char* map) {
     ExtentNode root(map, InodeRecord::kMapBytes, 0);
     if (root.entries() == 0) return 0;
-    if (root.header.eh_depth() == 0) return ExtentRecord(root.header.entry(0)).first_physical;
-    return ExtentIndex(root.header.entry(0)).child();
+    if (root.depth() == 0) return ExtentRecord(root.header->leaf(0)).first_physical;
+    return root.header->index(0).child();
 }
 
 std::uint64_t ExtentsLocationProcessor::locate(const unsigned char* map, std::uint64_t block, std::uint64_t& count,
@@ -88,13 +94,13 @@ std::uint64_t ExtentsLocationProcessor::locate(const unsigned char* map, std::ui
     unsigned char root[InodeRecord::kMapBytes];
     std::memcpy(root, map, sizeof(root));
     ExtentNode node(root, sizeof(root), 0);
-    while (node.header.eh_depth() != 0) {
-        std::uint64_t child = ExtentIndex(node.header.entry(node.index_for(block))).child();
+    while (node.depth() != 0) {
+        std::uint64_t child = node.header->index(node.index_for(block)).child();
         std::uint64_t level = node.level + 1;
-        if (level >= kMaxDepth) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (level >= kMaxDepth) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         const unsigned char* bytes = walk.level_block(child, static_cast<std::uint32_t>(level)).data();
         ExtentNode below(bytes, driver->block_size(), level);
-        if (below.header.eh_depth() >= node.header.eh_depth()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (below.depth() >= node.depth()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         node = below;
     }
     count = 1;
@@ -103,7 +109,7 @@ std::uint64_t ExtentsLocationProcessor::locate(const unsigned char* map, std::ui
     std::uint32_t from = at > 0 ? at - 1 : 0;
     std::uint32_t to = at < node.entries() ? at : node.entries() - (node.entries() > 0 ? 1 : 0);
     for (std::uint32_t n = from; node.entries() > 0 && n <= to; ++n) {
-        ExtentRecord extent(node.header.entry(n));
+        ExtentRecord extent(node.header->leaf(n));
         if (!extent.holds(block)) continue;
         unwritten = extent.unwritten;
         count = extent.length - (block - extent.first_logical);

@@ -7,28 +7,21 @@
 #include "extfs/extfs_file.h"
 #include "extfs/extfs_iterator.h"
 #include "files/utf_conversion.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/byte_order.h"
 
 namespace extfs {
 
 namespace {
 
-constexpr std::uint32_t kRootIndex = 1;       // inode number 2
-constexpr std::uint8_t kDirectoryType = 2;    // file_type of a directory
+constexpr std::uint8_t kDirectoryType = 2;  // file_type of a directory
 constexpr std::uint8_t kFirstNonFileType = 2;
-
-[[noreturn]] void Corrupt(std::uint64_t tag) { Fail(tag, Common::FILE_CORRUPT); }
-
-bool IsDots(const unsigned char* name, std::uint32_t length) {
-    return (length == 1 && name[0] == '.') || (length == 2 && name[0] == '.' && name[1] == '.');
-}
 
 }  // namespace
 
 file_identifier* ExtfsIdentifier::make(const std::u16string& name, std::uint32_t entry_block,
                                        const std::string& bytes) {
     std::vector<unsigned char> key(bytes.size() + 8, 0);
-    for (int i = 0; i < 4; ++i) key[i] = static_cast<unsigned char>(entry_block >> (8 * i));
+    Common::StoreLE32(key.data(), entry_block);
     std::memcpy(key.data() + kNameOffset, bytes.data(), bytes.size());
     return new the_identifier(name.c_str(), key.data(), static_cast<std::uint32_t>(key.size()));
 }
@@ -36,71 +29,23 @@ file_identifier* ExtfsIdentifier::make(const std::u16string& name, std::uint32_t
 bool ExtfsIdentifier::parse(const file_identifier& identifier, std::uint32_t& entry_block, std::string& bytes) {
     auto* known = dynamic_cast<const the_identifier*>(&identifier);
     if (known == nullptr || known->key() == nullptr) return false;
-    entry_block = Le32(known->key());
+    entry_block = Common::LoadLE32(known->key());
     bytes = reinterpret_cast<const char*>(known->key() + kNameOffset);
     return true;
 }
 
-bool CheckEntry(const ExtfsDriver& driver, const unsigned char* bytes, std::uint32_t rest, std::uint64_t position,
-                std::uint32_t directory_index, bool skip_dots) {
-    if (position % 4 != 0 || rest < DirEntryRecord::kHeaderSize) Corrupt(ERROR_TAG);
-    DirEntryRecord entry(bytes);
-    if (entry.rec_len() % 4 != 0 || entry.inode() > driver.inodes_count) Corrupt(ERROR_TAG);
-    if (entry.rec_len() < entry.name_len() + DirEntryRecord::kHeaderSize || entry.rec_len() > rest) Corrupt(ERROR_TAG);
-    if (entry.inode() == 0) return false;
-    if (entry.name_len() == 0) Corrupt(ERROR_TAG);
-    if (std::memchr(entry.name(), '/', entry.name_len()) != nullptr ||
-        std::memchr(entry.name(), 0, entry.name_len()) != nullptr) {
-        Corrupt(ERROR_TAG);
-    }
-    const bool hidden = driver.inode_hidden(entry.inode() - 1);
-    if (!IsDots(entry.name(), entry.name_len())) return !hidden;
-    if (entry.name_len() == 1 && entry.inode() - 1 != directory_index) Corrupt(ERROR_TAG);
-    if ((entry.file_type() != kDirectoryType && entry.file_type() != 0) || hidden) Corrupt(ERROR_TAG);
-    return !skip_dots;
-}
-
 ExtfsDirectory::ExtfsDirectory(ExtfsDriver* driver, std::uint32_t id)
-    : DirectoryObject(driver, id), ext(driver), inode(driver->inodes().open(id == 0 ? kRootIndex : id)) {
-    if (!inode->is_directory()) Corrupt(ERROR_TAG);
-    if (size() == 0 || size() % driver->block_size() != 0) Corrupt(ERROR_TAG);
-}
-
-const unsigned char* ExtfsDirectory::entry_block(std::uint64_t position) {
-    if (position >= size()) Corrupt(ERROR_TAG);
-    const std::uint64_t index = position / ext->block_size();
-    if (index != current_index || !current_block) {
-        std::uint64_t count = 0;
-        // A hole answers kNoBlock, which get_fs_block refuses.
-        current_block = ext->get_fs_block(inode->map_block(index, count), false);
-        current_index = index;
-    }
-    return current_block.data();
-}
-
-bool ExtfsDirectory::next_entry(DirEntryCopy& entry, std::uint64_t& position, bool skip_dots) {
-    const std::uint32_t block_size = ext->block_size();
-    const std::uint32_t directory_index = id == 0 ? kRootIndex : id;
-    while (position < size()) {
-        const std::uint32_t offset = static_cast<std::uint32_t>(position % block_size);
-        const unsigned char* bytes = entry_block(position) + offset;
-        const bool shown = CheckEntry(*ext, bytes, block_size - offset, position, directory_index, skip_dots);
-        DirEntryRecord record(bytes);
-        const std::uint64_t at = position;
-        position += record.rec_len();
-        if (!shown) continue;
-        entry.position = at;
-        entry.inode = record.inode();
-        entry.file_type = record.file_type();
-        entry.name.assign(reinterpret_cast<const char*>(record.name()), record.name_len());
-        return true;
-    }
-    return false;
+    : DirectoryObject(driver, id),
+      ext(driver),
+      inode(driver->inodes().open(InodeIndexOfDirectory(id))),
+      walker(driver, inode, DirectoryWalker::BlockInHand::cached) {
+    if (!inode->is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    if (size() == 0 || size() % driver->block_size() != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }
 
 bool ExtfsDirectory::search(const std::string& name, DirEntryCopy& entry, std::uint64_t& position,
                             std::uint64_t limit) {
-    while (position < limit && next_entry(entry, position, false)) {
+    while (position < limit && walker.next(entry, position, false)) {
         if (entry.name == name) {
             position = entry.position;
             return true;
@@ -120,68 +65,64 @@ bool ExtfsDirectory::find_entry(const std::string& name, DirEntryCopy& entry, st
     return search(name, entry, position, size());
 }
 
-DirEntryCopy ExtfsDirectory::entry_named(const std::u16string& name) {
+DirEntryCopy ExtfsDirectory::lookup(const std::string& name, std::uint64_t hint, const Common::Failure& miss) {
     DirEntryCopy entry;
-    if (!find_entry(utf16_to_utf8(name), entry, 0)) Fail(ERROR_TAG, Common::FILE_NOT_FOUND);
+    if (!find_entry(name, entry, hint)) Common::Raise(ERROR_TAG, miss);
     return entry;
 }
 
+DirEntryCopy ExtfsDirectory::lookup(const file_identifier& identifier, const Common::Failure& miss) {
+    std::uint32_t entry_block = 0;
+    std::string bytes;
+    if (!ExtfsIdentifier::parse(identifier, entry_block, bytes)) Common::Raise(ERROR_TAG, miss);
+    return lookup(bytes, std::uint64_t(entry_block) * ext->block_size(), miss);
+}
+
 FileSystemDriver::IteratorObject* ExtfsDirectory::begin() {
+    // The iterator walks on with a walker of its own, which reads copies.
+    DirectoryWalker own(ext, inode, DirectoryWalker::BlockInHand::copied);
     DirEntryCopy entry;
     std::uint64_t position = 0;
-    if (!next_entry(entry, position, true)) return nullptr;
-    return new ExtfsIterator(ext, id, inode, entry);
+    if (!own.next(entry, position, true)) return nullptr;
+    return new ExtfsIterator(ext, id, std::move(own), entry, position);
 }
 
 FileSystemDriver::IteratorObject* ExtfsDirectory::find(const std::u16string& name) {
-    return new ExtfsBaseIterator(ext, id, entry_named(name), ext->block_size());
+    return new ExtfsBaseIterator(ext, id, lookup(utf16_to_utf8(name), 0, Common::Failures::FILE_NOT_FOUND),
+                                 ext->block_size());
 }
 
 FileSystemDriver::IteratorObject* ExtfsDirectory::find(const file_identifier& identifier) {
-    std::uint32_t entry_block = 0;
-    std::string bytes;
-    DirEntryCopy entry;
-    if (!ExtfsIdentifier::parse(identifier, entry_block, bytes) ||
-        !find_entry(bytes, entry, std::uint64_t(entry_block) * ext->block_size())) {
-        Fail(ERROR_TAG, Common::FILE_NOT_FOUND);
-    }
-    return new ExtfsBaseIterator(ext, id, entry, ext->block_size());
+    return new ExtfsBaseIterator(ext, id, lookup(identifier, Common::Failures::FILE_NOT_FOUND), ext->block_size());
 }
 
 std::uint32_t ExtfsDirectory::lookup_directory(const std::u16string& name) {
-    DirEntryCopy entry = entry_named(name);
+    DirEntryCopy entry = lookup(utf16_to_utf8(name), 0, Common::Failures::FILE_NOT_FOUND);
     if (entry.file_type == 0) {
-        if (!ext->inodes().open(entry.inode - 1)->is_directory()) Fail(ERROR_TAG, Common::FILE_OPEN);
+        if (!ext->inodes().open(entry.inode - 1)->is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     } else if (entry.file_type != kDirectoryType) {
-        Fail(ERROR_TAG, Common::FILE_OPEN);
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     }
-    return entry.inode - 1 == kRootIndex ? 0 : entry.inode - 1;
+    return DirectoryIdOfInode(entry.inode - 1);
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_file(const std::u16string& name) {
-    return open_entry(entry_named(name));
+    return open_entry(lookup(utf16_to_utf8(name), 0, Common::Failures::FILE_NOT_FOUND));
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_file(IteratorObject& entry) {
-    auto* walker = dynamic_cast<ExtfsBaseIterator*>(&entry);
-    if (walker == nullptr || walker->directory_id != id) Fail(ERROR_TAG, Common::FILE_OPEN);
-    std::unique_ptr<file_identifier> identifier(walker->identifier());
+    auto* standing = dynamic_cast<ExtfsBaseIterator*>(&entry);
+    if (standing == nullptr || standing->directory_id != id) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    std::unique_ptr<file_identifier> identifier(standing->identifier());
     return open_file(*identifier);
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_file(const file_identifier& identifier) {
-    std::uint32_t entry_block = 0;
-    std::string bytes;
-    DirEntryCopy entry;
-    if (!ExtfsIdentifier::parse(identifier, entry_block, bytes) ||
-        !find_entry(bytes, entry, std::uint64_t(entry_block) * ext->block_size())) {
-        Fail(ERROR_TAG, Common::FILE_OPEN);
-    }
-    return open_entry(entry);
+    return open_entry(lookup(identifier, Common::Failures::FILE_OPEN));
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_entry(const DirEntryCopy& entry) {
-    if (entry.file_type >= kFirstNonFileType) Fail(ERROR_TAG, Common::FILE_OPEN);
+    if (entry.file_type >= kFirstNonFileType) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return new ExtfsFile(ext, ext->inodes().open(entry.inode - 1));
 }
 
@@ -197,7 +138,7 @@ void ExtfsDirectory::link_entry(const std::u16string&, DirectoryObject&, const s
 }
 void ExtfsDirectory::symlink_entry(const std::u16string&, const std::u16string&) { ext->refuse_change(ERROR_TAG); }
 void ExtfsDirectory::set_attributes(const std::u16string&, std::uint32_t) {
-    Fail(ERROR_TAG, Common::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
 }
 void ExtfsDirectory::set_permissions(const std::u16string&, std::uint32_t) { ext->refuse_change(ERROR_TAG); }
 void ExtfsDirectory::set_owner(const std::u16string&, std::uint32_t, std::uint32_t) { ext->refuse_change(ERROR_TAG); }

@@ -1,26 +1,17 @@
 #pragma once
-// One ext directory: a file of whole blocks filled with directory entries.
-// Every directory is read as a plain list and searched from the top by
-// name bytes; an indexed directory reads the same way, because its index
-// blocks look like one unused entry that fills the block. One directory
-// block is kept in hand at a time.
+// One ext directory. Lookups walk its entries from the top and compare
+// name bytes, through the directory walker, holding one cached directory
+// block at a time; listings walk with iterators of their own.
 #include <cstdint>
 #include <string>
 
+#include "extfs/directory_walker.h"
 #include "extfs/extfs_driver.h"
 #include "extfs/extfs_inode_cache.h"
-#include "fsdriver/block_handle.h"
 #include "fsdriver/directory_object.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
-
-// An entry as the walk found it, copied out of its block.
-struct DirEntryCopy {
-    std::uint64_t position = 0;  // byte offset of the entry in the directory
-    std::uint32_t inode = 0;     // inode number, not index
-    std::uint8_t file_type = 0;
-    std::string name;
-};
 
 // The key of an identifier: the directory block of the entry as a u32,
 // then the name bytes with an ending 0.
@@ -30,14 +21,6 @@ struct ExtfsIdentifier {
     // False for an identifier that this driver didn't make.
     static bool parse(const file_identifier& identifier, std::uint32_t& entry_block, std::string& bytes);
 };
-
-// Checks the entry at `entry`, which has `rest` bytes up to the end of its
-// block, at byte `position` of the directory whose inode has index
-// `directory_index`. True for an entry to show; false for an unused one,
-// one hidden by the inode filter, or a dot entry while `skip_dots`.
-// FILE_CORRUPT for damage.
-bool CheckEntry(const ExtfsDriver& driver, const unsigned char* entry, std::uint32_t rest, std::uint64_t position,
-                std::uint32_t directory_index, bool skip_dots);
 
 class ExtfsDirectory : public FileSystemDriver::DirectoryObject {
 public:
@@ -71,25 +54,23 @@ public:
     void make_node(const std::u16string& name, std::uint32_t kind, std::uint32_t permissions, std::uint32_t major,
                    std::uint32_t minor) override;
 
-    // --- the walk ---
+    // --- lookups ---
     std::uint64_t size() const { return inode->size(); }
-    // The start of the directory block that holds byte `position`.
-    const unsigned char* entry_block(std::uint64_t position);
-    // The next entry to show from `position` on; `position` ends behind it.
-    bool next_entry(DirEntryCopy& entry, std::uint64_t& position, bool skip_dots);
     // Searches `name` among the entries from `position` up to `limit`, dot
     // entries included. Found: `position` is the entry's own offset.
     bool search(const std::string& name, DirEntryCopy& entry, std::uint64_t& position, std::uint64_t limit);
     // Searches the block of the hint first, then the whole directory.
     bool find_entry(const std::string& name, DirEntryCopy& entry, std::uint64_t hint);
-    // The entry of `name`; FILE_NOT_FOUND when there is none.
-    DirEntryCopy entry_named(const std::u16string& name);
+    // The entry of `name` by find_entry; `miss` is raised when there is none.
+    DirEntryCopy lookup(const std::string& name, std::uint64_t hint, const Common::Failure& miss);
+    // The entry an identifier names, with its entry block as the hint;
+    // `miss` for none, and for an identifier this driver didn't make.
+    DirEntryCopy lookup(const file_identifier& identifier, const Common::Failure& miss);
     FileObject* open_entry(const DirEntryCopy& entry);
 
     ExtfsDriver* ext;
     InodeRef inode;
-    BlockHandle current_block;
-    std::uint64_t current_index = ExtfsDriver::kNoBlock;
+    DirectoryWalker walker;
 };
 
 }  // namespace extfs

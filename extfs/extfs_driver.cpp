@@ -6,23 +6,10 @@
 #include "extfs/extfs_directory.h"
 #include "extfs/extfs_inode_cache.h"
 #include "extfs/location_processor.h"
-#include "fsdriver/driver_error.h"
 
 namespace extfs {
 
 namespace {
-
-const char16_t* MessageOf(std::uint32_t code) {
-    switch (code) {
-    case Common::FILE_SEEK: return Common::Messages::FILE_SEEK;
-    case Common::FILE_NO_MEMORY: return Common::Messages::FILE_NO_MEMORY;
-    case Common::FILE_OPEN: return Common::Messages::FILE_OPEN;
-    case Common::FILE_READ_ONLY: return Common::Messages::FILE_READ_ONLY;
-    case Common::FILE_UNSUPPORTED: return Common::Messages::FILE_UNSUPPORTED;
-    case Common::FILE_NOT_FOUND: return Common::Messages::FILE_NOT_FOUND;
-    default: return Common::Messages::FILE_CORRUPT;
-    }
-}
 
 // The name bytes of an identifier made by this driver: behind the entry
 // block, up to the ending 0. Null for a foreign identifier.
@@ -33,8 +20,6 @@ const unsigned char* NameBytes(const file_identifier& identifier) {
 }
 
 }  // namespace
-
-void Fail(std::uint64_t tag, std::uint32_t code) { RaiseDriverError(tag, code, MessageOf(code)); }
 
 void ExtfsDriver::space(std::uint64_t& total, std::uint64_t& free, std::uint64_t& available) {
     total = blocks_count * block_size();
@@ -61,7 +46,7 @@ int ExtfsDriver::compare_identifiers(const file_identifier& a, const file_identi
 }
 
 void ExtfsDriver::before_first_write() {
-    if (read_only) Fail(ERROR_TAG, Common::FILE_READ_ONLY);
+    if (read_only) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
     FileSystemDriverPosix::before_first_write();
 }
 
@@ -74,23 +59,26 @@ const char* ExtfsDriver::type_name() {
     case kExt2: return "Ext2";
     case kExt3: return "Ext3";
     case kExt4: return "Ext4";
-    default: Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    default: Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
 }
 
 BlockHandle ExtfsDriver::get_fs_block(std::uint64_t block, bool no_read) {
-    if (block >= blocks_count) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (block >= blocks_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     return get_block(block * sectors_per_block, sectors_per_block, no_read);
 }
 
 void ExtfsDriver::read_blocks(void* buffer, std::uint64_t block, std::uint64_t count) {
-    if (block >= blocks_count || count > blocks_count - block) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (block >= blocks_count || count > blocks_count - block) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     read_sectors(buffer, block * sectors_per_block, count * sectors_per_block, sectors_per_block, 0);
 }
 
 GroupDescriptor ExtfsDriver::descriptor(std::uint32_t group) const {
-    if (group >= groups) Fail(ERROR_TAG, Common::FILE_CORRUPT);
-    return GroupDescriptor(descriptors.data() + std::size_t(group) * descriptor_size, has_incompat(kIncompat64Bit));
+    if (group >= groups) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    GroupDescriptor copy{};
+    std::memcpy(&copy, descriptors.data() + std::size_t(group) * descriptor_size,
+                std::min<std::size_t>(descriptor_size, sizeof(copy)));
+    return copy;
 }
 
 bool ExtfsDriver::inode_hidden(std::uint32_t index) const {
@@ -101,7 +89,7 @@ bool ExtfsDriver::inode_hidden(std::uint32_t index) const {
 
 InodeLocationProcessor& ExtfsDriver::location_processor(std::uint32_t flags) {
     if ((flags & ExtfsInode::kExtentsFlag) != 0) {
-        if (!has_incompat(kIncompatExtents)) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (!has_incompat(kIncompatExtents)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         if (!extents_processor) extents_processor = std::make_unique<ExtentsLocationProcessor>(this);
         return *extents_processor;
     }
@@ -112,7 +100,7 @@ InodeLocationProcessor& ExtfsDriver::location_processor(std::uint32_t flags) {
 void ExtfsDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
 
 void ExtfsDriver::refuse_change(std::uint64_t tag) const {
-    Fail(tag, read_only ? Common::FILE_READ_ONLY : Common::FILE_UNSUPPORTED);
+    Common::Raise(tag, read_only ? Common::Failures::FILE_READ_ONLY : Common::Failures::FILE_UNSUPPORTED);
 }
 
 }  // namespace extfs

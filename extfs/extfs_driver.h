@@ -9,15 +9,15 @@
 //
 // An inode index is the inode number minus 1; every object here works with
 // the index. A directory id is the index of the directory's inode, but the
-// root (inode number 2) is id 0.
+// root (inode number 2) is id 0: the two functions below are that mapping.
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "extfs/ext_records.h"
-#include "fsdriver/driver_error.h"
 #include "fsdriver/file_system_driver_posix.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
 
@@ -54,7 +54,8 @@ public:
     BlockHandle get_fs_block(std::uint64_t block, bool no_read);
     // Whole blocks past the cache, as one bulk transfer.
     void read_blocks(void* buffer, std::uint64_t block, std::uint64_t count);
-    // The descriptor of `group`; FILE_CORRUPT for a group the volume hasn't.
+    // A copy of the descriptor of `group`, zero-filled behind a 32-byte
+    // one; FILE_CORRUPT for a group the volume hasn't.
     GroupDescriptor descriptor(std::uint32_t group) const;
     std::uint64_t inode_table(std::uint32_t group) const { return descriptor(group).bg_inode_table(); }
     // 1 when the group holds a copy of the superblock and descriptors.
@@ -113,7 +114,11 @@ private:
     void check_descriptor_checksums() const;
 };
 
-// Raises a Common::Error of the driver with the code's catalogue text.
-[[noreturn]] void Fail(std::uint64_t tag, std::uint32_t code);
+constexpr std::uint32_t kRootIndex = 1;  // inode number 2
+
+// The index of the inode of the directory with id `id`.
+constexpr std::uint32_t InodeIndexOfDirectory(std::uint32_t id) { return id == 0 ? kRootIndex : id; }
+// The directory id of the directory whose inode has index `index`.
+constexpr std::uint32_t DirectoryIdOfInode(std::uint32_t index) { return index == kRootIndex ? 0 : index; }
 
 }  // namespace extfs

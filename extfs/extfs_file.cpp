@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
 
 ExtfsFile::ExtfsFile(ExtfsDriver* driver, InodeRef inode) : inode(std::move(inode)), driver(driver) {
-    if (!this->inode->is_regular()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (!this->inode->is_regular()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }
 
 std::uint64_t ExtfsFile::sector_at(std::uint64_t position) {
@@ -32,7 +32,7 @@ void ExtfsFile::read(void* buffer, std::uint64_t position, std::uint64_t size, s
         const std::uint32_t offset = static_cast<std::uint32_t>(position % block_size);
         if (run == 0) {
             physical = inode->map_block(position / block_size, run);
-            if (run == 0) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+            if (run == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         }
         std::uint64_t blocks_done = 0;
         std::uint64_t bytes = 0;

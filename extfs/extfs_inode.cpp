@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "extfs/extfs_inode_cache.h"
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
 
@@ -34,19 +34,22 @@ file_time TimeOf(std::uint32_t field, std::uint32_t extra) {
 
 ExtfsInode::ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_t index)
     : index(index), driver(driver), cache(cache) {
-    if (index >= driver->inodes_count || driver->inode_hidden(index)) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (index >= driver->inodes_count || driver->inode_hidden(index)) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
     const std::uint32_t group = index / driver->inodes_per_group;
     const std::uint32_t in_group = index % driver->inodes_per_group;
     const std::uint64_t block = driver->inode_table(group) + in_group / driver->inodes_per_block;
     const std::uint32_t offset = (index % driver->inodes_per_block) * driver->inode_size;
     BlockHandle table = driver->get_fs_block(block, false);
-    raw.assign(table.data() + offset, table.data() + offset + driver->inode_size);
-    if (record().i_links_count() == 0) Fail(ERROR_TAG, Common::FILE_OPEN);
+    raw.assign(std::max<std::size_t>(driver->inode_size, sizeof(InodeRecord)), 0);
+    std::memcpy(raw.data(), table.data() + offset, driver->inode_size);
+    if (record().i_links_count() == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     processor = &driver->location_processor(record().i_flags());
     walk = std::make_unique<ExtfsBlockWalk>(driver, processor->max_depth());
     // Checked once here, so that a listing, an open and a read all meet the
     // same refusal, and none of them trusts a size that no map could fill.
-    if (size() > largest_size()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (size() > largest_size()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }
 
 ExtfsInode::~ExtfsInode() { cache->forget(this); }
@@ -60,7 +63,7 @@ std::uint32_t KindOfMode(std::uint16_t mode) {
     case kFifo: return KIND_FIFO;
     case kSocket: return KIND_SOCKET;
     case kSymlink: return KIND_SYMLINK;
-    default: Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    default: Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
 }
 
@@ -90,7 +93,7 @@ std::uint64_t ExtfsInode::largest_size() const {
 std::uint32_t ExtfsInode::links() const {
     std::uint32_t count = record().i_links_count();
     if (count != 1 || !is_directory()) return count;
-    if (!driver->has_ro_compat(kRoCompatDirNlink)) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (!driver->has_ro_compat(kRoCompatDirNlink)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     return kManyLinks;
 }
 
@@ -107,24 +110,32 @@ std::uint32_t ExtfsInode::device_minor() const {
     return (word & 0xFF) | ((word >> 12) & 0xFFF00);
 }
 
-file_time ExtfsInode::modified() const { return TimeOf(record().i_mtime(), record().i_mtime_extra()); }
-file_time ExtfsInode::changed() const { return TimeOf(record().i_ctime(), record().i_ctime_extra()); }
-file_time ExtfsInode::accessed() const { return TimeOf(record().i_atime(), record().i_atime_extra()); }
-file_time ExtfsInode::created() const { return TimeOf(record().i_crtime(), record().i_crtime_extra()); }
+file_time ExtfsInode::modified() const {
+    return TimeOf(record().i_mtime(), record().i_mtime_extra(driver->inode_size));
+}
+file_time ExtfsInode::changed() const {
+    return TimeOf(record().i_ctime(), record().i_ctime_extra(driver->inode_size));
+}
+file_time ExtfsInode::accessed() const {
+    return TimeOf(record().i_atime(), record().i_atime_extra(driver->inode_size));
+}
+file_time ExtfsInode::created() const {
+    return TimeOf(record().i_crtime(driver->inode_size), record().i_crtime_extra(driver->inode_size));
+}
 
 std::uint64_t ExtfsInode::blocks() const {
-    const InodeRecord inode = record();
+    const InodeRecord& inode = record();
     std::uint64_t value = inode.i_blocks_lo();
     if (driver->has_ro_compat(kRoCompatHugeFile)) value |= std::uint64_t(inode.i_blocks_high()) << 32;
     if ((inode.i_flags() & kHugeFileFlag) != 0) {
         // Counted in file-system blocks already.
-        if (!driver->has_ro_compat(kRoCompatHugeFile)) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (!driver->has_ro_compat(kRoCompatHugeFile)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     } else {
         const std::uint64_t units_per_block = std::uint64_t(1) << driver->block_shift;
-        if (value % units_per_block != 0) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (value % units_per_block != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         value >>= driver->block_shift;
     }
-    if (value >= driver->blocks_count) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (value >= driver->blocks_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     return value;
 }
 
@@ -137,7 +148,7 @@ std::uint64_t ExtfsInode::first_block() {
 
 std::uint64_t ExtfsInode::map_block(std::uint64_t block, std::uint64_t& count) {
     count = 0;
-    if (block >= processor->max_blocks()) Fail(ERROR_TAG, Common::FILE_SEEK);
+    if (block >= processor->max_blocks()) Common::Raise(ERROR_TAG, Common::Failures::FILE_SEEK);
     bool unwritten = false;
     std::uint64_t physical = processor->locate(record().i_block(), block, count, unwritten, *walk);
     return unwritten ? ExtfsDriver::kNoBlock : physical;
@@ -146,13 +157,13 @@ std::uint64_t ExtfsInode::map_block(std::uint64_t block, std::uint64_t& count) {
 const std::string& ExtfsInode::symlink_target() {
     if (!target.empty() || !is_symlink()) return target;
     const std::uint32_t length = record().i_size_lo();
-    if (length == 0 || length > driver->block_size()) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (length == 0 || length > driver->block_size()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if (has_data()) {
         std::uint64_t count = 0;
         BlockHandle block = driver->get_fs_block(map_block(0, count), false);
         target.assign(reinterpret_cast<const char*>(block.data()), length);
     } else {
-        if (length > kFastSymlinkLimit) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+        if (length > kFastSymlinkLimit) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         target.assign(reinterpret_cast<const char*>(record().i_block()), length);
     }
     return target;

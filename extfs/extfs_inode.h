@@ -31,7 +31,7 @@ public:
     ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_t index);
     ~ExtfsInode() override;
 
-    InodeRecord record() const { return InodeRecord(raw.data(), static_cast<std::uint32_t>(raw.size())); }
+    const InodeRecord& record() const { return *reinterpret_cast<const InodeRecord*>(raw.data()); }
     std::uint16_t mode() const { return record().i_mode(); }
     // The kind of the directory family; FILE_CORRUPT for a type outside the format.
     std::uint32_t kind() const;
@@ -65,6 +65,7 @@ public:
 
     std::uint32_t index;
     ExtfsDriver* driver;
+    // The inode's bytes, zero-filled up to the size of the record.
     std::vector<unsigned char> raw;
     std::string target;
     bool dirty = false;

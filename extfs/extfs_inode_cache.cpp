@@ -1,6 +1,6 @@
 #include "extfs/extfs_inode_cache.h"
 
-#include "fsdriver/driver_error.h"
+#include "loader/common/raise.h"
 
 namespace extfs {
 
@@ -25,7 +25,7 @@ ExtfsInodeCache::~ExtfsInodeCache() {
 }
 
 InodeRef ExtfsInodeCache::open(std::uint32_t index) {
-    if (index >= driver_->inodes_count) Fail(ERROR_TAG, Common::FILE_CORRUPT);
+    if (index >= driver_->inodes_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     auto found = inodes_.find(index);
     if (found != inodes_.end()) {
         lru_.move_to_head(found->second);

@@ -2,12 +2,12 @@
 // Positions on ext directory entries. Each is a copy of all that a caller
 // can ask about its entry, taken when it comes to stand there, so asking
 // reads nothing. The base class stands on one entry only; ExtfsIterator
-// walks on through the directory with a copy of the block in hand, so a
-// change behind its back doesn't disturb the block it is reading.
+// walks on through the directory with a walker that reads copies of the
+// blocks, so a change behind its back doesn't disturb the block it is in.
 #include <cstdint>
 #include <string>
-#include <vector>
 
+#include "extfs/directory_walker.h"
 #include "extfs/extfs_directory.h"
 #include "fsdriver/iterator_object.h"
 
@@ -63,21 +63,16 @@ protected:
 
 class ExtfsIterator : public ExtfsBaseIterator {
 public:
-    // Stands on `entry`, which the directory's walk has just found.
-    ExtfsIterator(ExtfsDriver* driver, std::uint32_t directory_id, const InodeRef& directory,
-                  const DirEntryCopy& entry);
+    // Stands on `entry`, which `walker` has just found; the walk goes on
+    // from `position`, behind it.
+    ExtfsIterator(ExtfsDriver* driver, std::uint32_t directory_id, DirectoryWalker walker, const DirEntryCopy& entry,
+                  std::uint64_t position);
 
     bool next() override;
 
 private:
-    // Reads directory block `index` into the copy in hand.
-    void load_block(std::uint64_t index);
-
-    InodeRef directory_;
-    std::uint64_t position_;  // of the current entry
-    std::uint32_t block_size_;
-    std::uint64_t block_index_ = ExtfsDriver::kNoBlock;
-    std::vector<unsigned char> block_;
+    DirectoryWalker walker_;
+    std::uint64_t position_;  // behind the current entry
 };
 
 }  // namespace extfs
