@@ -18,6 +18,7 @@
 
 #include "firmware/byte_cursor.h"
 #include "firmware/load_option.h"
+#include "loader/common/byte_order.h"
 #include "loader/common/error.h"
 #include "platform/clib/clib.h"
 #include "platform/host/variable_store.h"
@@ -51,15 +52,9 @@ std::string Format(const char* format, ...) {
     return buffer;
 }
 
-std::uint64_t Little(const std::uint8_t* bytes, int width) {
-    std::uint64_t value = 0;
-    for (int i = width - 1; i >= 0; --i) value = (value << 8) | bytes[i];
-    return value;
-}
-
 std::string GuidText(const std::uint8_t* bytes) {
-    return Format("%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", static_cast<unsigned>(Little(bytes, 4)),
-                  static_cast<unsigned>(Little(bytes + 4, 2)), static_cast<unsigned>(Little(bytes + 6, 2)), bytes[8],
+    return Format("%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", static_cast<unsigned>(Common::LoadLE32(bytes)),
+                  static_cast<unsigned>(Common::LoadLE16(bytes + 4)), static_cast<unsigned>(Common::LoadLE16(bytes + 6)), bytes[8],
                   bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
 }
 
@@ -79,11 +74,11 @@ std::string NodeText(const std::uint8_t* node, std::size_t length) {
     const std::size_t size = length - 4;
     auto has = [size](std::size_t needed) { return size >= needed; };
     if (type == 1 && subtype == 1 && has(2)) return Format("Pci(0x%X,0x%X)", data[1], data[0]);
-    if (type == 1 && subtype == 5 && has(4)) return Format("Ctrl(0x%X)", static_cast<unsigned>(Little(data, 4)));
+    if (type == 1 && subtype == 5 && has(4)) return Format("Ctrl(0x%X)", static_cast<unsigned>(Common::LoadLE32(data)));
     if (type == 1 && subtype == 4 && has(16)) return "VenHw(" + GuidText(data) + ")";
     if (type == 2 && subtype == 1 && has(8)) {
-        const auto hid = static_cast<std::uint32_t>(Little(data, 4));
-        const auto uid = static_cast<unsigned>(Little(data + 4, 4));
+        const auto hid = static_cast<std::uint32_t>(Common::LoadLE32(data));
+        const auto uid = static_cast<unsigned>(Common::LoadLE32(data + 4));
         if ((hid & 0xFFFF) == 0x41D0) {
             switch (hid >> 16) {
                 case 0x0A03: return Format("PciRoot(0x%X)", uid);
@@ -96,29 +91,29 @@ std::string NodeText(const std::uint8_t* node, std::size_t length) {
     }
     if (type == 3 && subtype == 1 && has(4)) {
         return Format("Ata(%s,%s,0x%X)", data[0] ? "Secondary" : "Primary", data[1] ? "Slave" : "Master",
-                      static_cast<unsigned>(Little(data + 2, 2)));
+                      static_cast<unsigned>(Common::LoadLE16(data + 2)));
     }
     if (type == 3 && subtype == 2 && has(4)) {
-        return Format("Scsi(0x%X,0x%X)", static_cast<unsigned>(Little(data, 2)), static_cast<unsigned>(Little(data + 2, 2)));
+        return Format("Scsi(0x%X,0x%X)", static_cast<unsigned>(Common::LoadLE16(data)), static_cast<unsigned>(Common::LoadLE16(data + 2)));
     }
     if (type == 3 && subtype == 5 && has(2)) return Format("USB(0x%X,0x%X)", data[0], data[1]);
     if (type == 3 && subtype == 11 && has(33)) return "MAC(" + Hex(data, 6) + Format(",0x%X)", data[32]);
     if (type == 3 && subtype == 18 && has(6)) {
-        return Format("Sata(0x%X,0x%X,0x%X)", static_cast<unsigned>(Little(data, 2)),
-                      static_cast<unsigned>(Little(data + 2, 2)), static_cast<unsigned>(Little(data + 4, 2)));
+        return Format("Sata(0x%X,0x%X,0x%X)", static_cast<unsigned>(Common::LoadLE16(data)),
+                      static_cast<unsigned>(Common::LoadLE16(data + 2)), static_cast<unsigned>(Common::LoadLE16(data + 4)));
     }
     if (type == 3 && subtype == 23 && has(12)) {
         std::string eui;
         for (int i = 0; i < 8; ++i) eui += Format(i == 0 ? "%02X" : "-%02X", data[4 + i]);
-        return Format("NVMe(0x%X,", static_cast<unsigned>(Little(data, 4))) + eui + ")";
+        return Format("NVMe(0x%X,", static_cast<unsigned>(Common::LoadLE32(data))) + eui + ")";
     }
     if (type == 4 && subtype == 1 && has(38)) {
-        const unsigned number = static_cast<unsigned>(Little(data, 4));
-        const unsigned long long start = Little(data + 4, 8), blocks = Little(data + 12, 8);
+        const unsigned number = static_cast<unsigned>(Common::LoadLE32(data));
+        const unsigned long long start = Common::LoadLE64(data + 4), blocks = Common::LoadLE64(data + 12);
         const std::uint8_t signature_type = data[37];
         std::string signature;
         if (signature_type == 1) {
-            signature = Format("MBR,0x%08X", static_cast<unsigned>(Little(data + 20, 4)));
+            signature = Format("MBR,0x%08X", static_cast<unsigned>(Common::LoadLE32(data + 20)));
         } else if (signature_type == 2) {
             signature = "GPT," + GuidText(data + 20);
         } else {
@@ -127,15 +122,15 @@ std::string NodeText(const std::uint8_t* node, std::size_t length) {
         return Format("HD(%u,", number) + signature + Format(",0x%llX,0x%llX)", start, blocks);
     }
     if (type == 4 && subtype == 2 && has(20)) {
-        return Format("CDROM(0x%X,0x%llX,0x%llX)", static_cast<unsigned>(Little(data, 4)),
-                      static_cast<unsigned long long>(Little(data + 4, 8)),
-                      static_cast<unsigned long long>(Little(data + 12, 8)));
+        return Format("CDROM(0x%X,0x%llX,0x%llX)", static_cast<unsigned>(Common::LoadLE32(data)),
+                      static_cast<unsigned long long>(Common::LoadLE64(data + 4)),
+                      static_cast<unsigned long long>(Common::LoadLE64(data + 12)));
     }
     if (type == 4 && subtype == 3 && has(16)) return "VenMedia(" + GuidText(data) + ")";
     if (type == 4 && subtype == 4) {
         std::u16string path;
         for (std::size_t i = 0; i + 1 < size; i += 2) {
-            auto c = static_cast<char16_t>(Little(data + i, 2));
+            auto c = static_cast<char16_t>(Common::LoadLE16(data + i));
             if (c == 0) break;
             path.push_back(c);
         }
@@ -144,8 +139,8 @@ std::string NodeText(const std::uint8_t* node, std::size_t length) {
     if (type == 4 && subtype == 6 && has(16)) return "FvFile(" + GuidText(data) + ")";
     if (type == 4 && subtype == 7 && has(16)) return "Fv(" + GuidText(data) + ")";
     if (type == 4 && subtype == 8 && has(16)) {
-        return Format("Offset(0x%llX,0x%llX)", static_cast<unsigned long long>(Little(data, 8)),
-                      static_cast<unsigned long long>(Little(data + 8, 8)));
+        return Format("Offset(0x%llX,0x%llX)", static_cast<unsigned long long>(Common::LoadLE64(data)),
+                      static_cast<unsigned long long>(Common::LoadLE64(data + 8)));
     }
     return Format("Path(%u,%u,", type, subtype) + Hex(data, size) + ")";
 }
@@ -156,7 +151,7 @@ std::string PathText(const std::uint8_t* list, std::size_t size) {
     bool node_before = false;
     for (std::size_t at = 0; at < size;) {
         if (size - at < 4) return text + "<cut>";
-        const std::size_t length = static_cast<std::size_t>(Little(list + at + 2, 2));
+        const std::size_t length = static_cast<std::size_t>(Common::LoadLE16(list + at + 2));
         if (length < 4 || length > size - at) return text + "<bad node length>";
         if (list[at] == 0x7F) {
             if (list[at + 1] == 0xFF) break;
@@ -222,7 +217,7 @@ void PrintNumberVariable(const HostFirmware::VariableStore& store, const char16_
         std::printf("%s: <%zu bytes>\n", label, variable->data.size());
         return;
     }
-    std::printf("%s: %04X\n", label, static_cast<unsigned>(Little(variable->data.data(), 2)));
+    std::printf("%s: %04X\n", label, static_cast<unsigned>(Common::LoadLE16(variable->data.data())));
 }
 
 }  // namespace
@@ -262,13 +257,13 @@ int RunVarsCommand(int argc, char** argv) {
     PrintNumberVariable(store, u"BootCurrent", "BootCurrent");
     if (const auto* timeout = store.Find(kGlobalVariable, u"Timeout")) {
         if (timeout->data.size() >= 2) {
-            std::printf("Timeout: %u seconds\n", static_cast<unsigned>(Little(timeout->data.data(), 2)));
+            std::printf("Timeout: %u seconds\n", static_cast<unsigned>(Common::LoadLE16(timeout->data.data())));
         }
     }
     if (const auto* order = store.Find(kGlobalVariable, u"BootOrder")) {
         std::string numbers;
         for (std::size_t at = 0; at + 2 <= order->data.size(); at += 2) {
-            numbers += Format(at == 0 ? "%04X" : ",%04X", static_cast<unsigned>(Little(order->data.data() + at, 2)));
+            numbers += Format(at == 0 ? "%04X" : ",%04X", static_cast<unsigned>(Common::LoadLE16(order->data.data() + at)));
         }
         if (order->data.size() % 2 != 0) numbers += " <odd last byte>";
         std::printf("BootOrder: %s\n", numbers.c_str());
