@@ -83,7 +83,7 @@ struct FATBootSector {
     std::uint32_t fat_count() const { return BPB_NumFATs; }
     // Entries of the fixed root of FAT12 and FAT16.
     std::uint32_t root_entries() const { return BPB_RootEntCnt.get(); }
-    // The 32-bit count where the 16-bit one is 0.
+    // The 32-bit count, or the 16-bit one where that is 0.
     std::uint64_t total_sectors() const {
         std::uint64_t total = BPB_TotSec32.get();
         return total != 0 ? total : BPB_TotSec16.get();

@@ -8,24 +8,13 @@ namespace {
 
 bool IsDirectoryEntry(i_dir::iterator& entry) { return IsDirectoryKind(entry.kind()); }
 
-// The directory that holds the entry a path names; null for the root.
-std::unique_ptr<i_dir> ParentOf(rio_dir& root, const std::u16string& path) {
-    std::u16string trimmed = TrimSeparators(path);
-    if (trimmed.empty()) return nullptr;
-    const char16_t* last = trimmed.c_str();
-    return std::unique_ptr<i_dir>(root.open_parent(last));
-}
-
-// True when both paths name one entry, as "/readme" and "/README" do on a
-// volume that ignores case.
-bool NameSameEntry(rio_dir& root, const std::u16string& one, const std::u16string& other,
-                   i_dir::iterator& other_entry) {
+// True when `one` names the entry that was found as `other_entry` in
+// `other_parent`, as "/readme" and "/README" do on a volume that ignores case.
+bool NameSameEntry(rio_dir& root, const std::u16string& one, rio_dir& other_parent, i_dir::iterator& other_entry) {
     Common::Error ignored;
-    std::unique_ptr<i_dir::iterator> entry = FindEntry(root, one, ignored);
-    std::unique_ptr<i_dir> one_parent = ParentOf(root, one);
-    std::unique_ptr<i_dir> other_parent = ParentOf(root, other);
-    if (entry == nullptr || one_parent == nullptr || other_parent == nullptr) return false;
-    if (one_parent->relation(*other_parent) != 0) return false;
+    std::unique_ptr<rio_dir> one_parent;
+    std::unique_ptr<i_dir::iterator> entry = FindEntry(root, one, ignored, &one_parent);
+    if (entry == nullptr || one_parent == nullptr || one_parent->relation(other_parent) != 0) return false;
     std::unique_ptr<file_identifier> mine(entry->identifier());
     std::unique_ptr<file_identifier> theirs(other_entry.identifier());
     return mine != nullptr && theirs != nullptr && one_parent->compare(*mine, *theirs) == 0 &&
@@ -37,8 +26,10 @@ bool NameSameEntry(rio_dir& root, const std::u16string& one, const std::u16strin
 // the move is a rename.
 std::u16string MoveTarget(rio_dir& root, const std::u16string& from, const std::u16string& to) {
     Common::Error ignored;
-    std::unique_ptr<i_dir::iterator> entry = FindEntry(root, to, ignored);
-    if (entry == nullptr || !IsDirectoryEntry(*entry) || NameSameEntry(root, from, to, *entry)) return to;
+    std::unique_ptr<rio_dir> parent;
+    std::unique_ptr<i_dir::iterator> entry = FindEntry(root, to, ignored, &parent);
+    if (entry == nullptr || !IsDirectoryEntry(*entry)) return to;
+    if (parent != nullptr && NameSameEntry(root, from, *parent, *entry)) return to;
     return TrimSeparators(to) + u"/" + LastComponent(from);
 }
 

@@ -89,6 +89,8 @@ private:
     int Tree(i_dir& dir, const std::string& path, const std::string& host_path, int depth);
     int Link(i_dir::iterator& link, const std::string& path, const std::string& host_path);
     int Followed(const std::string& path, const std::string& host_path, int depth);
+    int ByPath(const std::u16string& wide, i_dir::iterator& entry, const std::string& path,
+               const std::string& host_path, int depth);
 
     const FsRequest& request_;
 };
@@ -137,12 +139,21 @@ int OutwardCopy::Followed(const std::string& path, const std::string& host_path,
             std::fprintf(stderr, "morvane fs: '%s' leads to a directory (copy it with -r)\n", path.c_str());
             return kExitRefused;
         }
-        std::unique_ptr<rio_dir> dir = OpenDirectory(request_.root, wide, error);
-        if (dir == nullptr) return ReportRefusal("cannot open directory", path, error);
-        return Tree(*dir, path, host_path, depth + 1);
     }
-    std::unique_ptr<ri_file> file(request_.root.open_file(wide.c_str(), false));
-    return File(file.get(), request_.root.error(), entry->modified(), path, host_path);
+    return ByPath(wide, *entry, path, host_path, depth + 1);
+}
+
+// An entry already found by its volume path `wide`, opened by that path.
+int OutwardCopy::ByPath(const std::u16string& wide, i_dir::iterator& entry, const std::string& path,
+                        const std::string& host_path, int depth) {
+    if (!IsDirectoryKind(entry.kind())) {
+        std::unique_ptr<ri_file> file(request_.root.open_file(wide.c_str(), false));
+        return File(file.get(), request_.root.error(), entry.modified(), path, host_path);
+    }
+    Common::Error error;
+    std::unique_ptr<rio_dir> dir = OpenDirectory(request_.root, wide, error);
+    if (dir == nullptr) return ReportRefusal("cannot open directory", path, error);
+    return Tree(*dir, path, host_path, depth);
 }
 
 int OutwardCopy::Entry(i_dir& dir, i_dir::iterator& entry, const std::string& path, const std::string& host_path,
@@ -201,14 +212,7 @@ int OutwardCopy::Named(const std::string& path, const std::string& target) {
     if (entry->kind() == KIND_SYMLINK) {
         return request_.follow_links ? Followed(path, host_path, 0) : Link(*entry, path, host_path);
     }
-    if (!directory) {
-        std::unique_ptr<ri_file> file(request_.root.open_file(wide.c_str(), false));
-        return File(file.get(), request_.root.error(), entry->modified(), path, host_path);
-    }
-    std::unique_ptr<rio_dir> dir = OpenDirectory(request_.root, wide, error);
-    if (dir == nullptr) return ReportRefusal("cannot open directory", path, error);
-    if (name.empty()) host_path = target;
-    return Tree(*dir, TrimSeparators(wide).empty() ? "" : path, host_path, 0);
+    return ByPath(wide, *entry, TrimSeparators(wide).empty() ? "" : path, host_path, 0);
 }
 
 }  // namespace

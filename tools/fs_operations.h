@@ -73,8 +73,10 @@ int ReportCreateRefusal(const char* action, const std::string& path, rio_dir& ro
 int ReportHostFailure(const char* action, const std::string& path, const std::string& reason);
 
 // The entry that a path names, the root's own entry for the root; null with
-// `error` set when there is none.
-std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error);
+// `error` set when there is none. With `parent`, the directory that holds
+// it (null for the root) is handed out too.
+std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error,
+                                           std::unique_ptr<rio_dir>* parent = nullptr);
 // The directory a path names (the root for an empty path), or null with `error`.
 std::unique_ptr<rio_dir> OpenDirectory(rio_dir& root, const std::u16string& path, Common::Error& error);
 

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "tools/host_text.h"
 #include "tools/command.h"
 #include "tools/error_names.h"
 #include "tools/fs_operations.h"
+#include "tools/host_text.h"
 
 namespace MorvaneTool {
 namespace {
@@ -168,7 +168,8 @@ std::unique_ptr<rio_dir> OpenDirectory(rio_dir& root, const std::u16string& path
     return dir;
 }
 
-std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error) {
+std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& path, Common::Error& error,
+                                           std::unique_ptr<rio_dir>* parent_out) {
     std::u16string trimmed = TrimSeparators(path);
     if (trimmed.empty()) {
         std::unique_ptr<i_dir::iterator> self(root.self());
@@ -186,6 +187,7 @@ std::unique_ptr<i_dir::iterator> FindEntry(rio_dir& root, const std::u16string& 
         error = entry == nullptr ? parent->error() : entry->error();
         return nullptr;
     }
+    if (parent_out != nullptr) *parent_out = std::move(parent);
     return entry;
 }
 

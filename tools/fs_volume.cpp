@@ -13,13 +13,13 @@
 #include "firmware/device_path.h"
 #include "firmware/firmware_access.h"
 #include "fsdriver/driver_selection.h"
+#include "loader/common/byte_order.h"
 #include "loader/load_kernel.h"
 #include "loader/mount_volume.h"
 #include "loader/partition_disk.h"
 #include "platform/host/block_io_devices.h"
 #include "platform/host/collation_stand_in.h"
 #include "platform/host/simulator.h"
-#include "loader/common/byte_order.h"
 #include "tools/error_names.h"
 #include "tools/volume_claim.h"
 
@@ -43,10 +43,12 @@ bool ParseGuidText(std::string text, std::uint8_t (&guid)[16]) {
     return text.size() == 36 && EfiLoader::ParseGuid(text, guid);
 }
 
-// A disk image is a regular file or a block device.
-bool IsImageFile(const std::string& path, std::string& problem) {
+// A disk image is a regular file or a block device; `identity` tells it
+// apart from every other host file.
+bool IsImageFile(const std::string& path, std::string& problem, HostIdentity& identity) {
     struct stat info {};
     if (stat(path.c_str(), &info) != 0) return true;  // the attach says why it can't be opened
+    identity = {info.st_dev, info.st_ino};
     if (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode)) return true;
     problem = S_ISDIR(info.st_mode) ? "a directory, not a disk image" : "not a disk image (neither a file nor a disk)";
     return false;
@@ -200,7 +202,7 @@ bool MountedVolume::OpenDisk(const VolumeName& name, std::string& problem, bool&
 bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem,
                           bool& refused) {
     refused = false;
-    if (!IsImageFile(name.image, problem)) return false;
+    if (!IsImageFile(name.image, problem, image_)) return false;
     firmware_ = std::make_unique<HostFirmware::Simulator>();
     Uefi::InitializeFirmwareAccess(firmware_->ImageHandle(), firmware_->SystemTable());
     collation_ = std::make_unique<HostFirmware::CollationStandIn>(*firmware_);
@@ -214,8 +216,6 @@ bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, boo
         return false;
     }
     if (!OpenDisk(name, problem, refused)) return false;
-    struct stat info {};
-    if (stat(name.image.c_str(), &info) == 0) image_ = {info.st_dev, info.st_ino};
     root_.reset(EfiLoader::MountVolume(kDriverTable[0].factory, disk_));
     if (root_ == nullptr) {
         refused = !ImageCutShort(problem);

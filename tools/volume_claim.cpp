@@ -1,41 +1,34 @@
 #include "tools/volume_claim.h"
 
-#include "loader/common/byte_order.h"
+#include "extfs/ext_records.h"
+#include "fat/boot_sector.h"
 
 namespace MorvaneTool {
 namespace {
 
-using Common::LoadLE16;
-using Common::LoadLE32;
-
 // A FAT boot sector: the signature, a power-of-two sector size from 512 to
-// 4096, and the 16-bit total, else the 32-bit one.
+// 4096, and a total as the FAT driver reads it.
 bool FatClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
-    if (start.size() < 512 || start[510] != 0x55 || start[511] != 0xAA) return false;
-    std::uint32_t sector = LoadLE16(&start[11]);
-    if (sector < 512 || sector > 4096 || (sector & (sector - 1)) != 0) return false;
-    std::uint32_t sectors = LoadLE16(&start[19]);
-    if (sectors == 0) sectors = LoadLE32(&start[32]);
-    if (sectors == 0) return false;
+    if (start.size() < sizeof(FATBootSector)) return false;
+    const auto& boot = *reinterpret_cast<const FATBootSector*>(start.data());
+    std::uint32_t sector = boot.BPB_BytsPerSec.get();
+    if (boot.Signature_word.get() != 0xAA55 || sector < 512 || sector > 4096 || (sector & (sector - 1)) != 0) {
+        return false;
+    }
+    if (boot.total_sectors() == 0) return false;
     claim.header = "boot sector";
-    claim.bytes = static_cast<std::uint64_t>(sectors) * sector;
+    claim.bytes = boot.total_sectors() * sector;
     return true;
 }
 
-// An ext superblock at byte 1024: its magic, block count and block size;
-// the count's high half only where the 64-bit feature is set.
+// An ext superblock at byte 1024: its magic, block count and block size.
 bool ExtClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
-    constexpr std::size_t kSuper = 1024;
-    constexpr std::uint32_t kIncompat64Bit = 0x80;
-    if (start.size() < kSuper + 1024 || LoadLE16(&start[kSuper + 56]) != 0xEF53) return false;
-    std::uint32_t log_block = LoadLE32(&start[kSuper + 24]);
-    if (log_block > 6) return false;
-    std::uint64_t blocks = LoadLE32(&start[kSuper + 4]);
-    if ((LoadLE32(&start[kSuper + 96]) & kIncompat64Bit) != 0) {
-        blocks |= static_cast<std::uint64_t>(LoadLE32(&start[kSuper + 0x150])) << 32;
-    }
+    constexpr std::uint32_t kLargestLogBlock = 6;
+    if (start.size() < extfs::Superblock::kOffset + sizeof(extfs::Superblock)) return false;
+    const auto& super = *reinterpret_cast<const extfs::Superblock*>(start.data() + extfs::Superblock::kOffset);
+    if (super.s_magic() != extfs::Superblock::kMagic || super.s_log_block_size() > kLargestLogBlock) return false;
     claim.header = "superblock";
-    claim.bytes = blocks * (1024ull << log_block);
+    claim.bytes = super.blocks_count() * (1024ull << super.s_log_block_size());
     return true;
 }
 
