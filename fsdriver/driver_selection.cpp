@@ -8,7 +8,7 @@ namespace {
 // The trial order, a fixed order of calls that has nothing to do with the
 // table's rows: a volume that passes the FAT checks is FAT, whatever else
 // its first sectors might also pass for.
-constexpr DriverFactory kTrialOrder[] = {TryFATDriver, TryExtDriver};
+constexpr DriverFactory kTrialOrder[] = {TryFATDriver, TryNTFSDriver, TryExtDriver};
 
 // Sector 0 of the volume, read into a buffer aligned on the sector size as
 // block devices want it. False when the device refuses.
@@ -49,5 +49,5 @@ const DriverTableRow kDriverTable[kDriverTableRows] = {
     {TryExtDriver, 0x71},
     {TryFATDriver, 0x3001},
     {nullptr, 0x181},
-    {nullptr, 0x401},
+    {TryNTFSDriver, 0x401},
 };

@@ -85,7 +85,7 @@ private:
 // One shared record object per file, by record number.
 class FileRecordCache {
 public:
-    explicit FileRecordCache(NTFSDriver* driver) : driver_(driver) {}
+    explicit FileRecordCache(NTFSDriver* driver);
     ~FileRecordCache();
     FileRecordCache(const FileRecordCache&) = delete;
     FileRecordCache& operator=(const FileRecordCache&) = delete;

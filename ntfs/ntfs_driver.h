@@ -108,6 +108,16 @@ public:
     const unsigned char* record_filter = nullptr;  // not owned
     std::uint64_t record_filter_bits = 0;
     bool read_only = false;
+
+private:
+    // The mount's steps, in their order; each raises on a refusal.
+    void check_boot_sector(const void* given);
+    void load_volume();
+    void load_attribute_definitions();
+    void load_upcase_table();
+    void load_volume_information();
+    // Releases what the mount built, the last built first.
+    void release_objects();
 };
 
 }  // namespace ntfs

@@ -97,6 +97,7 @@ struct BootSector {
 
     std::uint32_t oem_low() const { return oem_low_.get(); }
     std::uint32_t oem_high() const { return oem_high_.get(); }
+    std::uint16_t bytes_per_sector() const { return bytes_per_sector_.get(); }
     std::uint8_t sectors_per_cluster() const { return sectors_per_cluster_; }
     std::uint64_t number_of_sectors() const { return number_of_sectors_.get(); }
     std::uint64_t mft_lcn() const { return mft_lcn_.get(); }

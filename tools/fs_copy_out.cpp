@@ -110,7 +110,7 @@ int OutwardCopy::File(ri_file* file, const Common::Error& open_error, file_time 
 
 // The link itself: a host link with the same target text.
 int OutwardCopy::Link(i_dir::iterator& link, const std::string& path, const std::string& host_path) {
-    std::string target = HostText(link.link_target());
+    std::string target = HostText(LinkTarget(link));
     if (target.empty()) return ReportLink("cannot copy", path, link);
     if (IsTheImage(host_path, request_.image)) {
         return ReportHostFailure("cannot copy onto", host_path, "it is the image the volume is read from");
@@ -158,7 +158,7 @@ int OutwardCopy::ByPath(const std::u16string& wide, i_dir::iterator& entry, cons
 
 int OutwardCopy::Entry(i_dir& dir, i_dir::iterator& entry, const std::string& path, const std::string& host_path,
                    int depth) {
-    if (entry.kind() == KIND_SYMLINK) {
+    if (IsLinkKind(entry.kind())) {
         return request_.follow_links ? Followed(path, host_path, depth) : Link(entry, path, host_path);
     }
     if (entry.kind() == KIND_DIRECTORY) {
@@ -209,7 +209,7 @@ int OutwardCopy::Named(const std::string& path, const std::string& target) {
         std::fprintf(stderr, "morvane fs: '%s' is a directory (copy it with -r)\n", path.c_str());
         return kExitRefused;
     }
-    if (entry->kind() == KIND_SYMLINK) {
+    if (IsLinkKind(entry->kind())) {
         return request_.follow_links ? Followed(path, host_path, 0) : Link(*entry, path, host_path);
     }
     return ByPath(wide, *entry, TrimSeparators(wide).empty() ? "" : path, host_path, 0);
@@ -222,7 +222,7 @@ int CatFiles(const FsRequest& request) {
         std::u16string wide = VolumePath(path);
         Common::Error error;
         std::unique_ptr<i_dir::iterator> entry = FindEntry(request.root, wide, error);
-        if (entry != nullptr && entry->kind() == KIND_SYMLINK) return ReportLink("cannot open", path, *entry);
+        if (entry != nullptr && IsLinkKind(entry->kind())) return ReportLink("cannot open", path, *entry);
         std::unique_ptr<ri_file> file(request.root.open_file(wide.c_str(), false));
         if (file == nullptr) return ReportRefusal("cannot open", path, request.root.error());
         std::fflush(stdout);

@@ -19,13 +19,21 @@ std::u16string ParentPath(const std::u16string& path) {
 
 }  // namespace
 
+std::u16string LinkTarget(i_dir::iterator& link) {
+    std::u16string target = link.link_target();
+    for (char16_t& c : target) {
+        if (c == u'\\') c = u'/';
+    }
+    return target;
+}
+
 std::unique_ptr<i_dir::iterator> FollowLinks(rio_dir& root, std::u16string& path, Common::Error& error,
                                              bool& looping) {
     looping = false;
     for (int hop = 0; hop <= kMostLinkHops; ++hop) {
         std::unique_ptr<i_dir::iterator> entry = FindEntry(root, path, error);
-        if (entry == nullptr || entry->kind() != KIND_SYMLINK) return entry;
-        std::u16string target = entry->link_target();
+        if (entry == nullptr || !IsLinkKind(entry->kind())) return entry;
+        std::u16string target = LinkTarget(*entry);
         // A link's target is a path of the volume it lies on: an absolute
         // one starts at the volume's root, not at the host's.
         path = !target.empty() && target[0] == u'/' ? target : ParentPath(path) + target;
@@ -36,7 +44,7 @@ std::unique_ptr<i_dir::iterator> FollowLinks(rio_dir& root, std::u16string& path
 
 int ReportLink(const char* action, const std::string& path, i_dir::iterator& link) {
     std::fprintf(stderr, "morvane fs: %s '%s': a symbolic link to '%s' (cp-out -L copies what it points to)\n",
-                 action, path.c_str(), HostText(link.link_target()).c_str());
+                 action, path.c_str(), HostText(LinkTarget(link)).c_str());
     return kExitRefused;
 }
 

@@ -16,7 +16,8 @@ char KindLetter(std::uint32_t kind) {
         case KIND_BLOCK_DEVICE: return 'b';
         case KIND_FIFO: return 'p';
         case KIND_SOCKET: return 's';
-        case KIND_SYMLINK: return 'l';
+        case KIND_SYMLINK:
+        case kDirectoryLinkKind: return 'l';
         default: return 'd';
     }
 }
@@ -29,6 +30,7 @@ const char* KindName(std::uint32_t kind) {
         case KIND_FIFO: return "fifo";
         case KIND_SOCKET: return "socket";
         case KIND_SYMLINK: return "symbolic link";
+        case kDirectoryLinkKind: return "symbolic link to a directory";
         case KIND_DIRECTORY: return "directory";
         case KIND_ROOT_SELF: return "root directory";
         default: return "other";
@@ -43,8 +45,12 @@ void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_
         std::printf("%s%s\n", shown.c_str(), mark);
         return;
     }
-    std::string link = kind == KIND_SYMLINK ? " -> " + Utf8(entry.link_target()) : std::string();
-    std::printf("%c %12llu %s %s%s%s\n", KindLetter(kind), static_cast<unsigned long long>(entry.size()),
+    // A link is listed with the length of its target, as the host lists
+    // one: NTFS keeps the target in a reparse point, and its data is empty.
+    std::string target = IsLinkKind(kind) ? Utf8(LinkTarget(entry)) : std::string();
+    std::uint64_t size = IsLinkKind(kind) ? target.size() : entry.size();
+    std::string link = IsLinkKind(kind) ? " -> " + target : std::string();
+    std::printf("%c %12llu %s %s%s%s\n", KindLetter(kind), static_cast<unsigned long long>(size),
                 TimeText(entry.modified(), false).c_str(), shown.c_str(), mark, link.c_str());
 }
 
@@ -104,7 +110,7 @@ void PrintStat(i_dir::iterator& entry, const std::string& path) {
     std::u16string short_name = entry.short_name();
     if (!short_name.empty()) std::printf("short name:  %s\n", Utf8(short_name).c_str());
     std::printf("kind:        %s\n", KindName(entry.kind()));
-    std::u16string target = entry.link_target();
+    std::u16string target = LinkTarget(entry);
     if (!target.empty()) std::printf("target:      %s\n", Utf8(target).c_str());
     std::printf("size:        %llu\n", static_cast<unsigned long long>(entry.size()));
     std::printf("allocated:   %llu\n", static_cast<unsigned long long>(entry.allocated_size()));

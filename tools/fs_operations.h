@@ -87,6 +87,10 @@ std::string TimeText(file_time milliseconds, bool with_milliseconds);
 // The kind of volume the driver serves ("FAT16", "FAT32", "Ext4"...).
 std::string VolumeTypeName(rio_dir& root);
 
+// A link's target with "/" between its components. The tool takes "\" for
+// a separator in every volume path, and Windows writes its links with it.
+std::u16string LinkTarget(i_dir::iterator& link);
+
 // The entry at the end of a chain of symbolic links that starts at `path`,
 // followed within the volume; `path` becomes that entry's path. Null with
 // `error` set when a link leads nowhere, and with `looping` set when the
@@ -97,6 +101,10 @@ std::unique_ptr<i_dir::iterator> FollowLinks(rio_dir& root, std::u16string& path
 int ReportLink(const char* action, const std::string& path, i_dir::iterator& link);
 
 inline bool IsDirectoryKind(std::uint32_t kind) { return kind == KIND_DIRECTORY || kind == KIND_ROOT_SELF; }
+// NTFS answers this kind for a symbolic link made to a directory: it is a
+// link like any other to the tool, which lists and copies its target.
+constexpr std::uint32_t kDirectoryLinkKind = 151;
+inline bool IsLinkKind(std::uint32_t kind) { return kind == KIND_SYMLINK || kind == kDirectoryLinkKind; }
 
 // An empty directory gives an iterator that has failed with FILE_EOF, and
 // the last next() leaves the same state behind: that is the end, not a

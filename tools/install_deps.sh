@@ -3,7 +3,7 @@
 set -eu
 packages="build-essential cmake g++ binutils gnu-efi libboost-dev googletest libgtest-dev libgmock-dev
  libbenchmark-dev qemu-system-x86 ovmf mtools dosfstools gdisk cpio clang-14 libclang-rt-14-dev libfuzzer-14-dev
- grub-common 7zip"
+ grub-common 7zip ntfs-3g attr"
 missing=""
 for package in $packages; do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

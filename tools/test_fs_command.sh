@@ -313,6 +313,64 @@ mdir -i "$disk@@$((first1 * 512))" ::/added.txt >/dev/null 2>&1 && fail "cp-in o
 dd if="$disk" of="$work/part2.img" bs=512 skip="$first2" count=24576 status=none
 fsck_clean "$work/part2.img" "cp-in on partition 2"
 
+# ---- NTFS: read, and every change refused, leaving the volume as it was ----
+# mkntfs makes the volume, ntfs-3g over FUSE fills it. The driver has no
+# write path: each change is refused with FILE_UNSUPPORTED before anything
+# reaches the disk, so the image stays byte-identical and ntfsfix finds
+# nothing to do.
+ntfs="$work/ntfs.img"
+truncate -s 16M "$ntfs"
+mkntfs -F -f -q -L NTFSVOL "$ntfs" >/dev/null 2>&1 || fail "mkntfs could not make a volume"
+mkdir "$work/ntfs-mount"
+trap 'umount "$work/ntfs-mount" 2>/dev/null; rm -rf "$work"' EXIT
+if ntfs-3g "$ntfs" "$work/ntfs-mount"; then
+    mkdir "$work/ntfs-mount/dir" "$work/ntfs-mount/dir/empty"
+    printf 'on ntfs\n' > "$work/ntfs-mount/dir/one.txt"
+    head -c 200000 /dev/urandom > "$work/ntfs-mount/big.bin"
+    touch -d '2012-03-04 05:06:08' "$work/ntfs-mount/dir/one.txt"
+    cp "$work/ntfs-mount/big.bin" "$work/ntfs-big.bin"
+    umount "$work/ntfs-mount"
+else
+    fail "ntfs-3g could not mount the volume"
+fi
+expect 0 "NTFS: cat" "$tool" fs "$ntfs" cat /DIR/One.TXT
+out_is "NTFS: cat" "on ntfs"
+expect 0 "NTFS: cat of a file in clusters" "$tool" fs "$ntfs" cat /big.bin
+cmp -s "$work/out" "$work/ntfs-big.bin" || fail "NTFS: big.bin reads otherwise than ntfs-3g wrote it"
+expect 0 "NTFS: ls hides the system files" "$tool" fs "$ntfs" ls /
+out_is "NTFS: ls hides the system files" "big.bin
+dir/"
+expect 0 "NTFS: stat" "$tool" fs "$ntfs" stat /dir/one.txt
+out_has "NTFS: stat" "modified:    2012-03-04 05:06:08"
+out_has "NTFS: stat" "size:        8"
+cp "$ntfs" "$work/ntfs-before.img"
+expect 1 "NTFS: cp-in of a new file" "$tool" fs "$ntfs" cp-in "$work/tree/full/one.txt" /new.txt
+err_has "NTFS: cp-in of a new file" "FILE_UNSUPPORTED"
+expect 1 "NTFS: cp-in over a file" "$tool" fs "$ntfs" cp-in "$work/tree/full/one.txt" /dir/one.txt
+err_has "NTFS: cp-in over a file" "FILE_UNSUPPORTED"
+expect 1 "NTFS: mkdir" "$tool" fs "$ntfs" mkdir /dir/made
+err_has "NTFS: mkdir" "FILE_UNSUPPORTED"
+expect 1 "NTFS: mv" "$tool" fs "$ntfs" mv /dir/one.txt /moved.txt
+err_has "NTFS: mv" "FILE_UNSUPPORTED"
+expect 1 "NTFS: rm of a file" "$tool" fs "$ntfs" rm /big.bin
+err_has "NTFS: rm of a file" "FILE_UNSUPPORTED"
+expect 1 "NTFS: rm of an empty directory" "$tool" fs "$ntfs" rm /dir/empty
+err_has "NTFS: rm of an empty directory" "FILE_UNSUPPORTED"
+cmp -s "$ntfs" "$work/ntfs-before.img" || fail "NTFS: a refused change altered the image"
+ntfsfix -n "$ntfs" > "$work/ntfsfix" 2>&1 || fail "NTFS: ntfsfix -n after refused changes: $(tail -3 "$work/ntfsfix")"
+# The boot sector tells the volume's length: a cut image is said as such.
+head -c $((8 * 1048576)) "$ntfs" > "$work/ntfs-half.img"
+expect 2 "NTFS: an image cut to half its volume" "$tool" fs "$work/ntfs-half.img" ls
+err_has "NTFS: an image cut to half its volume" "shorter than its boot sector says"
+# 4096-byte sectors are found from the boot sector without being told.
+ntfs4k="$work/ntfs-4k.img"
+truncate -s 16M "$ntfs4k"
+mkntfs -F -f -q -s 4096 "$ntfs4k" >/dev/null 2>&1 || fail "mkntfs could not make a volume of 4096-byte sectors"
+printf 'large sectors\n' > "$work/large4k"
+ntfscp -q "$ntfs4k" "$work/large4k" /large.txt 2>/dev/null || fail "ntfscp could not copy onto the volume"
+expect 0 "NTFS: 4096-byte sectors, guessed" "$tool" fs "$ntfs4k" cat /large.txt
+out_is "NTFS: 4096-byte sectors, guessed" "large sectors"
+
 [ "$failures" -eq 0 ] && echo "fs command: all checks passed" && exit 0
 echo "fs command: $failures failure(s)"
 exit 1

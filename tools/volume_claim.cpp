@@ -2,6 +2,7 @@
 
 #include "extfs/ext_records.h"
 #include "fat/boot_sector.h"
+#include "ntfs/ntfs_records.h"
 
 namespace MorvaneTool {
 namespace {
@@ -32,11 +33,27 @@ bool ExtClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
     return true;
 }
 
+// An NTFS boot sector: the end marker, the OEM name, a power-of-two sector
+// size from 512 to 4096 and the volume's sector count. Its count leaves out
+// the backup boot sector behind the volume, which the claim need not reach.
+bool NtfsClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
+    if (start.size() < sizeof(ntfs::BootSector)) return false;
+    const auto& boot = *reinterpret_cast<const ntfs::BootSector*>(start.data());
+    std::uint32_t sector = boot.bytes_per_sector();
+    if (boot.end_of_sector_marker() != ntfs::BootSector::kEndMarker || boot.oem_low() != ntfs::BootSector::kOemLow ||
+        boot.oem_high() != ntfs::BootSector::kOemHigh || sector < 512 || sector > 4096 || (sector & (sector - 1)) != 0) {
+        return false;
+    }
+    claim.header = "boot sector";
+    claim.bytes = boot.number_of_sectors() * sector;
+    return true;
+}
+
 }  // namespace
 
 VolumeClaim ClaimedLength(const std::vector<unsigned char>& start) {
     VolumeClaim claim;
-    if (!ExtClaim(start, claim)) FatClaim(start, claim);
+    if (!ExtClaim(start, claim) && !NtfsClaim(start, claim)) FatClaim(start, claim);
     return claim;
 }
 

@@ -1,8 +1,9 @@
 # shellcheck shell=bash
 # GPT disks for the end-to-end runs, made by sgdisk, with FAT volumes made
 # by mkfs.fat straight into their partitions and filled by mtools through
-# the image@@offset form. Sourced by gpt_scenarios.sh, after kernel_lib.sh,
-# whose copy_into_fat fills them.
+# the image@@offset form, and ext and NTFS volumes made in a file of the
+# partition's size and copied into place. Sourced by gpt_scenarios.sh,
+# after kernel_lib.sh, whose copy_into_fat fills the FAT ones.
 
 # make_gpt_layout IMAGE SIZE_MIB [TYPE:SIZE_MIB:UNIQUE_GUID]...: a zeroed
 # (sparse) disk of SIZE_MIB with one partition per argument, in order, from
@@ -82,6 +83,39 @@ fill_ext_partition() {
     rm -f "$image.mkfs"
     dd if="$volume" of="$image" bs=1M seek="$((first * 512))" oflag=seek_bytes conv=notrunc,sparse status=none
     local status=$?
+    rm -f "$volume"
+    return $status
+}
+
+# fill_ntfs_partition IMAGE N [HOST_FILE NAME]...: an NTFS volume made by
+# mkntfs over the whole of partition N, holding each HOST_FILE as NAME in
+# its root (ntfscp makes no folders). The volume is made in a file of its
+# own, the partition's size, and then copied into place; -p records the
+# partition's start in the boot sector, as Windows expects it there.
+fill_ntfs_partition() {
+    local image=$1 number=$2 first last volume status=0
+    shift 2
+    read -r first last <<<"$(partition_sectors "$image" "$number")"
+    if [ -z "$first" ] || [ -z "$last" ]; then
+        echo "no partition $number on $image" >&2
+        return 1
+    fi
+    volume=$image.part$number
+    rm -f "$volume"
+    truncate -s $(((last - first + 1) * 512)) "$volume" || return 1
+    if ! mkntfs -F -f -q -s 512 -p "$first" "$volume" >"$image.mkfs" 2>&1; then
+        cat "$image.mkfs" >&2
+        rm -f "$volume"
+        return 1
+    fi
+    while [ $# -ge 2 ] && [ $status -eq 0 ]; do
+        ntfscp -q "$volume" "$1" "$2" >"$image.mkfs" 2>&1 || { cat "$image.mkfs" >&2; status=1; }
+        shift 2
+    done
+    rm -f "$image.mkfs"
+    [ $status -ne 0 ] ||
+        dd if="$volume" of="$image" bs=1M seek="$((first * 512))" oflag=seek_bytes conv=notrunc,sparse status=none ||
+        status=1
     rm -f "$volume"
     return $status
 }

@@ -8,7 +8,9 @@
 # devices and read kernel and ramdisk through its own FAT driver: the
 # firmware's own file access could not tell which partition is meant.
 # A second disk of the same kind holds the kernel on an ext4 partition made
-# by mkfs.ext4 -d, read through the loader's ext driver.
+# by mkfs.ext4 -d, read through the loader's ext driver; a third on an NTFS
+# partition made by mkntfs and filled by ntfscp, read through the loader's
+# NTFS driver.
 #
 #   tests/e2e/gpt_scenarios.sh BUILD_DIR [SCENARIO]...
 #
@@ -18,6 +20,8 @@
 #                against its SHA-256 (see tests/e2e/kernel/init).
 #   ext4_kernel  the same kernel and initramfs, only on an ext4 partition
 #                of its own GUID, boot the same way.
+#   ntfs_kernel  the same kernel and initramfs, only in the root of an NTFS
+#                partition of its own GUID, boot the same way.
 #   wrong_guid   the document names a GUID that no partition carries: the
 #                report of DISK_NOT_FOUND, then back to the firmware.
 #   unmounted    the GUID names a partition without a file system: the
@@ -62,6 +66,7 @@ NEAR_GUID=6A1F3E2D-9B4C-4D5E-8F70-A1B2C3D4E5F7
 BLANK_GUID=0D9C8B7A-6F5E-4D3C-AB2A-998877665544
 ESP_GUID=3B9E2F51-7C4D-4E8A-9F10-5A6B7C8D9E0F
 EXT4_GUID=c4e8a2b6-51d3-4f79-a0b1-7e6d5c4b3a29
+NTFS_GUID=9d2c7b14-e8a3-4f06-b5d1-3c4e5f6a7b80
 # The menu's entry hands its Arguments attribute over behind the loader's
 # fixed prefix.
 ARGUMENTS='console=ttyS0 panic=-1 quiet'
@@ -71,13 +76,14 @@ ESP_MIB=40
 DATA_MIB=160
 SMALL_DATA_MIB=40
 
-# gpt_document GUID [RAMDISK_PATH]: a menu whose default entry boots after
-# 1 s, its files on the partition GUID. Without RAMDISK_PATH the files are
-# named with both kinds of separator, as a FAT volume takes them.
+# gpt_document GUID [RAMDISK_PATH [KERNEL_PATH]]: a menu whose default entry
+# boots after 1 s, its files on the partition GUID. Without RAMDISK_PATH the
+# files are named with both kinds of separator, as a FAT volume takes them;
+# the kernel is /boot/vmlinuz unless KERNEL_PATH is given.
 gpt_document() {
     printf '<R><Menu><Topic Delay="1"/><Entry Key="l" Text="Linux" Default="">'
     printf '<LoadKernel><GPT Guid="%s"/>' "$1"
-    printf '<Kernel Path="/boot/vmlinuz" Arguments="%s"/>' "$ARGUMENTS"
+    printf '<Kernel Path="%s" Arguments="%s"/>' "${3:-/boot/vmlinuz}" "$ARGUMENTS"
     printf '<Ramdisk Path="%s"/><Loading Text="Cargando..."/>' "${2:-\\boot\\initrd.img}"
     printf '</LoadKernel></Entry></Menu></R>\n'
 }
@@ -179,10 +185,10 @@ check_report_and_next() {
 # Scenarios. Each makes its disks in DIR and leaves the cleaned console in
 # DIR/console.txt.
 
-# write_document DIR GUID [RAMDISK_PATH]: DIR/BOOTX64.xml for GUID, checked
-# by the host tool.
+# write_document DIR GUID [RAMDISK_PATH [KERNEL_PATH]]: DIR/BOOTX64.xml for
+# GUID, checked by the host tool.
 write_document() {
-    gpt_document "$2" ${3:+"$3"} >"$1/BOOTX64.xml"
+    gpt_document "$2" ${3:+"$3"} ${4:+"$4"} >"$1/BOOTX64.xml"
     if ! "$TOOL" conf check "$1/BOOTX64.xml" >"$1/conf-check.txt" 2>&1; then
         fail "morvane conf check refuses the document: $(cat "$1/conf-check.txt")"
         return 1
@@ -259,6 +265,27 @@ scenario_ext4_kernel() {
     check_gpt_boot "$dir" "$dir/console.txt"
 }
 
+# The kernel and the initramfs lie only in the root of an NTFS partition
+# (ntfscp makes no folders); the FAT ESP holds nothing but the loader and
+# its document. The ramdisk's path takes a backslash, the kernel's a slash:
+# the Windows-like volume reads both.
+scenario_ntfs_kernel() {
+    local dir=$1
+    write_document "$dir" "$NTFS_GUID" '\initrd.img' /vmlinuz || return
+    if ! { make_gpt_layout "$dir/disk.img" $((ESP_MIB + DATA_MIB + 2)) \
+               "EF00:$ESP_MIB:$ESP_GUID" "0700:$DATA_MIB:$NTFS_GUID" &&
+           fill_fat_partition "$dir/disk.img" 1 "" \
+               "$LOADER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI "$dir/BOOTX64.xml" ::/EFI/BOOT/BOOTX64.xml &&
+           fill_ntfs_partition "$dir/disk.img" 2 "$KERNEL_IMAGE" vmlinuz "$INITRD_IMAGE" initrd.img; }; then
+        fail "cannot make the GPT disk with the NTFS partition"
+        return
+    fi
+    make_marker_disk "$dir/next.img" || { fail "cannot make the marker disk"; return; }
+    boot_machine "$dir" -drive format=raw,file="$dir/disk.img" -drive format=raw,file="$dir/next.img"
+    clean_console <"$dir/console.raw" >"$dir/console.txt"
+    check_gpt_boot "$dir" "$dir/console.txt"
+}
+
 scenario_wrong_guid() {
     report_scenario "$1" "$NEAR_GUID" "$DISK_NOT_FOUND_REPORT"
 }
@@ -267,7 +294,7 @@ scenario_unmounted() {
     report_scenario "$1" "$BLANK_GUID" "$NOT_MOUNTED_REPORT"
 }
 
-ALL_SCENARIOS="kernel ext4_kernel wrong_guid unmounted"
+ALL_SCENARIOS="kernel ext4_kernel ntfs_kernel wrong_guid unmounted"
 
 scenario_log() {
     echo "== machine: ${BOOT_END:-see the status above}"

@@ -1,0 +1,28 @@
+#pragma once
+// The volume's cluster bitmap ($Bitmap, record 6). For now it answers the
+// free-cluster count, counted once and kept; allocation comes with the
+// write path.
+#include <cstdint>
+
+#include "ntfs/file_record.h"
+#include "ntfs/ntfs_driver.h"
+
+namespace ntfs {
+
+class NTFSDriver::ClusterAllocator {
+public:
+    // Holds record 6 and counts its clear bits below the volume's cluster
+    // count; FILE_CORRUPT without the bitmap, FILE_READ for a short one.
+    explicit ClusterAllocator(NTFSDriver* driver);
+
+    std::uint64_t freeClusters() const { return free_clusters_; }
+
+private:
+    void countFree();
+
+    NTFSDriver* driver_;
+    RecordRef record_;
+    std::uint64_t free_clusters_ = 0;
+};
+
+}  // namespace ntfs

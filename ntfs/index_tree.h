@@ -1,0 +1,206 @@
+#pragma once
+// The B+ tree under every index of the volume: directories ("$I30"),
+// object ids ("$O"), reparse points ("$R") and the two security indexes
+// ("$SII", "$SDH"). One engine serves them all; an index differs only in
+// its key, which names the attribute, the collation rule that the root must
+// state and the order of two keys.
+//
+// A tree reads its root at once and each index buffer at first need, and
+// keeps every node it read until it goes. A node is checked whole when it
+// is read, entries and keys included, so that a walk over it afterwards
+// follows nothing that leaves the node. The walk itself bounds its depth
+// and never enters a node twice, so a damaged tree ends in FILE_CORRUPT,
+// never in a loop.
+//
+// Insertion and removal come with the volume's write path.
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ntfs/attribute.h"
+#include "ntfs/file_record.h"
+#include "ntfs/ntfs_records.h"
+
+namespace ntfs {
+
+class NTFSDriver;
+
+// Where a cursor stands: a node (the root or the index buffer at `vcn`)
+// and one of its entries.
+struct IndexPosition {
+    static constexpr std::uint64_t kRootVcn = ~0ull;
+
+    std::uint64_t vcn = kRootVcn;
+    const IndexHeader* node = nullptr;
+    const IndexEntryHeader* entry = nullptr;
+};
+
+// A position in a tree and the positions above it whose entries the walk
+// went down through, nearest last.
+struct IndexCursor {
+    IndexPosition position;
+    std::vector<IndexPosition> stack;
+    std::set<std::uint64_t> entered;  // nodes gone down into: a sound tree is entered once per node
+
+    bool valid() const { return position.entry != nullptr; }
+    void clear();
+};
+
+// What every entry offers, once its node was checked.
+inline bool IsEndEntry(const IndexEntryHeader* entry) { return (entry->flags() & kEntryLast) != 0; }
+inline bool HasSubNode(const IndexEntryHeader* entry) { return (entry->flags() & kEntrySubNode) != 0; }
+inline const unsigned char* KeyOf(const IndexEntryHeader* entry) {
+    return reinterpret_cast<const unsigned char*>(entry) + IndexEntryHeader::kKeyOffset;
+}
+
+// The part of the tree that doesn't depend on the key.
+class IndexTreeBase {
+public:
+    // Whether a key of `length` bytes holds all that its comparison reads.
+    using KeyCheck = bool (*)(const unsigned char* key, std::size_t length);
+
+    virtual ~IndexTreeBase();
+    IndexTreeBase(const IndexTreeBase&) = delete;
+    IndexTreeBase& operator=(const IndexTreeBase&) = delete;
+
+    // The first entry in key order; false for an empty index.
+    bool first(IndexCursor& cursor);
+    // The entry behind the cursor's; false, and the cursor cleared, at the end.
+    bool next(IndexCursor& cursor);
+
+    NTFSDriver* driver() const { return driver_; }
+    const RecordRef& record() const { return record_; }
+    const std::u16string& name() const { return name_; }
+
+protected:
+    // How an entry's key lies to the one looked for: negative when the
+    // entry's is smaller.
+    class Probe {
+    public:
+        virtual int compare(const unsigned char* key, std::size_t length) const = 0;
+
+    protected:
+        ~Probe() = default;
+    };
+
+    // Opens the index `name` of `record`: FILE_CORRUPT without its root,
+    // with a root under 48 bytes or of another collation rule than
+    // `collation`, or with damage in the root's entries.
+    IndexTreeBase(NTFSDriver* driver, RecordRef record, std::u16string name, std::uint32_t collation,
+                  KeyCheck key_check);
+
+    // Places the cursor on the entry whose key the probe calls equal.
+    bool lookup(const Probe& probe, IndexCursor& cursor);
+
+private:
+    const IndexHeader* rootNode() const;
+    // The node of the index buffer at `vcn`, read and checked on first need.
+    const IndexHeader* node(std::uint64_t vcn);
+    void openAllocation();
+    // Moves the cursor from its entry, which has a sub-node, to the
+    // sub-node's first entry, keeping the entry on the stack.
+    void stepDown(IndexCursor& cursor);
+    void descendLeftmost(IndexCursor& cursor);
+    bool popToNext(IndexCursor& cursor);
+    void checkNode(const IndexHeader* node, std::size_t span) const;
+
+    NTFSDriver* driver_;
+    RecordRef record_;
+    std::u16string name_;
+    KeyCheck key_check_;
+    std::vector<unsigned char> root_;
+    AttributeRef allocation_;
+    bool allocation_opened_ = false;
+    std::uint32_t buffer_size_ = 0;
+    std::uint32_t vcn_unit_ = 0;  // bytes per VCN
+    std::map<std::uint64_t, std::vector<unsigned char>> nodes_;
+};
+
+template <typename Key>
+class IndexTree : public IndexTreeBase {
+public:
+    using Wanted = typename Key::Wanted;
+
+    IndexTree(NTFSDriver* owner, RecordRef holder)
+        : IndexTreeBase(owner, std::move(holder), Key::kName, Key::kCollation, &Key::Sound) {}
+
+    // Places the cursor on the entry of key `wanted`; false when there is none.
+    bool find(const Wanted& wanted, IndexCursor& cursor) {
+        KeyProbe probe(*driver(), wanted);
+        return lookup(probe, cursor);
+    }
+
+private:
+    class KeyProbe final : public Probe {
+    public:
+        KeyProbe(const NTFSDriver& owner, const Wanted& wanted) : owner_(owner), wanted_(wanted) {}
+        int compare(const unsigned char* key, std::size_t length) const override {
+            return Key::Compare(owner_, key, length, wanted_);
+        }
+
+    private:
+        const NTFSDriver& owner_;
+        const Wanted& wanted_;
+    };
+};
+
+// A directory's key is a $FILE_NAME value; lookups want the name alone and
+// compare it without regard to case, through $UpCase.
+struct FileNameKey {
+    static constexpr const char16_t* kName = u"$I30";
+    static constexpr std::uint32_t kCollation = IndexRoot::kCollationFileName;
+    using Wanted = std::u16string;
+
+    static bool Sound(const unsigned char* key, std::size_t length);
+    static int Compare(const NTFSDriver& driver, const unsigned char* key, std::size_t length, const Wanted& name);
+    // The name of a sound key.
+    static std::u16string NameOf(const unsigned char* key);
+    static const FileNameValue* ValueOf(const unsigned char* key) {
+        return reinterpret_cast<const FileNameValue*>(key);
+    }
+};
+
+// Keys of `N` u32s, compared in turn as unsigned numbers.
+template <std::size_t N>
+struct UlongsKey {
+    using Wanted = std::array<std::uint32_t, N>;
+
+    static bool Sound(const unsigned char*, std::size_t length) { return length >= 4 * N; }
+    static int Compare(const NTFSDriver&, const unsigned char* key, std::size_t, const Wanted& wanted) {
+        for (std::size_t i = 0; i < N; ++i) {
+            std::uint32_t value = Common::LoadLE32(key + 4 * i);
+            if (value != wanted[i]) return value < wanted[i] ? -1 : 1;
+        }
+        return 0;
+    }
+};
+
+struct ObjectIdKey : UlongsKey<4> {
+    static constexpr const char16_t* kName = u"$O";
+    static constexpr std::uint32_t kCollation = IndexRoot::kCollationUlongs;
+};
+struct ReparseKey : UlongsKey<3> {
+    static constexpr const char16_t* kName = u"$R";
+    static constexpr std::uint32_t kCollation = IndexRoot::kCollationUlongs;
+};
+struct SecurityIdKey : UlongsKey<1> {
+    static constexpr const char16_t* kName = u"$SII";
+    static constexpr std::uint32_t kCollation = IndexRoot::kCollationUlong;
+};
+struct SecurityHashKey : UlongsKey<2> {
+    static constexpr const char16_t* kName = u"$SDH";
+    static constexpr std::uint32_t kCollation = IndexRoot::kCollationSecurityHash;
+};
+
+using DirectoryIndex = IndexTree<FileNameKey>;
+using ObjectIdIndex = IndexTree<ObjectIdKey>;
+using ReparseIndex = IndexTree<ReparseKey>;
+using SecurityIdIndex = IndexTree<SecurityIdKey>;
+using SecurityHashIndex = IndexTree<SecurityHashKey>;
+
+}  // namespace ntfs

@@ -1,0 +1,60 @@
+#pragma once
+// The master file table: the record buffers of the volume, read on first
+// use and shared by count, with their fixups undone. Record 0 is read
+// straight from its place on disk; every other record through record 0's
+// data stream, so records 1 to 15 are always within its first extent.
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "ntfs/ntfs_records.h"
+
+namespace ntfs {
+
+class NTFSDriver;
+class Attribute;
+class MftBaseFileRecordImpl;
+
+struct RecordBuffer {
+    std::uint64_t number = 0;
+    std::uint32_t references = 0;
+    bool free_on_release = false;
+    std::vector<unsigned char> bytes;
+
+    unsigned char* data() { return bytes.data(); }
+    FileRecordHeader* header() { return reinterpret_cast<FileRecordHeader*>(bytes.data()); }
+};
+
+class Mft {
+public:
+    // Reads record 0 and builds its record object.
+    explicit Mft(NTFSDriver* driver);
+    ~Mft();
+    Mft(const Mft&) = delete;
+    Mft& operator=(const Mft&) = delete;
+
+    // The buffer of record `number`, read on first use; count + 1.
+    // FILE_READ for a record the MFT doesn't reach; FILE_CORRUPT when
+    // reading it needs itself (an MFT extent that lies in the record).
+    RecordBuffer* getRecord(std::uint64_t number);
+    // Count − 1; the buffer goes at 0.
+    void putRecord(RecordBuffer* buffer);
+    // The records the MFT's data stream holds.
+    std::uint64_t recordCount();
+    MftBaseFileRecordImpl& recordZero() { return *record_zero_; }
+
+private:
+    void readRecordZero(RecordBuffer& buffer);
+    Attribute* dataStream();
+
+    NTFSDriver* driver_;
+    std::map<std::uint64_t, std::unique_ptr<RecordBuffer>> buffers_;
+    std::unique_ptr<MftBaseFileRecordImpl> record_zero_;
+    Attribute* data_ = nullptr;  // record 0's unnamed data stream, held
+    bool finding_data_ = false;
+    std::set<std::uint64_t> loading_;
+};
+
+}  // namespace ntfs

@@ -1,0 +1,74 @@
+#pragma once
+// An attribute whose value lies in clusters. Each object is one extent:
+// one header and its runs. The extents of a stream form a chain that the
+// first one loads forward on demand and holds until it goes; the sizes of
+// the stream live in the first extent's header.
+#include <cstdint>
+
+#include "ntfs/attribute.h"
+#include "ntfs/run_list.h"
+
+namespace ntfs {
+
+class NonresAttribute : public Attribute {
+public:
+    // Decodes the header's runs; FILE_CORRUPT for any disagreement.
+    NonresAttribute(NTFSDriver* driver, BaseFileRecord* record, AttributeRecord* header);
+    ~NonresAttribute() override;
+
+    std::uint64_t physicalPosition(std::uint64_t position) override;
+    std::uint64_t firstPosition() override;
+    std::uint64_t read(std::uint64_t position, std::uint64_t length, void* buffer) override;
+    std::uint64_t readSectors(std::uint64_t position, std::uint64_t length, void* buffer) override;
+    std::uint64_t readWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct) override;
+    std::uint64_t size() override { return first()->header_->data_size(); }
+    std::uint64_t allocatedSize() override { return first()->header_->allocated_size(); }
+    std::uint64_t initializedSize() { return first()->header_->initialized_size(); }
+    std::uint64_t usedRanges(std::uint64_t position, std::uint64_t length,
+                             std::map<std::uint64_t, std::uint64_t>& ranges) override;
+    AttributeRecord* header() override { return header_; }
+    void rebase(AttributeRecord* moved) override { header_ = moved; }
+
+    // The extent behind this one, loaded on first use; null at the end.
+    NonresAttribute* nextExtent();
+    // The extent of the chain, from this one on, whose VCNs hold `vcn`;
+    // null when the chain ends first.
+    NonresAttribute* extentOf(std::uint64_t vcn);
+    // The first extent of the chain; FILE_CORRUPT unless it starts at VCN 0.
+    NonresAttribute* first();
+    const RunList& runs() const { return runs_; }
+    std::uint64_t lowestVcn() const { return header_->lowest_vcn(); }
+
+    // Clusters from `vcn` on that lie together: the first cluster (or
+    // RunEntry::kSparse) and how many follow it in the same run. False when
+    // no extent of the chain from this one on holds `vcn`.
+    struct Stretch {
+        std::uint64_t cluster;
+        std::uint64_t count;
+        bool sparse() const { return cluster == RunEntry::kSparse; }
+    };
+    bool stretchAt(std::uint64_t vcn, Stretch& stretch);
+
+protected:
+    // Reads without regard to compression: real runs from the disk, sparse
+    // runs as zeros, bytes past the initialized size as zeros.
+    std::uint64_t plainRead(std::uint64_t position, std::uint64_t length, void* buffer);
+    std::uint64_t plainReadSectors(std::uint64_t position, std::uint64_t length, void* buffer);
+    std::uint64_t plainReadWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct);
+    // FILE_READ for a null buffer or a range off the sector grid.
+    void checkSectorRange(std::uint64_t position, std::uint64_t length, const void* buffer) const;
+
+    AttributeRecord* header_;
+    RunList runs_;
+
+private:
+    // Copies `length` bytes at byte `offset` of cluster `vcn` of a stretch.
+    void copyFromCluster(const Stretch& stretch, std::uint32_t offset, std::uint32_t length, std::uint64_t position,
+                         std::uint64_t initialized, unsigned char* out);
+
+    NonresAttribute* next_ = nullptr;
+    bool next_loaded_ = false;
+    NonresAttribute* previous_ = nullptr;
+};
+
+}  // namespace ntfs
