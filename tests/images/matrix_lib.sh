@@ -133,6 +133,27 @@ image_unchanged() {
     rm -f "$work/before.img"
 }
 
+# refuse_every_change CODE DIRECTORY [PATH...]: mkdir, cp-in (new and over
+# /hello.txt), mv of /hello.txt (a rename and into DIRECTORY) and rm of
+# /hello.txt and of each PATH are all refused with CODE, and the image stays
+# as it was. The caller then runs its file system's own checker.
+refuse_every_change() {
+    code=$1
+    directory=$2
+    shift 2
+    keep_image
+    printf 'new\n' > "$work/new"
+    attempt mkdir /made
+    attempt cp-in "$work/new" /new.txt
+    attempt cp-in "$work/new" /hello.txt
+    attempt mv /hello.txt /moved.txt
+    attempt mv /hello.txt "$directory"
+    attempt rm /hello.txt
+    for path in "$@"; do attempt rm "$path"; done
+    image_unchanged "a refused change"
+    rm -f "$work/new"
+}
+
 # No driver takes the image, and trying leaves it as it was.
 check_refused_mount() {
     keep_image

@@ -200,23 +200,11 @@ ntfsfix_clean() {
     if grep -q -i -e 'error' -e 'corrupt' -e 'fixing' "$work/fix"; then fail "ntfsfix -n after $1: $(tail -5 "$work/fix")"; fi
 }
 
-# Every change is refused with FILE_UNSUPPORTED, and the image stays as it
-# was.
+# Every change is refused with FILE_UNSUPPORTED, and ntfsfix finds nothing
+# after them.
 check_refused_changes() {
-    code=0x4000E
-    keep_image
-    printf 'new\n' > "$work/new"
-    attempt mkdir /made
-    attempt cp-in "$work/new" /new.txt
-    attempt cp-in "$work/new" /hello.txt
-    attempt mv /hello.txt /moved.txt
-    attempt mv /hello.txt /sizes
-    attempt rm /hello.txt
-    attempt rm "/names/empty dir"
-    attempt rm "/many/entry 0001"
-    image_unchanged "a refused change"
+    refuse_every_change 0x4000E /sizes "/names/empty dir" "/many/entry 0001"
     ntfsfix_clean "refused changes"
-    rm -f "$work/new"
 }
 
 # ---- a GPT disk with an NTFS partition ----
