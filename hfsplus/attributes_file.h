@@ -1,0 +1,45 @@
+#pragma once
+// The attributes tree over fork 8: named attributes of files and folders,
+// inline or in forks. Names are compared in binary order. A volume without
+// one is normal; the driver tests HasComponent(5) first.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "hfsplus/btree.h"
+#include "hfsplus/extents_array.h"
+#include "hfsplus/hfsplus_string.h"
+#include "hfsplus/record_position.h"
+
+namespace hfsplus {
+
+class ExtentsOverflowFile;
+
+struct AttributeNameAndTypePair {
+    std::uint32_t type = 0;
+    std::u16string name;
+};
+
+class AttributesFile : public SpecialFileWithBTree {
+public:
+    static constexpr std::uint32_t kInlineLimit = 0x8000;
+
+    AttributesFile(HFSPlusDriver* driver, std::uint16_t node_size, ExtentsOverflowFile& extents);
+    ~AttributesFile() override;
+
+    RecordPosition FindFirst(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name);
+    void ListAttributes(std::uint32_t file_id, std::vector<AttributeNameAndTypePair>& list);
+    // A copy of the 80-byte fork of a fork attribute.
+    ForkData GetForkData(std::uint32_t file_id, const HFSPlusString& name);
+    // The bytes of an inline attribute; FILE_NOT_FOUND when absent,
+    // FILE_CORRUPT for another form or a size above the inline limit.
+    std::vector<unsigned char> GetInlineData(std::uint32_t file_id, const HFSPlusString& name);
+    // Completes `extents` (holding the fork's eight) from extents records.
+    void GetForkExtents(std::uint32_t file_id, const HFSPlusString& name, ExtentsDescriptorArray& extents);
+
+    int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
+    // FILE_UNSUPPORTED for a name above 127 characters.
+    static std::size_t BuildKey(unsigned char* out, std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name);
+};
+
+}  // namespace hfsplus

@@ -1,0 +1,31 @@
+#pragma once
+// The extents overflow tree over fork 3: the extents of a fork behind the
+// eight that its catalog record (or the volume header) holds, eight to a
+// record, keyed by (file id, fork type, start block).
+#include <cstdint>
+
+#include "hfsplus/btree.h"
+#include "hfsplus/extents_array.h"
+
+namespace hfsplus {
+
+class SpecialFile;
+
+class ExtentsOverflowFile : public SpecialFileWithBTree {
+public:
+    ExtentsOverflowFile(HFSPlusDriver* driver, std::uint16_t node_size);
+    ~ExtentsOverflowFile() override;
+
+    // Appends the overflow extents of (file id, fork type) to `array`, in
+    // order. FILE_CORRUPT for a record whose start block isn't the array's
+    // block count so far, and for a walk longer than the tree's records.
+    void LoadExtents(std::uint32_t file_id, std::uint8_t fork_type, ExtentsDescriptorArray& array);
+    // Completes a special file's extents at mount when its fork holds more
+    // blocks than its eight extents.
+    void CompleteExtents(SpecialFile& file);
+
+    int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
+    static std::size_t BuildKey(unsigned char* out, std::uint8_t fork_type, std::uint32_t file_id, std::uint32_t start_block);
+};
+
+}  // namespace hfsplus

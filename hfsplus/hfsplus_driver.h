@@ -1,0 +1,85 @@
+#pragma once
+// The HFS+ and HFSX driver: one tree under "/". Its constructor is the
+// mount: it checks the volume header, sees the journal (building the map of
+// its newest sectors, writing nothing), checks both volume headers against
+// what the journal holds, and opens the extents overflow, catalog and
+// attributes trees. It reads files and directories; until its write path
+// exists every change is refused before anything reaches the disk
+// (FILE_READ_ONLY on a volume held read only, FILE_UNSUPPORTED on the
+// others), and the volume stays byte-identical.
+//
+// A directory id is the folder's catalog node id, except that the root
+// folder (id 2) is directory id 0.
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fsdriver/file_system_driver_posix.h"
+#include "hfsplus/hfsplus_records.h"
+
+namespace hfsplus {
+
+class HFSPlusMetadata;
+class OpenedFilesInDirectoriesMap;
+class HFSPlusDirectoryObject;
+
+class HFSPlusDriver : public FileSystemDriverPosix {
+public:
+    // Bits of `open_status`: set while the disk holds what the file holds.
+    static constexpr std::uint8_t kAllocationClean = 0x1;
+    static constexpr std::uint8_t kExtentsClean = 0x2;
+    static constexpr std::uint8_t kCatalogClean = 0x4;
+    static constexpr std::uint8_t kAttributesClean = 0x8;
+
+    // The mount. `bitmap` (`bitmap_length` bytes), when given, stands for the
+    // allocation file, and holds the volume read only.
+    HFSPlusDriver(Fdisk::SimpleDisk* device, std::uint64_t first_sector, std::uint64_t volume_sectors,
+                  std::uint32_t cache_group, const unsigned char* bitmap, std::uint64_t bitmap_length);
+    ~HFSPlusDriver() override;
+
+    // --- driver operations ---
+    void space(std::uint64_t& total, std::uint64_t& free, std::uint64_t& available) override;
+    void label(char16_t* buffer, std::uint32_t capacity) override;
+    int compare_identifiers(const file_identifier& a, const file_identifier& b) override;
+    void refuse_if_unchangeable() override;
+    DirectoryObject* open_directory(std::uint32_t id) override;
+    const char* type_name() override { return "HFS+"; }
+
+    // --- helpers of the driver's objects ---
+    // How a change is refused until the write path exists.
+    [[noreturn]] void refuse_change(std::uint64_t tag) const;
+    // The order of two stored names by code units; the shorter first on an
+    // equal prefix. -1, 0 or 1.
+    static int CompareNames(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length);
+    HFSPlusMetadata& metadata() const;
+    OpenedFilesInDirectoriesMap& opened_files() const;
+    // The folder "HFS+ Private Data" of the root, opened on first use;
+    // FILE_NOT_FOUND... as the read side allows: a read-only driver (and,
+    // until the write path, every driver) raises FILE_READ_ONLY or
+    // FILE_UNSUPPORTED when it doesn't exist.
+    HFSPlusDirectoryObject& GetPrivateDirectory();
+    std::uint32_t block_size() const { return block_bytes; }
+    std::uint32_t sectors_per_block() const { return block_bytes / sector_size; }
+
+    static std::uint32_t CatalogIdOfDirectory(std::uint32_t id) { return id == 0 ? kRootFolderId : id; }
+    static std::uint32_t DirectoryIdOfCatalogId(std::uint32_t id) { return id == kRootFolderId ? 0 : id; }
+
+    // --- fields ---
+    std::unique_ptr<HFSPlusMetadata> metadata_holder;
+    std::unique_ptr<OpenedFilesInDirectoriesMap> opened_files_map;
+    HFSPlusDirectoryObject* private_directory = nullptr;  // counted while held here
+    std::uint8_t read_only = 0;
+    std::uint8_t open_status = 0;
+    std::uint32_t block_bytes = 0;                // allocation block size
+    std::vector<unsigned char> given_bitmap;      // the mount's bitmap argument, copied
+
+private:
+    // The mount's steps, in their order; each raises on a refusal.
+    void probe_header(VolumeHeader& copy);
+    void open_journal(const VolumeHeader& copy);
+    void open_volume_headers();
+    void open_trees();
+};
+
+}  // namespace hfsplus

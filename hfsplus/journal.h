@@ -1,0 +1,47 @@
+#pragma once
+// The journal of a journaled volume, as the mount sees it: its info block
+// and header are checked, and if it holds transactions they are walked once
+// to fill the replay map. Nothing is written at mount; the real replay (the
+// journal's blocks copied to their places, the header marked empty) comes
+// with the first write of the write path.
+#include <cstdint>
+#include <set>
+
+#include "hfsplus/area_limits.h"
+#include "hfsplus/hfsplus_records.h"
+
+namespace hfsplus {
+
+class HFSPlusDriver;
+class HFSPlusReplayItemsMap;
+
+// The journal's checksum over `size` bytes: h := (h + b) ^ (h << 8) for each
+// byte, then the complement.
+std::uint32_t JournalChecksum(const void* bytes, std::size_t size);
+
+class HFSPlusJournal {
+public:
+    // Checks the info block and the header; FILE_UNSUPPORTED for a journal
+    // on another device, FILE_CORRUPT for one that lies. A journal that isn't
+    // empty fills `replay_items` (Replay(false)).
+    HFSPlusJournal(HFSPlusDriver* driver, const VolumeHeader& header, HFSPlusReplayItemsMap& replay_items);
+    ~HFSPlusJournal();
+
+    // Walks the transactions from start to end. Without commit it maps
+    // their blocks; commit (the write path's) copies them to their places.
+    void Replay(bool commit);
+    bool IsClean() const { return clean; }
+
+    HFSPlusDriver* driver;  // not owned
+    std::uint32_t attributes = 0;
+    std::uint32_t info_block = 0;
+    std::uint32_t block_size = 0;
+    std::uint32_t total_blocks = 0;
+    JournalInfoBlock journal_info{};
+    JournalHeader journal_header{};
+    HFSPlusReplayItemsMap* replay_items;  // not owned
+    std::set<SectorArea> dirty_areas;
+    bool clean = false;
+};
+
+}  // namespace hfsplus

@@ -1,0 +1,40 @@
+#pragma once
+// A volume header as a metadata object of 512 bytes: the primary at byte
+// 1024 of the volume, the alternate 1024 bytes before its end. Its bytes
+// are read through the journal, so a header that a transaction changed is
+// seen as changed.
+#include <cstdint>
+
+#include "hfsplus/hfsplus_records.h"
+#include "hfsplus/journaled_object.h"
+
+namespace hfsplus {
+
+// The signature, version and block size checks of a header copy.
+bool IsHeaderSane(const VolumeHeader& header, std::uint32_t sector_size);
+// Whether a special file's fork is plausible against its header: extents
+// inside the volume, counts that add up (file ids 6, 3, 4, 8, 7).
+bool IsForkSane(const VolumeHeader& header, const ForkData& fork, std::uint32_t file_id, std::uint32_t sector_size);
+
+class HFSPlusVolumeHeader : public JournaledFileSystemObject {
+public:
+    static constexpr std::uint32_t kPrimary = 0;
+    static constexpr std::uint32_t kAlternate = 1;
+
+    // Reads and checks the header (index 0 or 1); FILE_CORRUPT for a bad
+    // one, FILE_READ for a short read. A locked or unclean volume turns the
+    // driver read only.
+    HFSPlusVolumeHeader(HFSPlusDriver* driver, std::uint32_t index, std::uint64_t device_sectors);
+
+    std::uint64_t size() override { return sizeof(VolumeHeader); }
+    SectorArea Locate(std::uint64_t position) override;
+
+    const VolumeHeader& header() const { return *reinterpret_cast<const VolumeHeader*>(bytes); }
+    VolumeHeader& header() { return *reinterpret_cast<VolumeHeader*>(bytes); }
+
+    alignas(8) unsigned char bytes[sizeof(VolumeHeader)] = {};
+    std::uint32_t index;
+    std::uint64_t device_sectors;
+};
+
+}  // namespace hfsplus
