@@ -40,6 +40,7 @@ bench: all
 	bench/fat_read.sh $(BUILD)
 	bench/ext_read.sh $(BUILD)
 	bench/ntfs_read.sh $(BUILD)
+	bench/hfsplus_read.sh $(BUILD)
 
 check: deps
 	$(MAKE) unit

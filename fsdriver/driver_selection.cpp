@@ -8,7 +8,7 @@ namespace {
 // The trial order, a fixed order of calls that has nothing to do with the
 // table's rows: a volume that passes the FAT checks is FAT, whatever else
 // its first sectors might also pass for.
-constexpr DriverFactory kTrialOrder[] = {TryFATDriver, TryNTFSDriver, TryExtDriver};
+constexpr DriverFactory kTrialOrder[] = {TryFATDriver, TryNTFSDriver, TryExtDriver, TryHFSPlusDriver};
 
 // Sector 0 of the volume, read into a buffer aligned on the sector size as
 // block devices want it. False when the device refuses.
@@ -42,12 +42,11 @@ FileSystemDriver* TryAllDrivers(Fdisk::SimpleDisk* device, std::uint64_t first_s
 }
 
 // The type numbers of the masks: 0 for all, 4 to 6 ext2 to ext4, 7 and 8
-// HFS+ and HFSX, 10 NTFS, 12 and 13 FAT. Rows whose driver this build does
-// not carry yet have no factory; the loader uses row 0 only.
+// HFS+ and HFSX, 10 NTFS, 12 and 13 FAT. The loader uses row 0 only.
 const DriverTableRow kDriverTable[kDriverTableRows] = {
     {TryAllDrivers, 0x35F1},
     {TryExtDriver, 0x71},
     {TryFATDriver, 0x3001},
-    {nullptr, 0x181},
+    {TryHFSPlusDriver, 0x181},
     {TryNTFSDriver, 0x401},
 };

@@ -43,3 +43,6 @@ FileSystemDriver* TryNTFSDriver(Fdisk::SimpleDisk* device, std::uint64_t first_s
 FileSystemDriver* TryExtDriver(Fdisk::SimpleDisk* device, std::uint64_t first_sector,
                                std::uint64_t volume_sectors, std::uint32_t cache_group,
                                const void* boot_sector, std::uintptr_t option_a, std::uintptr_t option_b);
+FileSystemDriver* TryHFSPlusDriver(Fdisk::SimpleDisk* device, std::uint64_t first_sector,
+                                   std::uint64_t volume_sectors, std::uint32_t cache_group,
+                                   const void* boot_sector, std::uintptr_t option_a, std::uintptr_t option_b);

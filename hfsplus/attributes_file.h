@@ -40,6 +40,14 @@ public:
     int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
     // FILE_UNSUPPORTED for a name above 127 characters.
     static std::size_t BuildKey(unsigned char* out, std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name);
+
+private:
+    // The data of the record of exactly (file id, name, start block);
+    // null when there is none, FILE_CORRUPT when its type isn't
+    // `type` or its data is shorter than `size`.
+    const unsigned char* GetRecordOf(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
+                                     std::uint32_t type, std::size_t& size);
+    void CheckValid() const;
 };
 
 }  // namespace hfsplus

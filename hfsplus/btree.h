@@ -14,8 +14,10 @@
 
 namespace hfsplus {
 
+class AlignedBuffer;
 class NodeBlock;
 struct NodeBlockDescription;
+struct KeyAndNodeIndexRecord;
 class NodesCache;
 class BTreeMap;
 
@@ -46,6 +48,21 @@ public:
     const NodeBlockDescription& GetNodeDescription(std::uint32_t number);
     // Builds the node allocation map; run once the fork's extents are complete.
     void LoadMap();
+    const BTreeMap& GetMap() const;
+
+    // The leaf record behind `position`, across the forward link at the end
+    // of a node; the invalid position behind the last leaf. FILE_CORRUPT for
+    // an invalid position, and for a link to a node that isn't a leaf or
+    // whose first key isn't above the last key left behind: keys only grow
+    // along the leaves, so no walk through here can go round in a circle.
+    RecordPosition GetNextLeafPosition(const RecordPosition& position);
+    // Whether `next` may stand behind `previous` in the leaf chain; the
+    // key order by default. A file whose disk order may differ from its
+    // search order (the catalog) answers more loosely.
+    virtual bool FollowsInChain(const KeyAndNodeIndexRecord& previous, const KeyAndNodeIndexRecord& next) const;
+    // The leaf at a position with the index below its record count, or
+    // FILE_NOT_FOUND.
+    NodeBlock& GetLeafAt(const RecordPosition& position);
 
     bool IsEmpty() const { return node_bytes == 0; }
     std::uint16_t node_size() const { return node_bytes; }
@@ -55,6 +72,12 @@ public:
     std::uint32_t leaf_records() const;
 
 protected:
+    // Reads a node's bytes and checks its layout; makes its description
+    // and, on leaf and index nodes, its limits.
+    void ReadNode(std::uint32_t number, NodeBlock& node);
+    void FillNodeLimits(NodeBlock& node);
+    const BTHeaderRec& HeaderRecord() const;
+
     std::uint16_t node_bytes = 0;
     std::uint32_t total = 0;
     std::uint32_t max_key_bytes;
@@ -62,6 +85,18 @@ protected:
     std::unique_ptr<NodesCache> cache;
     std::unique_ptr<NodeBlock> header_node;
     std::unique_ptr<BTreeMap> map;
+
+private:
+    void CheckHeaderRecord();
+    // The child of `node` that leads towards `key`.
+    std::uint32_t ChooseChild(NodeBlock& node, const unsigned char* key, std::size_t key_size);
+    std::uint32_t Descend(const unsigned char* key, std::size_t key_size, unsigned level);
+    RecordPosition WalkRight(std::uint32_t node, const unsigned char* key, std::size_t key_size, unsigned level);
+    // FILE_CORRUPT unless the node is of the kind and height a level calls for.
+    static void CheckLevel(const NodeBlockDescription& description, unsigned level);
+    int CompareWithLimit(const unsigned char* key, std::size_t key_size, const KeyAndNodeIndexRecord& limit) const;
+
+    std::unique_ptr<AlignedBuffer> header_buffer;
 };
 
 }  // namespace hfsplus

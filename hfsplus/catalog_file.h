@@ -48,11 +48,26 @@ public:
     static bool IsNonEmptyFolder(const CatalogRecord& record);
     // The inode file record of the hard link `id`.
     CatalogRecord ResolveHardLink(std::uint32_t id);
+    // The inode record of link number `number`: by id, else by its name in
+    // the private directory.
+    CatalogRecord FindInodeRecord(std::uint32_t number);
 
     // --- the family's key-dependent operations (see btree.h) ---
     int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
     // A key of (parent, name) in its on-disk form; answers its size.
     static std::size_t BuildKey(unsigned char* out, std::uint32_t parent, const HFSPlusString& name);
+    // Along the leaves the disk's order is the one its maker used (folded
+    // with Apple's table, or binary on HFSX), which may differ from this
+    // search order: a key that grows in either order may follow.
+    bool FollowsInChain(const KeyAndNodeIndexRecord& previous, const KeyAndNodeIndexRecord& next) const override;
+
+private:
+    // The copy of the record at a leaf position, its size checked by type.
+    CatalogRecord CopyRecord(NodeBlock& node, std::uint16_t index) const;
+    RecordPosition Find(const unsigned char* key, std::size_t key_size);
+    // The thread record of `id`, which must be one; FILE_NOT_FOUND else.
+    CatalogRecord GetThread(std::uint32_t id);
+    void CheckValid() const;
 };
 
 }  // namespace hfsplus

@@ -22,6 +22,10 @@ char16_t FoldCharacter(char16_t c);
 int CompareFolded(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length);
 // Code-unit order, the shorter first on an equal prefix: -1, 0 or 1.
 int CompareBinary(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length);
+// The same two orders over names still in their on-disk form (big-endian
+// characters), as keys hold them: a search compares without converting.
+int CompareFoldedStored(const unsigned char* a, std::size_t a_length, const unsigned char* b, std::size_t b_length);
+int CompareBinaryStored(const unsigned char* a, std::size_t a_length, const unsigned char* b, std::size_t b_length);
 
 class HFSPlusString {
 public:
@@ -32,6 +36,8 @@ public:
     // From the on-disk form; FILE_CORRUPT for a length above 255 or above
     // `available` bytes.
     static HFSPlusString FromDisk(const HFSUniStr255& name, std::size_t available);
+    // From `length` big-endian characters; FILE_CORRUPT above 255.
+    static HFSPlusString FromStored(const unsigned char* characters, std::size_t length);
 
     std::size_t length() const { return characters.size(); }
     const char16_t* data() const { return characters.data(); }

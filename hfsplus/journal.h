@@ -42,6 +42,12 @@ public:
     HFSPlusReplayItemsMap* replay_items;  // not owned
     std::set<SectorArea> dirty_areas;
     bool clean = false;
+
+private:
+    void read_info();
+    void check_info() const;
+    void read_header();
+    void check_header() const;
 };
 
 }  // namespace hfsplus

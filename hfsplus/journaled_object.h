@@ -22,6 +22,7 @@ namespace hfsplus {
 class HFSPlusDriver;
 class HFSPlusJournal;
 class HFSPlusReplayItemsMap;
+struct HFSPlusReplayItem;
 
 // Seconds since 1904-01-01 from the clock, for catalog and fork dates.
 std::uint32_t MacTimeNow();
@@ -58,6 +59,10 @@ public:
     // The sectors that hold the object from byte `position` on, to the end
     // of their run; empty past the object's end.
     virtual SectorArea Locate(std::uint64_t position) = 0;
+    // Where byte `position` lies in the first sector that Locate gives. An
+    // object that starts inside a sector (a volume header at byte 1024 of a
+    // 4096-byte sector) says so here.
+    virtual std::uint64_t OffsetInSector(std::uint64_t position);
 
     HFSPlusDriver* driver;                  // not owned
     HFSPlusJournal* journal = nullptr;      // not owned; null without a journal
@@ -67,8 +72,8 @@ public:
 
 private:
     // Reads one run of whole sectors that the map cut, from the journal's
-    // copy where it has one.
-    void read_run(unsigned char* out, SectorArea area);
+    // copy where it has one. `out` is aligned on the sector size.
+    void read_run(unsigned char* out, const SectorArea& area, const HFSPlusReplayItem& item);
 };
 
 }  // namespace hfsplus

@@ -27,7 +27,10 @@ public:
     HFSPlusVolumeHeader(HFSPlusDriver* driver, std::uint32_t index, std::uint64_t device_sectors);
 
     std::uint64_t size() override { return sizeof(VolumeHeader); }
+    // The sector that holds byte `position` of the header (below 512), or
+    // the two from sector 0 on, which alone would be no area.
     SectorArea Locate(std::uint64_t position) override;
+    std::uint64_t OffsetInSector(std::uint64_t position) override;
 
     const VolumeHeader& header() const { return *reinterpret_cast<const VolumeHeader*>(bytes); }
     VolumeHeader& header() { return *reinterpret_cast<VolumeHeader*>(bytes); }
@@ -35,6 +38,11 @@ public:
     alignas(8) unsigned char bytes[sizeof(VolumeHeader)] = {};
     std::uint32_t index;
     std::uint64_t device_sectors;
+    std::uint64_t volume_byte = 0;  // where the header starts on the volume
+
+private:
+    void check_forks() const;
+    void note_state();
 };
 
 }  // namespace hfsplus

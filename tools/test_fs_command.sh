@@ -2,7 +2,8 @@
 # The fs subcommand as a user meets it: arguments, exit codes and messages,
 # volumes named by GPT number and unique GUID, lookups that ignore case,
 # what stat tells beside mtools, and refusals that leave the volume clean.
-# Images are made by mkfs.fat, mtools and sgdisk.
+# Images are made by mkfs.fat, mtools, sgdisk, mkntfs and ntfs-3g, xorriso and
+# mkfs.hfsplus.
 #
 #   test_fs_command.sh TOOL IMAGE_SCRIPTS_DIR
 set -u
@@ -370,6 +371,90 @@ printf 'large sectors\n' > "$work/large4k"
 ntfscp -q "$ntfs4k" "$work/large4k" /large.txt 2>/dev/null || fail "ntfscp could not copy onto the volume"
 expect 0 "NTFS: 4096-byte sectors, guessed" "$tool" fs "$ntfs4k" cat /large.txt
 out_is "NTFS: 4096-byte sectors, guessed" "large sectors"
+
+# ---- HFS+: read, and every change refused, leaving the volume as it was ----
+# xorriso's HFS+ writer fills the volume inside an Apple partition map; dd
+# cuts the Apple_HFS partition out of it, and fsck.hfsplus mends the free
+# block count that xorriso leaves a little off. The driver has no write
+# path yet, so a change is refused before anything reaches the disk.
+hfs_tree="$work/hfs-tree"
+mkdir -p "$hfs_tree/dir/empty"
+printf 'on hfs\n' > "$hfs_tree/dir/one.txt"
+head -c 300000 /dev/urandom > "$hfs_tree/big.bin"
+touch -d '2012-03-04 05:06:08' "$hfs_tree/dir/one.txt"
+xorriso -outdev "$work/hfs.iso" -hfsplus on -boot_image any hfsplus_block_size=2048 -map "$hfs_tree" / \
+    >/dev/null 2>&1 || fail "xorriso could not make an HFS+ volume"
+# The map's block size is the big-endian u16 at byte 2; its entries ("PM")
+# follow from block 1, each with its start and length (u32 at 8 and 12)
+# and its type at 48, all in the map's blocks.
+be32() { od -An -tu4 --endian=big -j "$2" -N4 "$1" | tr -d ' '; }
+apm_unit=$(od -An -tu2 --endian=big -j2 -N2 "$work/hfs.iso" | tr -d ' ')
+hfs="$work/hfs.img"
+entry=1
+while [ "$(dd if="$work/hfs.iso" bs=1 skip=$((entry * apm_unit)) count=2 2>/dev/null)" = PM ]; do
+    type=$(dd if="$work/hfs.iso" bs=1 skip=$((entry * apm_unit + 48)) count=32 2>/dev/null | tr -d '\000')
+    if [ "$type" = Apple_HFS ]; then
+        dd if="$work/hfs.iso" of="$hfs" bs="$apm_unit" skip="$(be32 "$work/hfs.iso" $((entry * apm_unit + 8)))" \
+            count="$(be32 "$work/hfs.iso" $((entry * apm_unit + 12)))" 2>/dev/null
+        break
+    fi
+    entry=$((entry + 1))
+done
+for round in 1 2 3; do
+    fsck.hfsplus -fn "$hfs" >/dev/null 2>&1 && break
+    fsck.hfsplus -fy "$hfs" >/dev/null 2>&1
+done
+fsck.hfsplus -fn "$hfs" >/dev/null 2>&1 || fail "HFS+: the volume xorriso made isn't clean"
+expect 0 "HFS+: cat" "$tool" fs "$hfs" cat /dir/one.txt
+out_is "HFS+: cat" "on hfs"
+expect 0 "HFS+: cat in another case" "$tool" fs "$hfs" cat /DIR/One.TXT
+out_is "HFS+: cat in another case" "on hfs"
+expect 0 "HFS+: cat of a large file" "$tool" fs "$hfs" cat /big.bin
+cmp -s "$work/out" "$hfs_tree/big.bin" || fail "HFS+: big.bin reads otherwise than xorriso wrote it"
+expect 0 "HFS+: ls" "$tool" fs "$hfs" ls /
+out_is "HFS+: ls" "big.bin
+dir/"
+expect 0 "HFS+: ls of a folder" "$tool" fs "$hfs" ls /dir
+out_is "HFS+: ls of a folder" "empty/
+one.txt"
+expect 0 "HFS+: stat" "$tool" fs "$hfs" stat /dir/one.txt
+out_has "HFS+: stat" "modified:    2012-03-04 05:06:08"
+out_has "HFS+: stat" "size:        7"
+expect 0 "HFS+: cp-out" "$tool" fs "$hfs" cp-out /big.bin "$work/hfs-big.out"
+cmp -s "$work/hfs-big.out" "$hfs_tree/big.bin" || fail "HFS+: cp-out copied otherwise than xorriso wrote it"
+expect 1 "HFS+: cat of a missing file" "$tool" fs "$hfs" cat /dir/none.txt
+# xorriso sets the volume's software lock, so the driver holds it read only.
+cp "$hfs" "$work/hfs-before.img"
+expect 1 "HFS+: cp-in of a new file" "$tool" fs "$hfs" cp-in "$work/tree/full/one.txt" /new.txt
+err_has "HFS+: cp-in of a new file" "FILE_READ_ONLY"
+expect 1 "HFS+: cp-in over a file" "$tool" fs "$hfs" cp-in "$work/tree/full/one.txt" /dir/one.txt
+err_has "HFS+: cp-in over a file" "FILE_READ_ONLY"
+expect 1 "HFS+: mkdir" "$tool" fs "$hfs" mkdir /dir/made
+err_has "HFS+: mkdir" "FILE_READ_ONLY"
+expect 1 "HFS+: mv" "$tool" fs "$hfs" mv /dir/one.txt /moved.txt
+err_has "HFS+: mv" "FILE_READ_ONLY"
+expect 1 "HFS+: rm of a file" "$tool" fs "$hfs" rm /big.bin
+err_has "HFS+: rm of a file" "FILE_READ_ONLY"
+expect 1 "HFS+: rm of an empty directory" "$tool" fs "$hfs" rm /dir/empty
+err_has "HFS+: rm of an empty directory" "FILE_READ_ONLY"
+cmp -s "$hfs" "$work/hfs-before.img" || fail "HFS+: a refused change altered the image"
+fsck.hfsplus -fn "$hfs" > "$work/fsck-hfs" 2>&1 || fail "HFS+: fsck.hfsplus -fn after refused changes: $(tail -3 "$work/fsck-hfs")"
+# Fresh volumes of mkfs.hfsplus, one journaled: an empty root, the
+# journal's two files left out. Unlocked, they refuse a change for want of
+# a write path.
+for journal in "" -J; do
+    fresh="$work/hfs-fresh$journal.img"
+    # A journal needs 8 MiB at least, which mkfs gives from 128 MiB on.
+    if [ -n "$journal" ]; then truncate -s 128M "$fresh"; else truncate -s 8M "$fresh"; fi
+    mkfs.hfsplus $journal -v Fresh "$fresh" >/dev/null 2>&1 || fail "mkfs.hfsplus $journal could not make a volume"
+    cp "$fresh" "$work/hfs-fresh-before.img"
+    expect 0 "HFS+ $journal: ls of a fresh volume" "$tool" fs "$fresh" ls /
+    out_is "HFS+ $journal: ls of a fresh volume" ""
+    expect 1 "HFS+ $journal: mkdir" "$tool" fs "$fresh" mkdir /made
+    err_has "HFS+ $journal: mkdir" "FILE_UNSUPPORTED"
+    cmp -s "$fresh" "$work/hfs-fresh-before.img" || fail "HFS+ $journal: a refused change altered the image"
+    fsck.hfsplus -fn "$fresh" >/dev/null 2>&1 || fail "HFS+ $journal: fsck.hfsplus -fn after a refused change"
+done
 
 [ "$failures" -eq 0 ] && echo "fs command: all checks passed" && exit 0
 echo "fs command: $failures failure(s)"

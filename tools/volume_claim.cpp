@@ -2,6 +2,8 @@
 
 #include "extfs/ext_records.h"
 #include "fat/boot_sector.h"
+#include "hfsplus/hfsplus_records.h"
+#include "hfsplus/volume_header.h"
 #include "ntfs/ntfs_records.h"
 
 namespace MorvaneTool {
@@ -49,11 +51,23 @@ bool NtfsClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
     return true;
 }
 
+// An HFS+ or HFSX volume header at byte 1024: its signature and version,
+// a power-of-two block size, and the blocks it counts.
+bool HfsPlusClaim(const std::vector<unsigned char>& start, VolumeClaim& claim) {
+    constexpr std::uint32_t kSmallestSector = 512;
+    if (start.size() < hfsplus::kVolumeHeaderOffset + sizeof(hfsplus::VolumeHeader)) return false;
+    const auto& header = *reinterpret_cast<const hfsplus::VolumeHeader*>(start.data() + hfsplus::kVolumeHeaderOffset);
+    if (!hfsplus::IsHeaderSane(header, kSmallestSector)) return false;
+    claim.header = "volume header";
+    claim.bytes = std::uint64_t(header.totalBlocks()) * header.blockSize();
+    return true;
+}
+
 }  // namespace
 
 VolumeClaim ClaimedLength(const std::vector<unsigned char>& start) {
     VolumeClaim claim;
-    if (!ExtClaim(start, claim) && !NtfsClaim(start, claim)) FatClaim(start, claim);
+    if (!ExtClaim(start, claim) && !NtfsClaim(start, claim) && !HfsPlusClaim(start, claim)) FatClaim(start, claim);
     return claim;
 }
 

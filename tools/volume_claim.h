@@ -9,7 +9,7 @@
 namespace MorvaneTool {
 
 struct VolumeClaim {
-    const char* header = nullptr;  // "boot sector", "superblock"; null when none is recognised
+    const char* header = nullptr;  // "boot sector", "superblock", "volume header"; null when none is recognised
     std::uint64_t bytes = 0;
 };
 

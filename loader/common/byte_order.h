@@ -32,7 +32,7 @@ inline void StoreLittle(void* where, T value) {
 template <typename T, int Bytes>
 inline void StoreBig(void* where, T value) {
     auto* bytes = static_cast<unsigned char*>(where);
-    for (int i = 0; i < Bytes; ++i) bytes[Bytes - 1 - i] = static_cast<unsigned char>(value >> (8 * (Bytes - 1 - i)));
+    for (int i = 0; i < Bytes; ++i) bytes[i] = static_cast<unsigned char>(value >> (8 * (Bytes - 1 - i)));
 }
 
 inline std::uint16_t LoadLE16(const void* where) { return LoadLittle<std::uint16_t, 2>(where); }

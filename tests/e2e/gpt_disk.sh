@@ -119,3 +119,48 @@ fill_ntfs_partition() {
     rm -f "$volume"
     return $status
 }
+
+# fill_hfsplus_partition IMAGE N [HOST_FILE PATH]...: an HFS+ volume made by
+# xorriso's HFS+ writer (tests/images/hfsplus_from_folder.sh) holding each
+# HOST_FILE at PATH (folders are made as needed), in partition N. The
+# volume's size is what xorriso makes of the files, and the alternate
+# volume header is found 1 KiB before the partition's end, so partition N
+# is made again from the same first sector, with the same type and unique
+# GUID, exactly as long as the volume.
+GPT_DISK_HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+fill_hfsplus_partition() {
+    local image=$1 number=$2 first last tree volume sectors type guid status=0
+    shift 2
+    read -r first last <<<"$(partition_sectors "$image" "$number")"
+    if [ -z "$first" ] || [ -z "$last" ]; then
+        echo "no partition $number on $image" >&2
+        return 1
+    fi
+    tree=$image.tree$number
+    volume=$image.part$number
+    rm -rf "$tree" "$volume"
+    while [ $# -ge 2 ]; do
+        mkdir -p "$(dirname "$tree/$2")" || return 1
+        ln -f "$1" "$tree/$2" 2>/dev/null || cp "$1" "$tree/$2" || return 1
+        shift 2
+    done
+    "$GPT_DISK_HERE/../images/hfsplus_from_folder.sh" "$tree" "$volume" 2048 MORVANE || status=1
+    rm -rf "$tree"
+    [ $status -eq 0 ] || return 1
+    sectors=$(($(stat -c %s "$volume") / 512))
+    if [ "$sectors" -gt $((last - first + 1)) ]; then
+        echo "the HFS+ volume ($sectors sectors) doesn't fit partition $number" >&2
+        rm -f "$volume"
+        return 1
+    fi
+    type=$(sgdisk -i "$number" "$image" | sed -n 's/^Partition GUID code: \([0-9A-Fa-f-]*\).*/\1/p')
+    guid=$(sgdisk -i "$number" "$image" | sed -n 's/^Partition unique GUID: \([0-9A-Fa-f-]*\).*/\1/p')
+    sgdisk -d "$number" -n "$number:$first:$((first + sectors - 1))" -t "$number:$type" -u "$number:$guid" \
+        "$image" >"$image.sgdisk" 2>&1 || { cat "$image.sgdisk" >&2; status=1; }
+    rm -f "$image.sgdisk"
+    [ $status -ne 0 ] ||
+        dd if="$volume" of="$image" bs=1M seek="$((first * 512))" oflag=seek_bytes conv=notrunc,sparse status=none ||
+        status=1
+    rm -f "$volume"
+    return $status
+}

@@ -10,7 +10,8 @@
 # A second disk of the same kind holds the kernel on an ext4 partition made
 # by mkfs.ext4 -d, read through the loader's ext driver; a third on an NTFS
 # partition made by mkntfs and filled by ntfscp, read through the loader's
-# NTFS driver.
+# NTFS driver; a fourth on an HFS+ partition made by xorriso's HFS+ writer,
+# read through the loader's HFS+ driver.
 #
 #   tests/e2e/gpt_scenarios.sh BUILD_DIR [SCENARIO]...
 #
@@ -22,6 +23,9 @@
 #                of its own GUID, boot the same way.
 #   ntfs_kernel  the same kernel and initramfs, only in the root of an NTFS
 #                partition of its own GUID, boot the same way.
+#   hfsplus_kernel  the same kernel and initramfs, only on an HFS+
+#                partition of its own GUID (exactly the volume's size),
+#                boot the same way.
 #   wrong_guid   the document names a GUID that no partition carries: the
 #                report of DISK_NOT_FOUND, then back to the firmware.
 #   unmounted    the GUID names a partition without a file system: the
@@ -67,6 +71,7 @@ BLANK_GUID=0D9C8B7A-6F5E-4D3C-AB2A-998877665544
 ESP_GUID=3B9E2F51-7C4D-4E8A-9F10-5A6B7C8D9E0F
 EXT4_GUID=c4e8a2b6-51d3-4f79-a0b1-7e6d5c4b3a29
 NTFS_GUID=9d2c7b14-e8a3-4f06-b5d1-3c4e5f6a7b80
+HFSPLUS_GUID=5e7a1c93-2b4d-4f86-9a0e-d1c2b3a4f5e6
 # The menu's entry hands its Arguments attribute over behind the loader's
 # fixed prefix.
 ARGUMENTS='console=ttyS0 panic=-1 quiet'
@@ -286,6 +291,26 @@ scenario_ntfs_kernel() {
     check_gpt_boot "$dir" "$dir/console.txt"
 }
 
+# The kernel and the initramfs lie only on an HFS+ partition; the FAT ESP
+# holds nothing but the loader and its document. HFS+ has one tree under
+# "/", where a backslash is part of a name, so both paths take "/".
+scenario_hfsplus_kernel() {
+    local dir=$1
+    write_document "$dir" "$HFSPLUS_GUID" /boot/initrd.img || return
+    if ! { make_gpt_layout "$dir/disk.img" $((ESP_MIB + DATA_MIB + 2)) \
+               "EF00:$ESP_MIB:$ESP_GUID" "AF00:$DATA_MIB:$HFSPLUS_GUID" &&
+           fill_fat_partition "$dir/disk.img" 1 "" \
+               "$LOADER_IMAGE" ::/EFI/BOOT/BOOTX64.EFI "$dir/BOOTX64.xml" ::/EFI/BOOT/BOOTX64.xml &&
+           fill_hfsplus_partition "$dir/disk.img" 2 "$KERNEL_IMAGE" boot/vmlinuz "$INITRD_IMAGE" boot/initrd.img; }; then
+        fail "cannot make the GPT disk with the HFS+ partition"
+        return
+    fi
+    make_marker_disk "$dir/next.img" || { fail "cannot make the marker disk"; return; }
+    boot_machine "$dir" -drive format=raw,file="$dir/disk.img" -drive format=raw,file="$dir/next.img"
+    clean_console <"$dir/console.raw" >"$dir/console.txt"
+    check_gpt_boot "$dir" "$dir/console.txt"
+}
+
 scenario_wrong_guid() {
     report_scenario "$1" "$NEAR_GUID" "$DISK_NOT_FOUND_REPORT"
 }
@@ -294,7 +319,7 @@ scenario_unmounted() {
     report_scenario "$1" "$BLANK_GUID" "$NOT_MOUNTED_REPORT"
 }
 
-ALL_SCENARIOS="kernel ext4_kernel ntfs_kernel wrong_guid unmounted"
+ALL_SCENARIOS="kernel ext4_kernel ntfs_kernel hfsplus_kernel wrong_guid unmounted"
 
 scenario_log() {
     echo "== machine: ${BOOT_END:-see the status above}"

@@ -1,0 +1,165 @@
+#include "hfsplus/hfsplus_directory.h"
+
+#include <memory>
+
+#include "hfsplus/catalog_file.h"
+#include "hfsplus/hfsplus_driver.h"
+#include "hfsplus/hfsplus_file.h"
+#include "hfsplus/hfsplus_iterator.h"
+#include "hfsplus/hfsplus_metadata.h"
+#include "loader/common/raise.h"
+
+namespace hfsplus {
+
+namespace {
+
+// A name no entry can have is simply not there.
+HFSPlusString StoredName(const std::u16string& name) {
+    if (name.empty() || name.size() > kMaxNameLength) Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND);
+    return HFSPlusString(name);
+}
+
+const the_identifier& KnownIdentifier(const file_identifier& entry) {
+    auto* known = dynamic_cast<const the_identifier*>(&entry);
+    if (known == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND);
+    return *known;
+}
+
+}  // namespace
+
+HFSPlusDirectoryObject::HFSPlusDirectoryObject(HFSPlusDriver* driver, std::uint32_t catalog_id)
+    : HFSPlusAbstractDirectoryObject(driver, HFSPlusDriver::DirectoryIdOfCatalogId(catalog_id)),
+      hfs(driver),
+      catalog_id(catalog_id) {
+    const CatalogRecord record = driver->metadata().GetCatalogFile().GetRecordById(catalog_id);
+    if (!record.is_folder()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    if (record.id() != catalog_id) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    driver->opened_files().Register(catalog_id, &open_files);
+}
+
+HFSPlusDirectoryObject::~HFSPlusDirectoryObject() { hfs->opened_files().Unregister(catalog_id); }
+
+CatalogRecord HFSPlusDirectoryObject::GetChild(const std::u16string& name) const {
+    return hfs->metadata().GetCatalogFile().GetRecord(catalog_id, StoredName(name));
+}
+
+FileSystemDriver::IteratorObject* HFSPlusDirectoryObject::begin() {
+    auto iterator = std::make_unique<HFSPlusIteratorObject>(this);
+    if (!iterator->PlaceOnFirstVisible()) return nullptr;
+    return iterator.release();
+}
+
+FileSystemDriver::IteratorObject* HFSPlusDirectoryObject::find(const std::u16string& name) {
+    return new HFSPlusIteratorObject(this, StoredName(name));
+}
+
+FileSystemDriver::IteratorObject* HFSPlusDirectoryObject::find(const file_identifier& entry) {
+    return find(std::u16string(KnownIdentifier(entry).name()));
+}
+
+std::uint32_t HFSPlusDirectoryObject::lookup_directory(const std::u16string& name) {
+    const CatalogRecord record = GetChild(name);
+    if (!record.is_folder()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    // No folder below another has the root's id or a special file's: such
+    // an id would turn the walk back to the root or off the tree.
+    if (record.id() < kFirstUserCatalogId) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    return HFSPlusDriver::DirectoryIdOfCatalogId(record.id());
+}
+
+FileSystemDriver::FileObject* HFSPlusDirectoryObject::open_file(const std::u16string& name) {
+    const CatalogRecord record = GetChild(name);
+    if (!record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    return OpenRecord(record);
+}
+
+FileSystemDriver::FileObject* HFSPlusDirectoryObject::open_file(IteratorObject& entry) {
+    auto* standing = dynamic_cast<HFSPlusIteratorObject*>(&entry);
+    if (standing == nullptr || standing->directory != this) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    return open_file(standing->name());
+}
+
+FileSystemDriver::FileObject* HFSPlusDirectoryObject::open_file(const file_identifier& entry) {
+    return open_file(std::u16string(KnownIdentifier(entry).name()));
+}
+
+HFSPlusFileObject* HFSPlusDirectoryObject::FindOpenFile(std::uint32_t file_id) const {
+    auto found = open_files.find(file_id);
+    return found == open_files.end() ? nullptr : found->second;
+}
+
+HFSPlusFileObject* HFSPlusDirectoryObject::OpenRecord(const CatalogRecord& record) {
+    if (HFSPlusFileObject* open = FindOpenFile(record.id())) return open;
+    auto made = std::make_unique<HFSPlusFileObject>(hfs, this, record);
+    open_files.emplace(made->file_id, made.get());
+    return made.release();
+}
+
+HFSPlusFileObject* HFSPlusDirectoryObject::OpenInode(std::uint32_t link_id) {
+    CatalogFile& catalog = hfs->metadata().GetCatalogFile();
+    if (catalog.GetPrivateDirectoryId() != catalog_id) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    const CatalogRecord inode = catalog.ResolveHardLink(link_id);
+    // The inode is reached by id: it must stand here, and be no link
+    // itself, or opening it would go round in circles.
+    if (inode.parent_id != catalog_id || CatalogFile::IsHardLink(inode)) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    return OpenRecord(inode);
+}
+
+void HFSPlusDirectoryObject::ForgetFile(std::uint32_t file_id) { open_files.erase(file_id); }
+
+FileSystemDriver::FileObject* HFSPlusDirectoryObject::create_file(const std::u16string&) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::remove_file(const std::u16string&) { hfs->refuse_change(ERROR_TAG); }
+void HFSPlusDirectoryObject::remove_directory_entry(const std::u16string&) { hfs->refuse_change(ERROR_TAG); }
+void HFSPlusDirectoryObject::make_directory(const std::u16string&) { hfs->refuse_change(ERROR_TAG); }
+void HFSPlusDirectoryObject::rename_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::link_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::symlink_entry(const std::u16string&, const std::u16string&) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::set_security(const std::u16string&, const void*, std::uint32_t) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::set_attributes(const std::u16string&, std::uint32_t) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+void HFSPlusDirectoryObject::set_permissions(const std::u16string&, std::uint32_t) { hfs->refuse_change(ERROR_TAG); }
+void HFSPlusDirectoryObject::set_owner(const std::u16string&, std::uint32_t, std::uint32_t) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::set_times(const std::u16string&, std::uint64_t, std::uint64_t, std::uint64_t) {
+    hfs->refuse_change(ERROR_TAG);
+}
+void HFSPlusDirectoryObject::make_node(const std::u16string&, std::uint32_t, std::uint32_t, std::uint32_t,
+                                       std::uint32_t) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+
+// The private directory of the read side: found, never made, since making
+// it is a change. The driver holds one count on its object, so that the
+// inodes' objects hanging on it keep it, and the framework's trimming of
+// idle directories passes it by, until unmount.
+HFSPlusDirectoryObject& HFSPlusDriver::GetPrivateDirectory() {
+    if (private_directory != nullptr) return *private_directory;
+    std::uint32_t id = 0;
+    try {
+        id = metadata().GetCatalogFile().GetPrivateDirectoryId();
+    } catch (const Common::Error& error) {
+        if (error.Code() == Common::FILE_NOT_FOUND) refuse_change(ERROR_TAG);
+        throw;
+    }
+    if (id < kFirstUserCatalogId) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    auto* object = dynamic_cast<HFSPlusDirectoryObject*>(get_object(DirectoryIdOfCatalogId(id)));
+    if (object == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    ++object->references;
+    private_directory = object;
+    return *object;
+}
+
+}  // namespace hfsplus

@@ -1,0 +1,89 @@
+#pragma once
+// One folder of an HFS+ volume. Its entries are the catalog records keyed
+// by its id; it keeps no copy of them. What it keeps is the set of its
+// files that have a live object, entered in the driver's map of open files
+// under its catalog id, so that a folder has one object per file and the
+// hard links of one inode, whichever folders they stand in, meet at one
+// object in the private directory.
+//
+// Listings leave out the private directory and, in the root, the journal's
+// two files; a lookup by name still reaches them. Every change is refused
+// before anything is touched until the volume's write path exists.
+#include <cstdint>
+#include <string>
+
+#include "fsdriver/directory_object.h"
+#include "hfsplus/catalog_record.h"
+#include "hfsplus/opened_files_map.h"
+
+namespace hfsplus {
+
+class HFSPlusDriver;
+class HFSPlusFileObject;
+
+class HFSPlusAbstractDirectoryObject : public FileSystemDriver::DirectoryObject {
+public:
+    // Takes a file that is going away out of the open files.
+    virtual void ForgetFile(std::uint32_t file_id) = 0;
+    virtual std::uint32_t GetCatalogId() const = 0;
+
+protected:
+    HFSPlusAbstractDirectoryObject(FileSystemDriver* driver, std::uint32_t id) : DirectoryObject(driver, id) {}
+};
+
+class HFSPlusDirectoryObject : public HFSPlusAbstractDirectoryObject {
+public:
+    using IteratorObject = FileSystemDriver::IteratorObject;
+    using FileObject = FileSystemDriver::FileObject;
+
+    // The folder `catalog_id` (2 for the root): FILE_OPEN when the id isn't
+    // a folder, FILE_EXISTS when the folder has an object already.
+    HFSPlusDirectoryObject(HFSPlusDriver* driver, std::uint32_t catalog_id);
+    ~HFSPlusDirectoryObject() override;
+
+    IteratorObject* begin() override;
+    IteratorObject* find(const std::u16string& name) override;
+    IteratorObject* find(const file_identifier& entry) override;
+    std::uint32_t lookup_directory(const std::u16string& name) override;
+    FileObject* open_file(const std::u16string& name) override;
+    FileObject* open_file(IteratorObject& entry) override;
+    FileObject* open_file(const file_identifier& entry) override;
+
+    // Changes, refused until the write path exists.
+    FileObject* create_file(const std::u16string& name) override;
+    void remove_file(const std::u16string& name) override;
+    void remove_directory_entry(const std::u16string& name) override;
+    void make_directory(const std::u16string& name) override;
+    void rename_entry(const std::u16string& name, DirectoryObject& target, const std::u16string& new_name) override;
+    void link_entry(const std::u16string& name, DirectoryObject& target, const std::u16string& new_name) override;
+    void symlink_entry(const std::u16string& name, const std::u16string& target) override;
+    void set_security(const std::u16string& name, const void* data, std::uint32_t size) override;
+    void set_attributes(const std::u16string& name, std::uint32_t value) override;
+    void set_permissions(const std::u16string& name, std::uint32_t value) override;
+    void set_owner(const std::u16string& name, std::uint32_t owner, std::uint32_t group) override;
+    void set_times(const std::u16string& name, std::uint64_t modified, std::uint64_t created,
+                   std::uint64_t accessed) override;
+    void make_node(const std::u16string& name, std::uint32_t kind, std::uint32_t permissions, std::uint32_t major,
+                   std::uint32_t minor) override;
+
+    void ForgetFile(std::uint32_t file_id) override;
+    std::uint32_t GetCatalogId() const override { return catalog_id; }
+
+    // --- for files and iterators ---
+    // The record of the child `name`; FILE_NOT_FOUND when there is none.
+    CatalogRecord GetChild(const std::u16string& name) const;
+    // The one way to a file object: the live one of the record's id, or a
+    // new one entered in the open files.
+    HFSPlusFileObject* OpenRecord(const CatalogRecord& record);
+    // On the private directory's object: the object of the inode of the
+    // hard link `link_id`.
+    HFSPlusFileObject* OpenInode(std::uint32_t link_id);
+    // The live object of a file of this folder; null when it has none.
+    HFSPlusFileObject* FindOpenFile(std::uint32_t file_id) const;
+
+    HFSPlusDriver* hfs;  // not owned
+    std::uint32_t catalog_id;
+    OpenFilesSet open_files;
+};
+
+}  // namespace hfsplus

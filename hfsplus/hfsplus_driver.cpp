@@ -1,0 +1,69 @@
+#include "hfsplus/hfsplus_driver.h"
+
+#include <algorithm>
+#include <string>
+
+#include "hfsplus/catalog_file.h"
+#include "hfsplus/hfsplus_directory.h"
+#include "hfsplus/hfsplus_metadata.h"
+#include "hfsplus/opened_files_map.h"
+#include "hfsplus/volume_header.h"
+#include "loader/common/raise.h"
+
+namespace hfsplus {
+
+void HFSPlusDriver::space(std::uint64_t& total, std::uint64_t& free, std::uint64_t& available) {
+    const VolumeHeader& header = metadata().GetVolumeHeader().header();
+    total = std::uint64_t(header.blockSize()) * header.totalBlocks();
+    free = std::uint64_t(header.blockSize()) * header.freeBlocks();
+    available = free;
+}
+
+// The volume's name is the root folder's: the name in its thread record.
+void HFSPlusDriver::label(char16_t* buffer, std::uint32_t capacity) {
+    if (buffer == nullptr || capacity == 0) return;
+    const std::u16string name = metadata().GetCatalogFile().GetVolumeName().ToHost();
+    const std::size_t length = std::min<std::size_t>(name.size(), capacity - 1);
+    std::copy(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(length), buffer);
+    buffer[length] = 0;
+}
+
+int HFSPlusDriver::compare_identifiers(const file_identifier& a, const file_identifier& b) {
+    const auto* left = dynamic_cast<const the_identifier*>(&a);
+    const auto* right = dynamic_cast<const the_identifier*>(&b);
+    if (left == nullptr || right == nullptr) return left == right ? 0 : left == nullptr ? -1 : 1;
+    const std::u16string left_name = left->name();
+    const std::u16string right_name = right->name();
+    return CompareNames(left_name.data(), left_name.size(), right_name.data(), right_name.size());
+}
+
+int HFSPlusDriver::CompareNames(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length) {
+    const std::size_t common = std::min(a_length, b_length);
+    for (std::size_t i = 0; i < common; ++i) {
+        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+    }
+    if (a_length == b_length) return 0;
+    return a_length < b_length ? -1 : 1;
+}
+
+void HFSPlusDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
+
+void HFSPlusDriver::refuse_change(std::uint64_t tag) const {
+    Common::Raise(tag, read_only != 0 ? Common::Failures::FILE_READ_ONLY : Common::Failures::FILE_UNSUPPORTED);
+}
+
+FileSystemDriver::DirectoryObject* HFSPlusDriver::open_directory(std::uint32_t id) {
+    return new HFSPlusDirectoryObject(this, CatalogIdOfDirectory(id));
+}
+
+HFSPlusMetadata& HFSPlusDriver::metadata() const {
+    if (!metadata_holder) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    return *metadata_holder;
+}
+
+OpenedFilesInDirectoriesMap& HFSPlusDriver::opened_files() const {
+    if (!opened_files_map) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    return *opened_files_map;
+}
+
+}  // namespace hfsplus
