@@ -4,6 +4,7 @@
 
 #include "hfsplus/extents_overflow.h"
 #include "hfsplus/node_block.h"
+#include "hfsplus/volume_header.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/raise.h"
 
@@ -65,6 +66,8 @@ std::size_t RecordSizeFor(const unsigned char* data, std::size_t available) {
 CatalogFile::CatalogFile(HFSPlusDriver* driver, std::uint16_t node_size, ExtentsOverflowFile& extents)
     : SpecialFileWithBTree(driver, kForkId, node_size, kMaxKeySize, kMaxDataSize) {
     if (IsEmpty()) return;
+    binary_names = volume_header->header().signature() == kSignatureHFSX &&
+                   HeaderRecord().keyCompareType() == kBinaryCompare;
     extents.CompleteExtents(*this);
     LoadMap();
 }
@@ -83,6 +86,7 @@ int CatalogFile::CompareKeys(const unsigned char* a, std::size_t a_size, const u
     const KeyView x = ViewKey(a, a_size);
     const KeyView y = ViewKey(b, b_size);
     if (int order = CompareParents(x.parent, y.parent)) return order;
+    if (binary_names) return CompareBinaryStored(x.name, x.length, y.name, y.length);
     return CompareFoldedStored(x.name, x.length, y.name, y.length);
 }
 

@@ -61,6 +61,13 @@ public:
     // search order: a key that grows in either order may follow.
     bool FollowsInChain(const KeyAndNodeIndexRecord& previous, const KeyAndNodeIndexRecord& next) const override;
 
+    // The key order of an HFSX catalog whose header says "binary": names
+    // by code units, case and all. The folding order would look for them
+    // in the wrong places of such a tree (the private folder's leading 0
+    // characters alone sort first there and last when folded).
+    static constexpr std::uint8_t kBinaryCompare = 0xBC;
+    bool binary_names = false;
+
 private:
     // The copy of the record at a leaf position, its size checked by type.
     CatalogRecord CopyRecord(NodeBlock& node, std::uint16_t index) const;

@@ -88,9 +88,12 @@ void HFSPlusDirectoryItemsIterator::Step() {
         return;
     }
     if (!IsChildRecord(record)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-    if (CompareFolded(name.data(), name.length(), record.name.data(), record.name.length()) >= 0) {
-        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-    }
+    // Names rise from one child to the next, so that a walk that comes
+    // round again ends. HFSX volumes store them in binary order, in which
+    // names differing only in case rise though they fold alike.
+    const bool rises_folded = CompareFolded(name.data(), name.length(), record.name.data(), record.name.length()) < 0;
+    const bool rises_binary = CompareBinary(name.data(), name.length(), record.name.data(), record.name.length()) < 0;
+    if (!rises_folded && !rises_binary) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     Stand(next, record, index + 1);
 }
 
