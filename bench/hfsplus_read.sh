@@ -28,6 +28,8 @@ IMAGE=$WORK/hfsplus.img
 FILE_MIB=256
 ENTRIES=2000
 LISTING_GOAL_MS=50
+RAW_GOAL=0.8
+GRUB_GOAL=5
 BLOCK=2048
 rm -rf "$WORK"
 mkdir -p "$TREE/many" || exit 2
@@ -41,8 +43,9 @@ rm -rf "$TREE"
 
 # The file's blocks as sleuthkit lists them; xorriso writes it in one run.
 BIG_ID=$(fls -f hfs "$IMAGE" | awk '$NF == "big.bin" { sub(":", "", $2); print $2 }')
-istat -f hfs "$IMAGE" "$BIG_ID" | sed -n '/^Data Fork Blocks:/,/^$/p' | tr -s ' \t' '\n' | grep -E '^[0-9]+$' \
-    >"$WORK/blocks"
+# istat lists blocks one by one, or as ranges "FIRST-LAST".
+istat -f hfs "$IMAGE" "$BIG_ID" | sed -n '/^Data Fork Blocks:/,/^$/p' | tr -s ' \t' '\n' |
+    awk -F - '/^[0-9]+(-[0-9]+)?$/ { last = NF == 2 ? $2 : $1; for (b = $1; b <= last; b++) print b }' >"$WORK/blocks"
 FIRST_BLOCK=$(head -n 1 "$WORK/blocks")
 BLOCKS=$(wc -l <"$WORK/blocks")
 if [ "$(tail -n 1 "$WORK/blocks")" != "$((FIRST_BLOCK + BLOCKS - 1))" ]; then

@@ -9,6 +9,7 @@
 #include "hfsplus/extents_overflow.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/hfsplus_metadata.h"
+#include "hfsplus/volume_header.h"
 #include "loader/common/raise.h"
 
 namespace hfsplus {
@@ -26,10 +27,19 @@ FileContent::FileContent(HFSPlusDriver* driver, const CatalogRecord& record)
 }
 
 // The record isn't kept: the size is the catalog's at each question.
+std::uint64_t CheckedForkSize(HFSPlusDriver& driver, const ForkData& fork) {
+    const std::uint32_t volume_blocks = driver.metadata().GetVolumeHeader().header().totalBlocks();
+    const std::uint64_t allocated = std::uint64_t(fork.totalBlocks()) * driver.block_size();
+    if (fork.totalBlocks() > volume_blocks || fork.logicalSize() > allocated) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    return fork.logicalSize();
+}
+
 std::uint64_t FileContent::GetSize() {
     const CatalogRecord record = driver->metadata().GetCatalogFile().GetRecordById(file_id);
     if (!record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-    return record.file().dataFork().logicalSize();
+    return CheckedForkSize(*driver, record.file().dataFork());
 }
 
 SectorArea FileContent::LocateRun(std::uint64_t position, const ExtentsDescriptorArray& extents) const {

@@ -14,6 +14,11 @@ namespace hfsplus {
 
 class HFSPlusDriver;
 
+// The logicalSize of a file's fork, checked: HFS+ has no sparse files, so
+// a fork's blocks cover its size and lie inside the volume; a record that
+// says otherwise is damage (FILE_CORRUPT).
+std::uint64_t CheckedForkSize(HFSPlusDriver& driver, const ForkData& fork);
+
 class FileContent {
 public:
     // `record` is the file's catalog record (type 2).

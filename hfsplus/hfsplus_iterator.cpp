@@ -8,6 +8,7 @@
 #include "files/file_identifier.h"
 #include "files/utf_conversion.h"
 #include "hfsplus/catalog_file.h"
+#include "hfsplus/file_content.h"
 #include "hfsplus/hfsplus_directory.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/hfsplus_file.h"
@@ -118,13 +119,15 @@ std::u16string HFSPlusIteratorObject::name() {
 std::uint64_t HFSPlusIteratorObject::size() {
     const CatalogRecord record = Record();
     if (record.is_folder()) return 0;
-    return Inode(record).file().dataFork().logicalSize();
+    return CheckedForkSize(*driver, Inode(record).file().dataFork());
 }
 
 std::uint64_t HFSPlusIteratorObject::allocated_size() {
     const CatalogRecord record = Record();
     if (record.is_folder()) return 0;
-    return std::uint64_t(Inode(record).file().dataFork().totalBlocks()) * driver->block_size();
+    const CatalogRecord inode = Inode(record);
+    CheckedForkSize(*driver, inode.file().dataFork());
+    return std::uint64_t(inode.file().dataFork().totalBlocks()) * driver->block_size();
 }
 
 std::uint32_t HFSPlusIteratorObject::kind() { return KindOfModeType(Record().mode_type()); }
