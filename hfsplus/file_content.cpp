@@ -29,8 +29,8 @@ FileContent::FileContent(HFSPlusDriver* driver, const CatalogRecord& record)
 // The record isn't kept: the size is the catalog's at each question.
 std::uint64_t CheckedForkSize(HFSPlusDriver& driver, const ForkData& fork) {
     const std::uint32_t volume_blocks = driver.metadata().GetVolumeHeader().header().totalBlocks();
-    const std::uint64_t allocated = std::uint64_t(fork.totalBlocks()) * driver.block_size();
-    if (fork.totalBlocks() > volume_blocks || fork.logicalSize() > allocated) {
+    const std::uint64_t volume_bytes = std::uint64_t(volume_blocks) * driver.block_size();
+    if (fork.totalBlocks() > volume_blocks || fork.logicalSize() > volume_bytes) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
     return fork.logicalSize();

@@ -14,9 +14,10 @@ namespace hfsplus {
 
 class HFSPlusDriver;
 
-// The logicalSize of a file's fork, checked: HFS+ has no sparse files, so
-// a fork's blocks cover its size and lie inside the volume; a record that
-// says otherwise is damage (FILE_CORRUPT).
+// The logicalSize of a file's fork, checked against the volume: HFS+ has
+// no sparse files, so no fork can be larger than the volume that holds its
+// blocks (FILE_CORRUPT). A size that only passes the fork's own extents is
+// found by the read that needs the missing blocks.
 std::uint64_t CheckedForkSize(HFSPlusDriver& driver, const ForkData& fork);
 
 class FileContent {

@@ -361,6 +361,12 @@ TEST(HFSPlusContent, ASizeBeyondTheExtentsIsDamageAtTheReadThatNeedsIt) {
     const std::string data = Content().files.at(u"damaged.bin");
     EXPECT_TRUE(volume.read(u"/damaged.bin", 0, data.size()) == data);
     EXPECT_EQ(volume.read(u"/damaged.bin"), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
+    // A size that no fork of this volume could have is damage as soon as
+    // the size is asked: 4 GiB more on a volume of a few MiB.
+    Put32(bytes, record + 88, 1);
+    Volume larger(DiskOf(bytes));
+    ASSERT_NE(larger.driver, nullptr);
+    EXPECT_EQ(larger.read(u"/damaged.bin", 0, 1), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
 }
 
 // A descriptor from its published bytes: start, then count, big-endian.
