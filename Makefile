@@ -38,6 +38,7 @@ e2e: all
 bench: all
 	bench/boot_time.sh $(BUILD)
 	bench/fat_read.sh $(BUILD)
+	bench/fat_write.sh $(BUILD)
 	bench/ext_read.sh $(BUILD)
 	bench/ntfs_read.sh $(BUILD)
 	bench/hfsplus_read.sh $(BUILD)

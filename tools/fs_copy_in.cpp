@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/command.h"
+#include "tools/copy_chunk.h"
 #include "tools/fs_operations.h"
 #include "tools/fs_progress.h"
 #include "tools/host_file.h"
@@ -18,7 +19,6 @@
 namespace MorvaneTool {
 namespace {
 
-constexpr std::size_t kChunk = 1024 * 1024;
 // The request that sets a file's modified, created and accessed times.
 constexpr std::uint32_t kSetTimesRequest = 0x4D544653;  // "SFTM"
 
@@ -66,15 +66,15 @@ file_time HoldableTime(rio_dir& root, file_time wanted, const std::string& path)
 // Writes a host descriptor's bytes into a new file of the volume.
 int WriteIn(rio_file& file, int descriptor, std::uint64_t total, const std::string& host_path,
             const std::string& path) {
-    std::vector<unsigned char> buffer(kChunk);
+    CopyChunk chunk;
     CopyProgress progress(path, total);
     for (;;) {
-        ssize_t got = read(descriptor, buffer.data(), buffer.size());
+        ssize_t got = read(descriptor, chunk.data(), chunk.size());
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return ReportHostFailure("cannot read", host_path, std::strerror(errno));
         if (got == 0) return kExitOk;
         std::uint64_t written = 0;
-        file.write(buffer.data(), static_cast<std::uint64_t>(got), written);
+        file.write(chunk.data(), static_cast<std::uint64_t>(got), written);
         if (file.failed()) return ReportRefusal("cannot write", path, file.error());
         if (written != static_cast<std::uint64_t>(got)) {
             return ReportHostFailure("cannot write", path, "the volume took fewer bytes than given");

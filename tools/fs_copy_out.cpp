@@ -10,15 +10,13 @@
 #include <vector>
 
 #include "tools/command.h"
+#include "tools/copy_chunk.h"
 #include "tools/fs_operations.h"
 #include "tools/fs_progress.h"
 #include "tools/host_file.h"
 
 namespace MorvaneTool {
 namespace {
-
-constexpr std::size_t kChunk = 1024 * 1024;
-constexpr std::uintptr_t kBufferAlignment = 4096;
 
 bool WriteAll(int descriptor, const unsigned char* bytes, std::size_t size) {
     while (size > 0) {
@@ -45,18 +43,14 @@ bool IsTheImage(const std::string& host_path, const HostIdentity& image) {
 
 // Copies one file of the volume to a host descriptor. Answers an exit code.
 int ReadOut(ri_file& file, int descriptor, const std::string& path, const std::string& host_path) {
-    // Aligned to the largest sector, so that the drivers read whole runs
-    // of sectors straight into it rather than beside it and then move them.
-    std::vector<unsigned char> storage(kChunk + kBufferAlignment);
-    const std::uintptr_t misalignment = reinterpret_cast<std::uintptr_t>(storage.data()) % kBufferAlignment;
-    unsigned char* buffer = storage.data() + (kBufferAlignment - misalignment) % kBufferAlignment;
+    CopyChunk chunk;
     CopyProgress progress(path, file.size());
     for (;;) {
         std::uint64_t got = 0;
-        file.read(buffer, kChunk, got);
+        file.read(chunk.data(), chunk.size(), got);
         if (file.failed()) return ReportRefusal("cannot read", path, file.error());
         if (got == 0) return kExitOk;
-        if (!WriteAll(descriptor, buffer, static_cast<std::size_t>(got))) {
+        if (!WriteAll(descriptor, chunk.data(), static_cast<std::size_t>(got))) {
             return ReportHostFailure("cannot write", host_path, std::strerror(errno));
         }
         progress.Advance(got);
