@@ -4,7 +4,7 @@ BUILD      := build
 ASAN_BUILD := build/asan
 JOBS       ?= $(shell nproc)
 
-.PHONY: all deps configure demo check unit asan e2e bench clean
+.PHONY: all deps configure demo check unit asan e2e bench clean powercut
 
 all: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -51,6 +51,11 @@ check: deps
 
 clean:
 	rm -rf $(BUILD)
+
+# Every write scenario of every writing driver, cut after each sector write
+# (an even sample of 200 cut points when a scenario writes more).
+powercut: all
+	$(BUILD)/powercut --sample 200
 
 .PHONY: fuzz fuzz-check
 

@@ -170,7 +170,12 @@ std::uint32_t FATDriver::FATDirectory::lookup_directory(const std::u16string& na
     std::uint32_t index = find_entry(name);
     if (!entry(index).is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     std::uint32_t cluster = entry_cluster(index);
-    return cluster == fat()->root_cluster ? 0 : cluster;
+    // Only ".." (and "." in the root's children's view) may lead to the
+    // root; any other folder whose entry starts there, or at no cluster,
+    // is damage, and taking it for the root would make a path go round.
+    const bool leads_to_root = cluster == 0 || cluster == fat()->root_cluster;
+    if (leads_to_root && name != u".." && name != u".") Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    return leads_to_root ? 0 : cluster;
 }
 
 FileSystemDriver::FileObject* FATDriver::FATDirectory::open_file(const std::u16string& name) {

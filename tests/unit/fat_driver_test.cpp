@@ -345,6 +345,20 @@ TEST(FATFiles, DamagedChainsEndInCorruptNotInAHang) {
         EXPECT_EQ(file->error().Code(), row.corrupt ? Common::FILE_CORRUPT : 0u) << row.what;
         EXPECT_EQ(got, row.corrupt ? 0u : 4000u) << row.what;
     }
+    // A folder whose entry starts at no cluster would be taken for the
+    // root, and a walk below it would go round.
+    std::vector<unsigned char> changed = data;
+    const std::string entry = "DIR        ";
+    auto at = std::search(changed.begin(), changed.end(), entry.begin(), entry.end());
+    ASSERT_NE(at, changed.end());
+    Put16(changed, static_cast<std::size_t>(at - changed.begin()) + 26, 0);
+    image.store(changed);
+    Volume volume(image.path);
+    ASSERT_NE(volume.driver, nullptr);
+    std::unique_ptr<rio_dir> dir(volume.root->open_dir(u"dir"));
+    ASSERT_NE(dir, nullptr);
+    std::unique_ptr<i_dir::iterator> walk(dir->begin());
+    EXPECT_EQ(dir->error().Code(), Common::FILE_CORRUPT);
 }
 
 namespace {

@@ -1,0 +1,219 @@
+// One scenario is run whole once to count its sector writes W, then again
+// for each cut point N, after which the cut volume is walked by our driver,
+// repaired and checked by the independent checker, and walked again.
+#include "tests/powercut/harness.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include "loader/common/error.h"
+#include "tests/powercut/image_file.h"
+#include "tests/powercut/scenario.h"
+#include "tests/powercut/volume_walk.h"
+#include "tests/support/power_cut_disk.h"
+#include "tests/support/volume_fixture.h"
+
+namespace PowerCut {
+namespace {
+
+constexpr unsigned kWalkSeconds = 20;
+constexpr std::size_t kFailuresKept = 6;
+
+using Sums = std::map<std::string, std::string>;
+
+struct CutRun {
+    std::string refusal;  // the step the volume refused before the power went, if any
+    std::uint64_t writes = 0;
+    std::vector<unsigned char> bytes;
+};
+
+// The scenario on a fresh copy of the volume, the power going after `allowed`
+// sector writes. After the cut the driver goes on against a disk that keeps
+// nothing; what it then refuses is no fault, as no real machine gets there.
+CutRun RunCut(const DriverRow& row, const Scenario& scenario, const std::vector<unsigned char>& original,
+              std::uint64_t allowed) {
+    CutRun run;
+    auto disk = TestSupport::DiskOf(original, row.sector_size);
+    TestSupport::PowerCutDisk cut(*disk, allowed);
+    try {
+        FileSystemDriver* driver = row.mount(cut);
+        ++driver->references;
+        try {
+            std::unique_ptr<rio_dir> root(driver->open_root());
+            scenario.act(*root);
+        } catch (const std::runtime_error& refused) {
+            if (!cut.cut()) run.refusal = refused.what();
+        }
+        release(driver);
+    } catch (const Common::Error& error) {
+        run.refusal = "mount: code " + std::to_string(error.Code());
+    }
+    run.writes = cut.writes();
+    run.bytes = std::move(disk->bytes);
+    return run;
+}
+
+ScenarioReport Named(const std::string& driver, const std::string& scenario) {
+    ScenarioReport report;
+    report.driver = driver;
+    report.scenario = scenario;
+    return report;
+}
+
+std::string Find(const Sums& sums, const std::string& path) {
+    auto at = sums.find(path);
+    return at == sums.end() ? std::string() : at->second;
+}
+
+class ScenarioCuts {
+public:
+    ScenarioCuts(const DriverRow& row, const Scenario& scenario, const std::vector<unsigned char>& original,
+                 const Sums& host, const Sums& before, ImageFile& image, ScenarioReport& report)
+        : row_(row), scenario_(scenario), original_(original), host_(host), before_(before), image_(image),
+          report_(report) {}
+
+    // The whole scenario: W and the files as it leaves them.
+    bool prepare() {
+        CutRun whole = RunCut(row_, scenario_, original_, TestSupport::PowerCutDisk::kNoCut);
+        report_.writes = whole.writes;
+        if (!whole.refusal.empty()) return fail("the scenario itself failed: " + whole.refusal), false;
+        after_ = WalkVolume(row_, whole.bytes, kWalkSeconds).files;
+        return true;
+    }
+
+    void try_cut(std::uint64_t allowed) {
+        ++report_.cuts;
+        at_ = "cut " + std::to_string(allowed) + ": ";
+        CutRun run = RunCut(row_, scenario_, original_, allowed);
+        if (!run.refusal.empty()) fail("refused before the cut: " + run.refusal);
+        if (allowed == 0 && run.bytes != original_) fail("no write let through, yet the disk changed");
+        WalkResult cut = look(run.bytes, "before repair");
+        if (cut.outcome == WalkResult::kRefused) ++report_.refused;
+        if (cut.outcome == WalkResult::kMounted) report_.torn += torn(cut.files) ? 1 : 0;
+        if (!image_.store(run.bytes)) return fail("cannot write " + image_.path());
+        CheckerVerdict verdict = RepairThenCheck(row_.checker, image_.path());
+        report_.repaired += verdict.repaired ? 1 : 0;
+        report_.second_pass += verdict.passes > 1 ? 1 : 0;
+        for (const auto& [kind, count] : verdict.kinds) report_.kinds[kind] += count;
+        if (allowed >= report_.writes && verdict.repaired) fail("the whole scenario left a volume needing repair");
+        if (!verdict.clean_after) {
+            ++report_.unclean;
+            fail("still unclean after repair: " + verdict.check_output.substr(0, 300));
+        }
+        WalkResult repaired = look(image_.load(), "after repair");
+        if (repaired.outcome != WalkResult::kMounted) fail("the repaired volume does not mount");
+    }
+
+private:
+    void fail(const std::string& text) {
+        if (report_.failures.size() < kFailuresKept) report_.failures.push_back(at_ + text);
+    }
+
+    WalkResult look(const std::vector<unsigned char>& bytes, const std::string& stage) {
+        WalkResult walk = WalkVolume(row_, bytes, kWalkSeconds);
+        if (!walk.acceptable()) {
+            ++report_.walk_failures;
+            const char* outcome = walk.outcome == WalkResult::kHung ? "hung" : "crashed";
+            fail(stage + ": walk " + (walk.wrong_codes.empty() ? outcome : walk.wrong_codes.front().substr(0, 120)));
+        }
+        if (walk.outcome == WalkResult::kMounted) untouched(walk.files, stage);
+        return walk;
+    }
+
+    void untouched(const Sums& files, const std::string& stage) {
+        for (const auto& [path, sum] : host_) {
+            if (Touches(scenario_, path)) continue;
+            const std::string found = Find(files, path);
+            if (found == sum) continue;
+            ++report_.untouched_lost;
+            fail(stage + ": /" + path + (found.empty() ? " is missing" : " reads " + found.substr(0, 16)));
+        }
+    }
+
+    // A file of the scenario that reads neither as before nor as after it.
+    bool torn(const Sums& files) const {
+        for (const auto& [path, sum] : files) {
+            if (Touches(scenario_, path) && sum != Find(before_, path) && sum != Find(after_, path)) return true;
+        }
+        return false;
+    }
+
+    const DriverRow& row_;
+    const Scenario& scenario_;
+    const std::vector<unsigned char>& original_;
+    const Sums& host_;
+    const Sums& before_;
+    ImageFile& image_;
+    ScenarioReport& report_;
+    Sums after_;
+    std::string at_;
+};
+
+// The volume as made must read as the host files it was made from: this
+// holds our walk to the host files' sums before any cut is judged.
+ScenarioReport CheckAsMade(const DriverRow& row, const std::vector<unsigned char>& original, const Sums& host,
+                           const ImageFile& image, Sums& walked) {
+    ScenarioReport report = Named(row.name, "(as made)");
+    if (original.empty()) report.failures.push_back("the tools made no image at " + image.path());
+    if (host.size() != StandardTree().files.size()) report.failures.push_back("sha256sum did not sum every file");
+    if (!RepairThenCheck(row.checker, image.path()).clean_after) report.failures.push_back("not clean as made");
+    walked = WalkVolume(row, original, kWalkSeconds).files;
+    for (const auto& [path, sum] : host) {
+        if (Find(walked, path) != sum) report.failures.push_back("/" + path + " does not read as made");
+    }
+    return report;
+}
+
+void RunRow(const DriverRow& row, const Options& options, const std::string& tree, const Sums& host,
+            std::vector<ScenarioReport>& reports) {
+    ImageFile image(options.work + "/" + row.name + ".img");
+    if (!row.make_image(tree, image.path())) {
+        reports.push_back(Named(row.name, "(as made)"));
+        reports.back().failures.push_back("the tools could not make the image");
+        return;
+    }
+    const std::vector<unsigned char> original = image.load();
+    Sums before;
+    reports.push_back(CheckAsMade(row, original, host, image, before));
+    if (!reports.back().passed()) return;
+    for (const Scenario& scenario : Scenarios()) {
+        if (std::find(options.skip.begin(), options.skip.end(), scenario.name) != options.skip.end()) continue;
+        ScenarioReport report = Named(row.name, scenario.name);
+        ScenarioCuts cuts(row, scenario, original, host, before, image, report);
+        if (cuts.prepare()) {
+            for (std::uint64_t allowed : CutPoints(report.writes, options.sample)) cuts.try_cut(allowed);
+        }
+        reports.push_back(report);
+        std::fprintf(stderr, "powercut: %s %s: %d cuts\n", row.name.c_str(), scenario.name, report.cuts);
+    }
+}
+
+}  // namespace
+
+std::vector<std::uint64_t> CutPoints(std::uint64_t writes, unsigned sample) {
+    std::vector<std::uint64_t> points;
+    if (sample == 0 || sample > writes) {
+        for (std::uint64_t n = 0; n <= writes; ++n) points.push_back(n);
+        return points;
+    }
+    const std::uint64_t spans = sample < 2 ? 1 : sample - 1;
+    for (std::uint64_t i = 0; i <= spans; ++i) {
+        std::uint64_t n = (i * writes + spans / 2) / spans;
+        if (points.empty() || points.back() != n) points.push_back(n);
+    }
+    return points;
+}
+
+std::vector<ScenarioReport> RunHarness(const std::vector<DriverRow>& rows, const Options& options) {
+    const std::string tree = options.work + "/tree";
+    WriteTree(StandardTree(), tree);
+    const Sums host = HostSums(tree);
+    std::vector<ScenarioReport> reports;
+    for (const DriverRow& row : rows) {
+        if (options.driver.empty() || options.driver == row.name) RunRow(row, options, tree, host, reports);
+    }
+    return reports;
+}
+
+}  // namespace PowerCut
