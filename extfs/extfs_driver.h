@@ -23,6 +23,15 @@ namespace extfs {
 
 class ExtfsInodeCache;
 class InodeLocationProcessor;
+class ExtfsAllocation;
+class ExtfsBlockAllocator;
+class ExtfsInodeAllocator;
+
+// Deletes the allocation where its type is complete, so that this header
+// needn't include it.
+struct ExtfsAllocationDeleter {
+    void operator()(ExtfsAllocation* allocation) const;
+};
 
 class ExtfsDriver : public FileSystemDriverPosix {
 public:
@@ -65,6 +74,13 @@ public:
     // The map reader for an inode with these `i_flags`, made on first use.
     InodeLocationProcessor& location_processor(std::uint32_t flags);
     ExtfsInodeCache& inodes() { return *inode_cache; }
+    // The allocators (extfs_allocation.cpp), made on first use.
+    // FILE_READ_ONLY on a volume held read only, every time.
+    ExtfsBlockAllocator& block_allocator();
+    ExtfsInodeAllocator& inode_allocator();
+    // Puts the descriptors and the superblock that allocation changed into
+    // their cached blocks, for the next flush of blocks to write.
+    void flush_descriptors();
     // How a change is refused: this driver has no write path.
     [[noreturn]] void refuse_change(std::uint64_t tag) const;
 
@@ -100,6 +116,7 @@ public:
     std::unique_ptr<ExtfsInodeCache> inode_cache;
     std::unique_ptr<InodeLocationProcessor> legacy_processor;
     std::unique_ptr<InodeLocationProcessor> extents_processor;
+    std::unique_ptr<ExtfsAllocation, ExtfsAllocationDeleter> allocation;
 
 private:
     // The mount's steps, in their order; each raises on a refusal.
