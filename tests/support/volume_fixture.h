@@ -45,7 +45,8 @@ inline std::vector<unsigned char> LoadFile(const std::string& path) {
 inline void StoreFile(const std::string& path, const std::vector<unsigned char>& data) {
     FILE* file = std::fopen(path.c_str(), "wb");
     if (file == nullptr) return;
-    std::fwrite(data.data(), 1, data.size(), file);
+    // An empty vector may hold no storage at all, which fwrite must not see.
+    if (!data.empty()) std::fwrite(data.data(), 1, data.size(), file);
     std::fclose(file);
 }
 
