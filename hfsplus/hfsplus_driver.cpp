@@ -5,6 +5,7 @@
 
 #include "hfsplus/catalog_file.h"
 #include "hfsplus/hfsplus_directory.h"
+#include "hfsplus/hfsplus_string.h"
 #include "hfsplus/hfsplus_metadata.h"
 #include "hfsplus/opened_files_map.h"
 #include "hfsplus/volume_header.h"
@@ -34,16 +35,7 @@ int HFSPlusDriver::compare_identifiers(const file_identifier& a, const file_iden
     if (left == nullptr || right == nullptr) return left == right ? 0 : left == nullptr ? -1 : 1;
     const std::u16string left_name = left->name();
     const std::u16string right_name = right->name();
-    return CompareNames(left_name.data(), left_name.size(), right_name.data(), right_name.size());
-}
-
-int HFSPlusDriver::CompareNames(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length) {
-    const std::size_t common = std::min(a_length, b_length);
-    for (std::size_t i = 0; i < common; ++i) {
-        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-    }
-    if (a_length == b_length) return 0;
-    return a_length < b_length ? -1 : 1;
+    return CompareBinary(left_name.data(), left_name.size(), right_name.data(), right_name.size());
 }
 
 void HFSPlusDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }

@@ -49,9 +49,6 @@ public:
     // --- helpers of the driver's objects ---
     // How a change is refused until the write path exists.
     [[noreturn]] void refuse_change(std::uint64_t tag) const;
-    // The order of two stored names by code units; the shorter first on an
-    // equal prefix. -1, 0 or 1.
-    static int CompareNames(const char16_t* a, std::size_t a_length, const char16_t* b, std::size_t b_length);
     HFSPlusMetadata& metadata() const;
     OpenedFilesInDirectoriesMap& opened_files() const;
     // The folder "HFS+ Private Data" of the root, opened on first use;

@@ -24,14 +24,8 @@ HFSPlusJournalBuffer::HFSPlusJournalBuffer(HFSPlusDriver* owner, const JournalHe
       journal_info(&info),
       ring(owner, info.offset() + header.jhdr_size(), info.offset() + info.size(), info.offset() + header.start(),
            block_size),
-      list_storage(kBufferBytes + owner->sector_size),
-      gather_storage(kBufferBytes + owner->sector_size) {}
-
-unsigned char* HFSPlusJournalBuffer::aligned(std::vector<unsigned char>& storage) const {
-    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(storage.data());
-    const std::uint32_t sector = driver->sector_size;
-    return storage.data() + (sector - address % sector) % sector;
-}
+      list_storage(kBufferBytes, owner->sector_size),
+      gather_storage(kBufferBytes, owner->sector_size) {}
 
 HFSPlusTransaction::HFSPlusTransaction(HFSPlusJournalBuffer& buffer, HFSPlusReplayItemsMap* items, bool commit_blocks,
                                        std::set<SectorArea>* areas)

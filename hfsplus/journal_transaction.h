@@ -10,6 +10,7 @@
 #include <set>
 #include <vector>
 
+#include "hfsplus/aligned_buffer.h"
 #include "hfsplus/area_limits.h"
 #include "hfsplus/hfsplus_records.h"
 #include "hfsplus/journal_ring.h"
@@ -29,8 +30,8 @@ public:
     HFSPlusJournalBuffer(HFSPlusDriver* driver, const JournalHeader& header, const JournalInfoBlock& info,
                          std::uint32_t block_size);
 
-    unsigned char* list() { return aligned(list_storage); }
-    unsigned char* gather() { return aligned(gather_storage); }
+    unsigned char* list() { return list_storage.data(); }
+    unsigned char* gather() { return gather_storage.data(); }
 
     HFSPlusDriver* driver;  // not owned
     const JournalHeader* journal_header;
@@ -39,10 +40,8 @@ public:
 
 private:
     // The device takes only buffers on sector boundaries.
-    unsigned char* aligned(std::vector<unsigned char>& storage) const;
-
-    std::vector<unsigned char> list_storage;
-    std::vector<unsigned char> gather_storage;
+    AlignedBuffer list_storage;
+    AlignedBuffer gather_storage;
 };
 
 class HFSPlusTransaction {

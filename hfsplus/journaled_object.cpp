@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "hfsplus/aligned_buffer.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/hfsplus_metadata.h"
 #include "hfsplus/journal.h"
@@ -19,20 +20,6 @@ namespace {
 // a request that don't fill a sector, or a caller's buffer that isn't
 // aligned for the device.
 constexpr std::uint64_t kStagingBytes = 64 * 1024;  // at least two sectors of any size served
-
-// Zeroed bytes that start on a multiple of `alignment`.
-class AlignedBytes {
-public:
-    AlignedBytes(std::size_t size, std::size_t alignment) : storage_(size + alignment - 1, 0) {
-        const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(storage_.data());
-        data_ = storage_.data() + (alignment - address % alignment) % alignment;
-    }
-    unsigned char* data() { return data_; }
-
-private:
-    std::vector<unsigned char> storage_;
-    unsigned char* data_;
-};
 
 bool Aligned(const void* address, std::uint32_t alignment) {
     return reinterpret_cast<std::uintptr_t>(address) % alignment == 0;
@@ -84,7 +71,7 @@ void JournaledFileSystemObject::Read(void* buffer, std::uint64_t position, std::
     auto* out = static_cast<unsigned char*>(buffer);
     const std::uint32_t sector = driver->sector_size;
     const std::uint64_t staging_sectors = std::max<std::uint64_t>(1, kStagingBytes / sector);
-    std::unique_ptr<AlignedBytes> staging;
+    std::unique_ptr<AlignedBuffer> staging;
     while (read_count < count) {
         SectorArea area = Locate(position);
         if (area.IsEmpty()) break;
@@ -105,7 +92,7 @@ void JournaledFileSystemObject::Read(void* buffer, std::uint64_t position, std::
         if (direct) {
             read_run(out, area, item);
         } else {
-            if (!staging) staging = std::make_unique<AlignedBytes>(staging_sectors * sector, sector);
+            if (!staging) staging = std::make_unique<AlignedBuffer>(staging_sectors * sector, sector);
             read_run(staging->data(), area, item);
             std::memcpy(out, staging->data() + skip, bytes);
         }

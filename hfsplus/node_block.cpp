@@ -7,11 +7,6 @@
 
 namespace hfsplus {
 
-AlignedBuffer::AlignedBuffer(std::size_t size) : storage(new unsigned char[size + kAlignment]()), bytes(size) {
-    const auto address = reinterpret_cast<std::uintptr_t>(storage.get());
-    aligned = storage.get() + ((kAlignment - address % kAlignment) % kAlignment);
-}
-
 NodeBlock::~NodeBlock() = default;
 
 void NodeBlock::Bind(unsigned char* buffer) {

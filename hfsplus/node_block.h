@@ -15,24 +15,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "hfsplus/aligned_buffer.h"
 #include "hfsplus/hfsplus_records.h"
 
 namespace hfsplus {
-
-// Node-size bytes aligned for the device's direct reads, zeroed.
-class AlignedBuffer {
-public:
-    static constexpr std::size_t kAlignment = 4096;
-
-    explicit AlignedBuffer(std::size_t size);
-    unsigned char* data() const { return aligned; }
-    std::size_t size() const { return bytes; }
-
-private:
-    std::unique_ptr<unsigned char[]> storage;
-    unsigned char* aligned = nullptr;
-    std::size_t bytes = 0;
-};
 
 // A key as a node limit: the bytes of the largest key, its length field
 // included, and the child of an index record (kNoChild on leaves).
