@@ -34,4 +34,8 @@ void ExtfsBlockAllocator::update_group(std::uint32_t group, bool, std::uint32_t 
                      [&](GroupDescriptor& entry) { DescriptorCounts::set_free_blocks(entry, free_count, wide); });
 }
 
+std::uint32_t ExtfsBlockAllocator::recorded_free(std::uint32_t group) const {
+    return DescriptorCounts::free_blocks(driver->descriptor(group), updates_->wide());
+}
+
 }  // namespace extfs

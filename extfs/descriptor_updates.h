@@ -43,6 +43,8 @@ public:
     }
     bool wide() const;
     bool pending() const { return superblock_dirty_; }
+    // A change of the superblock's own fields, for the next flush.
+    void mark_superblock_dirty() { superblock_dirty_ = true; }
 
     // Each dirty descriptor gets a fresh checksum and goes into its block;
     // the superblock then takes the free counts summed over all groups.

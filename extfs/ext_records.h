@@ -26,6 +26,7 @@ constexpr std::uint32_t kIncompat64Bit = 0x80;
 constexpr std::uint32_t kIncompatFlexBg = 0x200;
 constexpr std::uint32_t kIncompatServed = 0x2D6;
 constexpr std::uint32_t kRoCompatSparseSuper = 0x1;
+constexpr std::uint32_t kRoCompatLargeFile = 0x2;
 constexpr std::uint32_t kRoCompatHugeFile = 0x8;
 constexpr std::uint32_t kRoCompatGdtCsum = 0x10;
 constexpr std::uint32_t kRoCompatDirNlink = 0x20;
@@ -178,6 +179,7 @@ struct Superblock {
     bool has_incompat(std::uint32_t bits) const { return (s_feature_incompat() & bits) != 0; }
     void clear_incompat(std::uint32_t bits) { s_feature_incompat_.set(s_feature_incompat() & ~bits); }
     bool has_ro_compat(std::uint32_t bits) const { return (s_feature_ro_compat() & bits) != 0; }
+    void set_ro_compat(std::uint32_t bits) { s_feature_ro_compat_.set(s_feature_ro_compat() | bits); }
     // A high half counts only on a volume with 64-bit block numbers.
     std::uint64_t wide(std::uint32_t low, std::uint32_t high) const {
         return has_incompat(kIncompat64Bit) ? (std::uint64_t(high) << 32 | low) : low;
@@ -344,6 +346,49 @@ struct InodeRecord {
     std::uint32_t i_size_high() const { return i_size_high_.get(); }
     std::uint16_t i_blocks_high() const { return l_i_blocks_high_.get(); }
 
+    // Setters for a new or changed inode; each stores its value's halves
+    // where the format splits it.
+    void set_i_mode(std::uint16_t value) { i_mode_.set(value); }
+    void set_i_uid(std::uint32_t value) {
+        i_uid_.set(static_cast<std::uint16_t>(value));
+        l_i_uid_high_.set(static_cast<std::uint16_t>(value >> 16));
+    }
+    void set_i_gid(std::uint32_t value) {
+        i_gid_.set(static_cast<std::uint16_t>(value));
+        l_i_gid_high_.set(static_cast<std::uint16_t>(value >> 16));
+    }
+    void set_i_size_lo(std::uint32_t value) { i_size_lo_.set(value); }
+    void set_i_size_high(std::uint32_t value) { i_size_high_.set(value); }
+    void set_i_atime(std::uint32_t value) { i_atime_.set(value); }
+    void set_i_ctime(std::uint32_t value) { i_ctime_.set(value); }
+    void set_i_mtime(std::uint32_t value) { i_mtime_.set(value); }
+    std::uint32_t i_dtime() const { return i_dtime_.get(); }
+    void set_i_dtime(std::uint32_t value) { i_dtime_.set(value); }
+    void set_i_links_count(std::uint16_t value) { i_links_count_.set(value); }
+    void set_i_blocks_lo(std::uint32_t value) { i_blocks_lo_.set(value); }
+    void set_i_blocks_high(std::uint16_t value) { l_i_blocks_high_.set(value); }
+    void set_i_flags(std::uint32_t value) { i_flags_.set(value); }
+    unsigned char* i_block() { return reinterpret_cast<unsigned char*>(i_block_); }
+    void set_i_block_word(std::uint32_t n, std::uint32_t value) { i_block_[n].set(value); }
+    void set_i_extra_isize(std::uint16_t value) { i_extra_isize_.set(value); }
+    // The extra time fields, stored only where the inode holds them, as
+    // the getters below read them.
+    void set_i_ctime_extra(std::uint32_t value, std::uint32_t inode_size) {
+        set_extra(i_ctime_extra_, value, inode_size, offsetof(InodeRecord, i_ctime_extra_) + 4);
+    }
+    void set_i_mtime_extra(std::uint32_t value, std::uint32_t inode_size) {
+        set_extra(i_mtime_extra_, value, inode_size, offsetof(InodeRecord, i_mtime_extra_) + 4);
+    }
+    void set_i_atime_extra(std::uint32_t value, std::uint32_t inode_size) {
+        set_extra(i_atime_extra_, value, inode_size, offsetof(InodeRecord, i_atime_extra_) + 4);
+    }
+    void set_i_crtime(std::uint32_t value, std::uint32_t inode_size) {
+        set_extra(i_crtime_, value, inode_size, offsetof(InodeRecord, i_crtime_extra_) + 4);
+    }
+    void set_i_crtime_extra(std::uint32_t value, std::uint32_t inode_size) {
+        set_extra(i_crtime_extra_, value, inode_size, offsetof(InodeRecord, i_crtime_extra_) + 4);
+    }
+
     // The extra fields of an inode of `inode_size` bytes, 0 when the inode
     // doesn't hold them.
     std::uint16_t i_extra_isize(std::uint32_t inode_size) const {
@@ -367,12 +412,17 @@ struct InodeRecord {
     }
 
 private:
-    // `field` when the part in use behind the first 128 bytes reaches
-    // byte `reach` and lies inside the inode.
-    std::uint32_t extra(const Common::le32& field, std::uint32_t inode_size, std::uint32_t reach) const {
+    // Whether the part in use behind the first 128 bytes reaches byte
+    // `reach` and lies inside the inode.
+    bool holds_extra(std::uint32_t inode_size, std::uint32_t reach) const {
         const std::uint32_t in_use = kBaseSize + i_extra_isize(inode_size);
-        if (inode_size == kBaseSize || in_use > inode_size || in_use < reach) return 0;
-        return field.get();
+        return inode_size != kBaseSize && in_use <= inode_size && in_use >= reach;
+    }
+    std::uint32_t extra(const Common::le32& field, std::uint32_t inode_size, std::uint32_t reach) const {
+        return holds_extra(inode_size, reach) ? field.get() : 0;
+    }
+    void set_extra(Common::le32& field, std::uint32_t value, std::uint32_t inode_size, std::uint32_t reach) {
+        if (holds_extra(inode_size, reach)) field.set(value);
     }
 };
 static_assert(sizeof(InodeRecord) == 160, "the inode record runs to i_projid");
@@ -406,6 +456,7 @@ static_assert(offsetof(InodeRecord, i_crtime_extra_) == 0x94, "i_crtime_extra");
 inline const Common::le32* BlockPointers(const unsigned char* bytes) {
     return reinterpret_cast<const Common::le32*>(bytes);
 }
+inline Common::le32* BlockPointers(unsigned char* bytes) { return reinterpret_cast<Common::le32*>(bytes); }
 
 // The extent tree: a node is a header and eh_max entries of 12 bytes each,
 // index entries above the leaves and extents in them.
@@ -418,6 +469,13 @@ struct ExtentIndex {
     std::uint32_t ei_block() const { return ei_block_.get(); }
     // The block of the node below.
     std::uint64_t child() const { return ei_leaf_lo_.get() | std::uint64_t(ei_leaf_hi_.get()) << 32; }
+    void set_ei_block(std::uint32_t value) { ei_block_.set(value); }
+    // Points the entry at `block`, ei_unused cleared.
+    void set_child(std::uint64_t block) {
+        ei_leaf_lo_.set(static_cast<std::uint32_t>(block));
+        ei_leaf_hi_.set(static_cast<std::uint16_t>(block >> 32));
+        ei_unused_.set(0);
+    }
 };
 static_assert(sizeof(ExtentIndex) == 12, "an extent index entry is 12 bytes");
 static_assert(offsetof(ExtentIndex, ei_leaf_lo_) == 4, "ei_leaf_lo");
@@ -432,6 +490,12 @@ struct ExtentLeaf {
     std::uint32_t ee_block() const { return ee_block_.get(); }
     std::uint16_t ee_len() const { return ee_len_.get(); }
     std::uint64_t ee_start() const { return ee_start_lo_.get() | std::uint64_t(ee_start_hi_.get()) << 32; }
+    void set_ee_block(std::uint32_t value) { ee_block_.set(value); }
+    void set_ee_len(std::uint16_t value) { ee_len_.set(value); }
+    void set_ee_start(std::uint64_t block) {
+        ee_start_lo_.set(static_cast<std::uint32_t>(block));
+        ee_start_hi_.set(static_cast<std::uint16_t>(block >> 32));
+    }
 };
 static_assert(sizeof(ExtentLeaf) == 12, "an extent is 12 bytes");
 static_assert(offsetof(ExtentLeaf, ee_len_) == 4, "ee_len");
@@ -460,8 +524,18 @@ struct ExtentHeader {
     const ExtentIndex& index(std::uint32_t n) const { return *reinterpret_cast<const ExtentIndex*>(entry(n)); }
     const ExtentLeaf& leaf(std::uint32_t n) const { return *reinterpret_cast<const ExtentLeaf*>(entry(n)); }
     std::uint32_t key(std::uint32_t n) const { return leaf(n).ee_block(); }
+    ExtentIndex& index(std::uint32_t n) { return *reinterpret_cast<ExtentIndex*>(entry(n)); }
+    ExtentLeaf& leaf(std::uint32_t n) { return *reinterpret_cast<ExtentLeaf*>(entry(n)); }
+    void set_eh_magic(std::uint16_t value) { eh_magic_.set(value); }
+    void set_eh_entries(std::uint16_t value) { eh_entries_.set(value); }
+    void set_eh_max(std::uint16_t value) { eh_max_.set(value); }
+    void set_eh_depth(std::uint16_t value) { eh_depth_.set(value); }
+    void set_eh_generation(std::uint32_t value) { eh_generation_.set(value); }
 
 private:
+    unsigned char* entry(std::uint32_t n) {
+        return reinterpret_cast<unsigned char*>(this) + sizeof(ExtentHeader) + std::size_t(n) * sizeof(ExtentLeaf);
+    }
     const unsigned char* entry(std::uint32_t n) const {
         const auto* node = reinterpret_cast<const unsigned char*>(this);
         return node + sizeof(ExtentHeader) + std::size_t(n) * sizeof(ExtentLeaf);
@@ -498,6 +572,20 @@ struct DirEntryRecord {
     // The name: name_len bytes, which the caller has checked to lie inside
     // the entry's block.
     const unsigned char* name() const { return reinterpret_cast<const unsigned char*>(this) + kHeaderSize; }
+    unsigned char* name() { return reinterpret_cast<unsigned char*>(this) + kHeaderSize; }
+
+    void set_inode(std::uint32_t value) { inode_.set(value); }
+    // Stores `length` in the published form that rec_len() reads: a 64 KiB
+    // entry as 65535, bits 16 and 17 in the two low bits.
+    void set_rec_len(std::uint32_t length) {
+        if (length >= 0x10000) {
+            rec_len_.set(0xFFFF);
+        } else {
+            rec_len_.set(static_cast<std::uint16_t>(length));
+        }
+    }
+    void set_name_len(std::uint8_t value) { name_len_ = value; }
+    void set_file_type(std::uint8_t value) { file_type_ = value; }
 };
 static_assert(sizeof(DirEntryRecord) == DirEntryRecord::kHeaderSize, "a directory entry's fixed part is 8 bytes");
 static_assert(offsetof(DirEntryRecord, rec_len_) == 4, "rec_len");

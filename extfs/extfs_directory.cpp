@@ -44,13 +44,26 @@ ExtfsDirectory::ExtfsDirectory(ExtfsDriver* driver, std::uint32_t id)
 }
 
 bool ExtfsDirectory::search(const std::string& name, DirEntryCopy& entry, std::uint64_t& position,
-                            std::uint64_t limit) {
+                            std::uint64_t limit, std::uint64_t* free) {
+    const std::uint32_t block_size = ext->block_size();
+    const std::uint64_t need = EntrySpace(name.size());
+    bool room = false;
+    if (free != nullptr) *free = position;
     while (position < limit && walker.next(entry, position, false)) {
         if (entry.name == name) {
             position = entry.position;
             return true;
         }
+        // Only the slack behind the last live entry of a block is taken:
+        // the room of removed entries stays unused.
+        const std::uint64_t length = position - entry.position;
+        if (free != nullptr && !room && position % block_size == 0 &&
+            length >= EntrySpace(entry.name.size()) + need) {
+            *free = entry.position;
+            room = true;
+        }
     }
+    if (free != nullptr && !room) *free = limit;
     position = 0;
     return false;
 }
@@ -124,29 +137,6 @@ FileSystemDriver::FileObject* ExtfsDirectory::open_file(const file_identifier& i
 FileSystemDriver::FileObject* ExtfsDirectory::open_entry(const DirEntryCopy& entry) {
     if (entry.file_type >= kFirstNonFileType) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     return new ExtfsFile(ext, ext->inodes().open(entry.inode - 1));
-}
-
-FileSystemDriver::FileObject* ExtfsDirectory::create_file(const std::u16string&) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::remove_file(const std::u16string&) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::remove_directory_entry(const std::u16string&) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::make_directory(const std::u16string&) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::rename_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
-    ext->refuse_change(ERROR_TAG);
-}
-void ExtfsDirectory::link_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
-    ext->refuse_change(ERROR_TAG);
-}
-void ExtfsDirectory::symlink_entry(const std::u16string&, const std::u16string&) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::set_attributes(const std::u16string&, std::uint32_t) {
-    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
-}
-void ExtfsDirectory::set_permissions(const std::u16string&, std::uint32_t) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::set_owner(const std::u16string&, std::uint32_t, std::uint32_t) { ext->refuse_change(ERROR_TAG); }
-void ExtfsDirectory::set_times(const std::u16string&, std::uint64_t, std::uint64_t, std::uint64_t) {
-    ext->refuse_change(ERROR_TAG);
-}
-void ExtfsDirectory::make_node(const std::u16string&, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t) {
-    ext->refuse_change(ERROR_TAG);
 }
 
 }  // namespace extfs

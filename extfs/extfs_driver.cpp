@@ -97,7 +97,9 @@ InodeLocationProcessor& ExtfsDriver::location_processor(std::uint32_t flags) {
     return *legacy_processor;
 }
 
-void ExtfsDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
+void ExtfsDriver::refuse_if_unchangeable() {
+    if (read_only) refuse_change(ERROR_TAG);
+}
 
 void ExtfsDriver::refuse_change(std::uint64_t tag) const {
     Common::Raise(tag, read_only ? Common::Failures::FILE_READ_ONLY : Common::Failures::FILE_UNSUPPORTED);

@@ -2,10 +2,10 @@
 // The ext2, ext3 and ext4 driver: one code path for the three, as a single
 // tree under "/". Its constructor is the mount: it reads the superblock and
 // all group descriptors, checks every field it will later believe, and
-// refuses what it can't serve. It reads files and directories; it carries
-// no write path, so every change is refused before anything reaches the
-// disk (FILE_READ_ONLY on a volume held read only, FILE_UNSUPPORTED on the
-// others).
+// refuses what it can't serve. It reads and writes files and directories;
+// a volume held read only (by a filter or by features the write path can't
+// keep right) refuses every change with FILE_READ_ONLY before anything in
+// memory differs from the disk.
 //
 // An inode index is the inode number minus 1; every object here works with
 // the index. A directory id is the index of the directory's inode, but the
@@ -53,8 +53,10 @@ public:
     int compare_identifiers(const file_identifier& a, const file_identifier& b) override;
     bool supports_backup() override { return true; }
     void before_first_write() override;
-    // This driver has no write path: every change is refused up front.
+    // A volume held read only refuses every change up front.
     void refuse_if_unchangeable() override;
+    // Changed inodes and descriptors go into their cached blocks first.
+    void flush_blocks() override;
     DirectoryObject* open_directory(std::uint32_t id) override;
     const char* type_name() override;
 
@@ -63,6 +65,18 @@ public:
     BlockHandle get_fs_block(std::uint64_t block, bool no_read);
     // Whole blocks past the cache, as one bulk transfer.
     void read_blocks(void* buffer, std::uint64_t block, std::uint64_t count);
+    // Whole blocks written past the cache; an unaligned buffer goes block
+    // by block through it. FILE_CORRUPT past the volume.
+    void write_blocks(const void* buffer, std::uint64_t block, std::uint64_t count);
+    // Zeros over the blocks, through one aligned buffer.
+    void zero_blocks(std::uint64_t block, std::uint64_t count);
+    // Sets a read-only-compatible feature bit where the volume may take
+    // it; false where it may not (extfs_features.cpp).
+    bool set_ro_feature(std::uint32_t bit);
+    // `i_extra_isize` for new inodes.
+    std::uint16_t extra_isize() const;
+    // The most links an inode may have.
+    std::uint16_t max_links() const;
     // A copy of the descriptor of `group`, zero-filled behind a 32-byte
     // one; FILE_CORRUPT for a group the volume hasn't.
     GroupDescriptor descriptor(std::uint32_t group) const;
@@ -81,7 +95,7 @@ public:
     // Puts the descriptors and the superblock that allocation changed into
     // their cached blocks, for the next flush of blocks to write.
     void flush_descriptors();
-    // How a change is refused: this driver has no write path.
+    // How a change that this driver doesn't make is refused.
     [[noreturn]] void refuse_change(std::uint64_t tag) const;
 
     std::uint32_t block_size() const { return 1024u << superblock.s_log_block_size(); }

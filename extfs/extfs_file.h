@@ -1,9 +1,9 @@
 #pragma once
-// One open regular file of an ext volume. Reads go by runs of the inode's
-// map: whole blocks of a run in one transfer past the block cache, the
-// partial blocks at either end through it, holes and blocks not yet
-// written as zeros. The driver has no write path, so every change is
-// refused.
+// One open regular file of an ext volume. Reads and writes go by runs of
+// the inode's map: whole blocks of a run in one transfer past the block
+// cache, the partial blocks at either end through it. Holes and blocks not
+// yet written read as zeros; a write into a hole maps blocks there, as
+// many in one run as the allocator hands out one behind the other.
 #include <cstdint>
 
 #include "extfs/extfs_driver.h"
@@ -24,13 +24,22 @@ public:
     void write(const void* buffer, std::uint64_t position, std::uint64_t size, std::uint64_t& written) override;
     void set_size(std::uint64_t size) override;
     void set_times(std::uint64_t modified, std::uint64_t created, std::uint64_t accessed) override;
-    // Nothing is ever held back: there is nothing to write.
-    void flush_file() override {}
+    // The times of a file that was written, then the inode.
+    void flush_file() override;
+    std::uint64_t allocated_ranges(std::uint64_t position, std::uint64_t length) override;
 
     InodeRef inode;
     ExtfsDriver* driver;
+    bool changed = false;
 
 private:
+    // The run of blocks under `position`, mapped first where it is a hole
+    // (`fresh` then). A run of 0 when the volume is full.
+    std::uint64_t run_for_write(std::uint64_t position, std::uint64_t remaining, std::uint64_t& run, bool& fresh);
+    // Copies `length` bytes into block `physical` at `offset`, through the
+    // cache. A block that holds nothing of the file yet isn't read.
+    void write_partial(const unsigned char* in, std::uint64_t physical, std::uint64_t block_start,
+                       std::uint32_t offset, std::uint32_t length, bool fresh);
     // Copies `length` bytes at `offset` of one block, or zeros for a hole.
     void read_partial(unsigned char* out, std::uint64_t physical, std::uint32_t offset, std::uint32_t length);
 };

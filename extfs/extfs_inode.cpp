@@ -37,13 +37,9 @@ ExtfsInode::ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_
     if (index >= driver->inodes_count || driver->inode_hidden(index)) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
-    const std::uint32_t group = index / driver->inodes_per_group;
-    const std::uint32_t in_group = index % driver->inodes_per_group;
-    const std::uint64_t block = driver->inode_table(group) + in_group / driver->inodes_per_block;
-    const std::uint32_t offset = (index % driver->inodes_per_block) * driver->inode_size;
-    BlockHandle table = driver->get_fs_block(block, false);
+    BlockHandle table = driver->get_fs_block(table_block(), false);
     raw.assign(std::max<std::size_t>(driver->inode_size, sizeof(InodeRecord)), 0);
-    std::memcpy(raw.data(), table.data() + offset, driver->inode_size);
+    std::memcpy(raw.data(), table.data() + table_offset(), driver->inode_size);
     if (record().i_links_count() == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     processor = &driver->location_processor(record().i_flags());
     walk = std::make_unique<ExtfsBlockWalk>(driver, processor->max_depth());
@@ -52,7 +48,40 @@ ExtfsInode::ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_
     if (size() > largest_size()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }
 
-ExtfsInode::~ExtfsInode() { cache->forget(this); }
+ExtfsInode::~ExtfsInode() {
+    // The flush of blocks writes every inode first; this one catches an
+    // inode evicted between two flushes. A destructor can't raise, and a
+    // block that can't be fetched now couldn't be written either.
+    try {
+        flush();
+    } catch (const Common::Error&) {
+    }
+    cache->forget(this);
+}
+
+InodeRecord& ExtfsInode::writable() {
+    // Every change of an inode passes here, so a volume held read only
+    // refuses it before the copy in memory differs from the disk.
+    if (driver->read_only) driver->refuse_change(ERROR_TAG);
+    dirty = true;
+    return *reinterpret_cast<InodeRecord*>(raw.data());
+}
+
+void ExtfsInode::flush() {
+    if (!dirty) return;
+    BlockHandle table = driver->get_fs_block(table_block(), false);
+    driver->prepare_block_write(table);
+    std::memcpy(table.data() + table_offset(), raw.data(), driver->inode_size);
+    table.set_dirty();
+    dirty = false;
+}
+
+std::uint64_t ExtfsInode::table_block() const {
+    const std::uint32_t in_group = index % driver->inodes_per_group;
+    return driver->inode_table(index / driver->inodes_per_group) + in_group / driver->inodes_per_block;
+}
+
+std::uint32_t ExtfsInode::table_offset() const { return (index % driver->inodes_per_block) * driver->inode_size; }
 
 std::uint32_t KindOfMode(std::uint16_t mode) {
     switch (mode & kTypeMask) {

@@ -26,9 +26,23 @@ public:
     static constexpr std::uint32_t kHugeFileFlag = 0x40000;
     static constexpr std::uint32_t kIndexFlag = 0x1000;
 
+    static constexpr std::uint32_t kUseDefaultPermissions = 0xF000;
+
+    // What a new inode is made of.
+    struct NewInode {
+        std::uint32_t kind;         // of the directory family: KIND_FILE, KIND_DIRECTORY...
+        std::uint32_t flags;        // i_flags to inherit, masked by the kind
+        std::uint32_t permissions;  // kUseDefaultPermissions for the kind's default
+        std::uint32_t major;
+        std::uint32_t minor;
+    };
+
     // Reads the inode of `index`; FILE_OPEN for an inode with no links,
     // FILE_CORRUPT for one whose size its kind can't have on this volume.
     ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_t index);
+    // A new inode of `index`, zeroed and dirty, with no links yet.
+    ExtfsInode(ExtfsDriver* driver, ExtfsInodeCache* cache, std::uint32_t index, const NewInode& made);
+    // Writes the inode if it changed, and leaves the cache.
     ~ExtfsInode() override;
 
     const InodeRecord& record() const { return *reinterpret_cast<const InodeRecord*>(raw.data()); }
@@ -62,6 +76,54 @@ public:
     std::uint64_t map_block(std::uint64_t block, std::uint64_t& count);
     // The target of a symbolic link; empty for any other inode.
     const std::string& symlink_target();
+
+    // --- changes (inode_metadata.cpp) ---
+    // The record to change; the inode becomes dirty.
+    InodeRecord& writable();
+    void set_permissions(std::uint32_t bits);
+    void set_owner(std::uint32_t uid, std::uint32_t gid);
+    void set_flag(std::uint32_t bits);
+    void clear_flag(std::uint32_t bits);
+    void set_modified(file_time time);
+    void set_changed(file_time time);
+    void set_accessed(file_time time);
+    void set_created(file_time time);
+    // One name more or less; new objects get their times here.
+    void add_link();
+    void drop_link();
+    // A name of this inode goes: frees the data and the inode with the last.
+    void unlink();
+    void set_symlink_target(const std::string& text);
+    // Puts a changed inode into its cached block of the inode table.
+    void flush();
+
+    // --- changes of the data (inode_data.cpp) ---
+    // `i_blocks` from a count of file-system blocks.
+    void set_blocks(std::uint64_t count);
+    // Maps logical `block` and answers its physical block.
+    std::uint64_t allocate_block(std::uint64_t block, bool unwritten);
+    // Maps up to `count` blocks from logical `block`, for as long as each
+    // new block follows the one before; `got` of them. A full disk after
+    // the first block ends the run short.
+    std::uint64_t allocate_run(std::uint64_t block, std::uint64_t count, std::uint64_t& got, bool unwritten);
+    // Unmaps and frees [first, first + count), and behind the size too
+    // when the range reaches the last block.
+    void release_blocks(std::uint64_t first, std::uint64_t count);
+    // Truncates or extends; an extension is a hole.
+    void set_size(std::uint64_t size);
+    // The size field alone, checked against what the kind allows.
+    void set_size_field(std::uint64_t size);
+
+private:
+    // Zeros where an extension reaches blocks that are mapped already.
+    void zero_behind(std::uint64_t old_size, std::uint64_t new_size);
+    // The record, once `size` is known to suit the inode's kind.
+    InodeRecord& record_for_size(std::uint64_t size);
+
+public:
+    // Where the inode lies in the inode table: the block, and the byte in it.
+    std::uint64_t table_block() const;
+    std::uint32_t table_offset() const;
 
     std::uint32_t index;
     ExtfsDriver* driver;

@@ -33,16 +33,35 @@ InodeRef ExtfsInodeCache::open(std::uint32_t index) {
         return InodeRef(found->second);
     }
     if (count >= kIdleLimit) trim();
-    auto* inode = new ExtfsInode(driver_, this, index);
+    return enter(new ExtfsInode(driver_, this, index));
+}
+
+InodeRef ExtfsInodeCache::enter(ExtfsInode* inode) {
     lru_.push_head(inode);
-    inodes_[index] = inode;
+    inodes_.emplace(inode->index, inode);
     ++count;
     ++inode->references;
     return InodeRef(inode);
 }
 
+InodeRef ExtfsInodeCache::create(std::uint32_t index, const ExtfsInode::NewInode& made) {
+    // The allocator has just handed the index out: an inode of it in memory
+    // would be one that the bitmap doesn't know, and two objects of one inode.
+    if (index >= driver_->inodes_count || inodes_.find(index) != inodes_.end()) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    if (count >= kIdleLimit) trim();
+    return enter(new ExtfsInode(driver_, this, index, made));
+}
+
+void ExtfsInodeCache::flush_all() {
+    for (ExtfsInode* inode = lru_.head(); inode != nullptr; inode = lru_.after(inode)) inode->flush();
+}
+
 void ExtfsInodeCache::release(ExtfsInode* inode) {
     if (inode->references > 0) --inode->references;
+    // An inode without names is kept only while someone still uses it.
+    if (inode->references == 0 && inode->record().i_links_count() == 0) delete inode;
 }
 
 void ExtfsInodeCache::forget(ExtfsInode* inode) {

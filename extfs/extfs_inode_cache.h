@@ -47,7 +47,13 @@ public:
     // The inode of `index`, read on a miss. FILE_CORRUPT for an index the
     // volume hasn't, FILE_OPEN for a freed inode.
     InodeRef open(std::uint32_t index);
-    // One reference less; called by InodeRef only.
+    // A new inode of `index`, which the inode allocator has just handed
+    // out. FILE_CORRUPT for an index the volume hasn't or one in the cache.
+    InodeRef create(std::uint32_t index, const ExtfsInode::NewInode& made);
+    // Every inode, from the most recently used one on, writes itself.
+    void flush_all();
+    // One reference less; called by InodeRef only. An inode that lost its
+    // last name goes with its last reference.
     void release(ExtfsInode* inode);
     // Takes an inode off the books; called by its destructor.
     void forget(ExtfsInode* inode);
@@ -55,6 +61,8 @@ public:
     std::uint32_t count = 0;
 
 private:
+    // Puts a new inode at the head, held once.
+    InodeRef enter(ExtfsInode* inode);
     // Drops unheld inodes from the least recently used end, down to the limit.
     void trim();
 

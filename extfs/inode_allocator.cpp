@@ -46,4 +46,8 @@ void ExtfsInodeAllocator::update_group(std::uint32_t group, bool allocated, std:
     });
 }
 
+std::uint32_t ExtfsInodeAllocator::recorded_free(std::uint32_t group) const {
+    return DescriptorCounts::free_inodes(driver->descriptor(group), updates_->wide());
+}
+
 }  // namespace extfs

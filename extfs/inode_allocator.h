@@ -18,6 +18,7 @@ public:
 
 protected:
     BlockHandle load_bitmap(std::uint32_t group) override;
+    std::uint32_t recorded_free(std::uint32_t group) const override;
     void update_group(std::uint32_t group, bool allocated, std::uint32_t free_count, std::uint32_t bit,
                       std::uint32_t kind) override;
 

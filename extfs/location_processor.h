@@ -10,6 +10,7 @@
 // so a damaged map can raise FILE_CORRUPT but can't loop or read wild.
 #include <cstdint>
 
+#include "extfs/block_range_list.h"
 #include "extfs/block_walk.h"
 #include "extfs/extfs_driver.h"
 
@@ -33,6 +34,24 @@ public:
     virtual std::uint64_t locate(const unsigned char* map, std::uint64_t block, std::uint64_t& count,
                                  bool& unwritten, ExtfsBlockWalk& walk) = 0;
 
+    // --- changes; each leaves the map as it was when it raises ---
+    // An empty map.
+    virtual void init(unsigned char* map) = 0;
+    // Maps logical `block` to a block of its own and answers that physical
+    // block; a block already mapped (and, for extents, in the wanted
+    // written state) is answered as it is. `allocated` counts every block
+    // taken, data and map blocks together.
+    virtual std::uint64_t allocate(unsigned char* map, std::uint64_t block, std::uint64_t& allocated,
+                                   bool unwritten, ExtfsBlockWalk& walk) = 0;
+    // Unmaps the logical blocks [first, first + count) and frees every
+    // block that only they used, map blocks included. Answers how many
+    // blocks went back to the allocator.
+    virtual std::uint64_t release(unsigned char* map, std::uint64_t first, std::uint64_t count,
+                                  ExtfsBlockWalk& walk) = 0;
+    // Gives the gathered blocks back, in ascending order, after the walk
+    // has let go of any of them it held.
+    void free_blocks(const BlockRangeList& list, ExtfsBlockWalk& walk);
+
 protected:
     ExtfsDriver* driver;
 };
@@ -50,6 +69,10 @@ public:
     std::uint64_t first_block(const unsigned char* map) override;
     std::uint64_t locate(const unsigned char* map, std::uint64_t block, std::uint64_t& count, bool& unwritten,
                          ExtfsBlockWalk& walk) override;
+    void init(unsigned char* map) override;
+    std::uint64_t allocate(unsigned char* map, std::uint64_t block, std::uint64_t& allocated, bool unwritten,
+                           ExtfsBlockWalk& walk) override;
+    std::uint64_t release(unsigned char* map, std::uint64_t first, std::uint64_t count, ExtfsBlockWalk& walk) override;
 };
 
 // The ext4 extent tree: a 12-byte header and up to 4 entries in `i_block`,
@@ -65,6 +88,10 @@ public:
     std::uint64_t first_block(const unsigned char* map) override;
     std::uint64_t locate(const unsigned char* map, std::uint64_t block, std::uint64_t& count, bool& unwritten,
                          ExtfsBlockWalk& walk) override;
+    void init(unsigned char* map) override;
+    std::uint64_t allocate(unsigned char* map, std::uint64_t block, std::uint64_t& allocated, bool unwritten,
+                           ExtfsBlockWalk& walk) override;
+    std::uint64_t release(unsigned char* map, std::uint64_t first, std::uint64_t count, ExtfsBlockWalk& walk) override;
 };
 
 }  // namespace extfs

@@ -124,6 +124,12 @@ BlockHandle& ExtfsObjectAllocator::group_bitmap(std::uint32_t group) {
     bitmap_ = load_bitmap(group);
     const std::uint32_t objects = objects_in(group);
     free_in_group_ = objects - CountSetBits(bitmap_.data(), objects);
+    // A bitmap that disagrees with its descriptor is damage, and allocating
+    // from it could hand out an object in use: nothing is changed on it.
+    if (free_in_group_ != recorded_free(group)) {
+        bitmap_.reset();
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
     bitmap_group_ = group;
     return bitmap_;
 }

@@ -36,6 +36,8 @@ protected:
     // The bitmap of `group`, read, or made fresh where the group's flags
     // say it was never written.
     virtual BlockHandle load_bitmap(std::uint32_t group) = 0;
+    // The free count that the descriptor of `group` records.
+    virtual std::uint32_t recorded_free(std::uint32_t group) const = 0;
     // The descriptor of `group` after one bit changed.
     virtual void update_group(std::uint32_t group, bool allocated, std::uint32_t free_count, std::uint32_t bit,
                               std::uint32_t kind) = 0;

@@ -5,6 +5,7 @@
 // finds the first record at a level whose key is not below a given one.
 // The derived files supply the key order. (The insertion, deletion and
 // node allocation of the write path join this class.)
+#include "fsdriver/aligned_buffer.h"
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,7 +15,7 @@
 
 namespace hfsplus {
 
-class AlignedBuffer;
+
 class NodeBlock;
 struct NodeBlockDescription;
 struct KeyAndNodeIndexRecord;

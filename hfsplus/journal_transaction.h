@@ -10,7 +10,7 @@
 #include <set>
 #include <vector>
 
-#include "hfsplus/aligned_buffer.h"
+#include "fsdriver/aligned_buffer.h"
 #include "hfsplus/area_limits.h"
 #include "hfsplus/hfsplus_records.h"
 #include "hfsplus/journal_ring.h"

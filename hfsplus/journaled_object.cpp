@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "hfsplus/aligned_buffer.h"
+#include "fsdriver/aligned_buffer.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/hfsplus_metadata.h"
 #include "hfsplus/journal.h"

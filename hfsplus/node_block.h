@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "hfsplus/aligned_buffer.h"
+#include "fsdriver/aligned_buffer.h"
 #include "hfsplus/hfsplus_records.h"
 
 namespace hfsplus {

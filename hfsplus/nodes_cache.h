@@ -9,6 +9,7 @@
 // The node objects are made when a node is first asked for and kept by
 // number, not one per node of the tree up front: a header that claims
 // millions of nodes costs nothing until they are read.
+#include "fsdriver/aligned_buffer.h"
 #include <cstdint>
 #include <map>
 #include <memory>

@@ -210,10 +210,19 @@ TEST(ExtAllocator, FullnessComesFromTheBitmapsAndEndsAtTheVolume) {
         EXPECT_EQ(Drain(volume.driver->block_allocator(), code), blocks);
         EXPECT_EQ(code, Common::FILE_DISK_FULL);
     }
-    // A volume that debugfs filled, but for one block.
+    // A volume that debugfs filled, but for one block. Its bitmap alone
+    // changed first, which leaves the descriptor's count disagreeing: that
+    // is damage, and nothing is handed out from it.
     Image filled;
     ASSERT_TRUE(filled.make("mkfs.ext2 -b 1024", 8 * 1024));
     ASSERT_TRUE(filled.run("debugfs -w -R 'setb 1 8191'") && filled.run("debugfs -w -R 'freeb 5000'"));
+    {
+        Volume disagreeing(filled.path);
+        ASSERT_NE(disagreeing.driver, nullptr);
+        EXPECT_EQ(RaisedCode([&] { disagreeing.driver->block_allocator().allocate(kFile); }),
+                  Common::FILE_CORRUPT);
+    }
+    ASSERT_TRUE(filled.run("debugfs -w -R 'set_bg 0 free_blocks_count 1'"));
     Volume volume(filled.path);
     ASSERT_NE(volume.driver, nullptr);
     EXPECT_EQ(volume.driver->block_allocator().allocate(kFile), 5000u);

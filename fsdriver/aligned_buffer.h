@@ -1,11 +1,10 @@
 #pragma once
 // Zeroed bytes whose start lies on a multiple of `alignment`: the device
-// reads whole sectors straight into such a buffer, and into no other.
+// reads and writes whole sectors straight through such a buffer, and
+// through no other. Shared by the drivers that move data past the cache.
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-
-namespace hfsplus {
 
 class AlignedBuffer {
 public:
@@ -24,5 +23,3 @@ private:
     unsigned char* aligned = nullptr;
     std::size_t bytes = 0;
 };
-
-}  // namespace hfsplus
