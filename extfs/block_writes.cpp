@@ -49,6 +49,18 @@ void ExtfsDriver::zero_blocks(std::uint64_t block, std::uint64_t count) {
     }
 }
 
+void ExtfsDriver::begin_change() {
+    refuse_if_unchangeable();
+    commit();
+}
+
+void ExtfsDriver::abandon_changes() {
+    // Held read only from now on, no inode or descriptor reaches its block
+    // again; what is dirty in the cache belongs to the abandoned change.
+    read_only = true;
+    for (auto& entry : blocks) entry.second->dirty = 0;
+}
+
 void ExtfsDriver::flush_blocks() {
     if (!read_only) {
         inode_cache->flush_all();

@@ -182,111 +182,118 @@ InodeRef ExtfsDirectory::entry_inode(const std::u16string& name) {
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::create_file(const std::u16string& name) {
-    ext->refuse_if_unchangeable();
-    const std::string bytes = utf16_to_utf8(name);
-    DirEntryCopy entry;
-    if (!find_entry(bytes, entry, 0)) {
-        return new ExtfsFile(ext, new_entry(bytes, KIND_FILE, std::string(), ExtfsInode::kUseDefaultPermissions, 0, 0));
-    }
-    // An existing file starts again empty, as a new one would be.
-    InodeRef existing = ext->inodes().open(entry.inode - 1);
-    if (!existing->is_regular()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    existing->set_size(0);
-    existing->set_permissions(0644);
-    existing->set_owner(0, 0);
-    return new ExtfsFile(ext, existing);
+    return ext->change([&]() -> FileObject* {
+        const std::string bytes = utf16_to_utf8(name);
+        DirEntryCopy entry;
+        if (!find_entry(bytes, entry, 0)) {
+            return new ExtfsFile(ext, new_entry(bytes, KIND_FILE, std::string(), ExtfsInode::kUseDefaultPermissions, 0, 0));
+        }
+        // An existing file starts again empty, as a new one would be.
+        InodeRef existing = ext->inodes().open(entry.inode - 1);
+        if (!existing->is_regular()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        existing->set_size(0);
+        existing->set_permissions(0644);
+        existing->set_owner(0, 0);
+        return new ExtfsFile(ext, existing);
+    });
 }
 
 void ExtfsDirectory::remove_file(const std::u16string& name) {
-    ext->refuse_if_unchangeable();
-    remove_entry(utf16_to_utf8(name), false);
+    ext->change([&] {
+        remove_entry(utf16_to_utf8(name), false);
+    });
 }
 
 void ExtfsDirectory::remove_directory_entry(const std::u16string& name) {
-    ext->refuse_if_unchangeable();
-    remove_entry(utf16_to_utf8(name), true);
-    // The removed directory's ".." named this one.
-    inode->drop_link();
+    ext->change([&] {
+        remove_entry(utf16_to_utf8(name), true);
+        // The removed directory's ".." named this one.
+        inode->drop_link();
+    });
 }
 
 void ExtfsDirectory::make_directory(const std::u16string& name) {
-    ext->refuse_if_unchangeable();
-    new_entry(utf16_to_utf8(name), KIND_DIRECTORY, std::string(), ExtfsInode::kUseDefaultPermissions, 0, 0);
+    ext->change([&] {
+        new_entry(utf16_to_utf8(name), KIND_DIRECTORY, std::string(), ExtfsInode::kUseDefaultPermissions, 0, 0);
+    });
 }
 
 void ExtfsDirectory::rename_entry(const std::u16string& name, DirectoryObject& target,
                                   const std::u16string& new_name) {
-    ext->refuse_if_unchangeable();
-    const std::string bytes = utf16_to_utf8(name);
-    if (IsDots(bytes)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    auto* destination = dynamic_cast<ExtfsDirectory*>(&target);
-    if (destination == nullptr || destination->ext != ext) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
-    const DirEntryCopy entry = lookup(bytes, 0, Common::Failures::FILE_OPEN);
-    const std::uint32_t kind = KindOfFileType(entry.file_type);
-    const std::string new_bytes = utf16_to_utf8(new_name);
-    Slot slot = destination->new_slot(new_bytes, kind);
-    if (kind == KIND_DIRECTORY || kind == kUnknownKind) {
-        InodeRef moved = ext->inodes().open(entry.inode - 1);
-        if (moved->is_directory()) {
-            // The moved directory's ".." must name this one before any count changes.
-            ExtfsDirectory moving(ext, DirectoryIdOfInode(moved->index));
-            const DirEntryCopy parent = moving.lookup("..", 0, Common::Failures::FILE_CORRUPT);
-            if (parent.inode != inode->index + 1) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-            if (destination->inode.get() != inode.get()) {
-                destination->inode->add_link();
-                BlockHandle block = moving.writable_block(parent.position);
-                auto* record = reinterpret_cast<DirEntryRecord*>(block.data() + parent.position % ext->block_size());
-                record->set_inode(destination->inode->index + 1);
-                block.set_dirty();
-                inode->drop_link();
+    ext->change([&] {
+        const std::string bytes = utf16_to_utf8(name);
+        if (IsDots(bytes)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        auto* destination = dynamic_cast<ExtfsDirectory*>(&target);
+        if (destination == nullptr || destination->ext != ext) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
+        const DirEntryCopy entry = lookup(bytes, 0, Common::Failures::FILE_OPEN);
+        const std::uint32_t kind = KindOfFileType(entry.file_type);
+        const std::string new_bytes = utf16_to_utf8(new_name);
+        Slot slot = destination->new_slot(new_bytes, kind);
+        if (kind == KIND_DIRECTORY || kind == kUnknownKind) {
+            InodeRef moved = ext->inodes().open(entry.inode - 1);
+            if (moved->is_directory()) {
+                // The moved directory's ".." must name this one before any count changes.
+                ExtfsDirectory moving(ext, DirectoryIdOfInode(moved->index));
+                const DirEntryCopy parent = moving.lookup("..", 0, Common::Failures::FILE_CORRUPT);
+                if (parent.inode != inode->index + 1) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+                if (destination->inode.get() != inode.get()) {
+                    destination->inode->add_link();
+                    BlockHandle block = moving.writable_block(parent.position);
+                    auto* record = reinterpret_cast<DirEntryRecord*>(block.data() + parent.position % ext->block_size());
+                    record->set_inode(destination->inode->index + 1);
+                    block.set_dirty();
+                    inode->drop_link();
+                }
             }
         }
-    }
-    slot.entry->set_inode(entry.inode);
-    slot.entry->set_name_len(static_cast<std::uint8_t>(new_bytes.size()));
-    if (ext->has_incompat(kIncompatFiletype)) slot.entry->set_file_type(entry.file_type);
-    slot.block.set_dirty();
-    BlockHandle block = writable_block(entry.position);
-    auto* old = reinterpret_cast<DirEntryRecord*>(block.data() + entry.position % ext->block_size());
-    old->set_inode(0);
-    old->set_name_len(0);
-    block.set_dirty();
+        slot.entry->set_inode(entry.inode);
+        slot.entry->set_name_len(static_cast<std::uint8_t>(new_bytes.size()));
+        if (ext->has_incompat(kIncompatFiletype)) slot.entry->set_file_type(entry.file_type);
+        slot.block.set_dirty();
+        BlockHandle block = writable_block(entry.position);
+        auto* old = reinterpret_cast<DirEntryRecord*>(block.data() + entry.position % ext->block_size());
+        old->set_inode(0);
+        old->set_name_len(0);
+        block.set_dirty();
+    });
 }
 
 // The framework's link(existing, created) comes here on the directory of
 // the existing name: `name` in this directory gets `new_name` in `target`.
 void ExtfsDirectory::link_entry(const std::u16string& name, DirectoryObject& target, const std::u16string& new_name) {
-    ext->refuse_if_unchangeable();
-    const std::string new_bytes = utf16_to_utf8(new_name);
-    if (IsDots(new_bytes)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    auto* destination = dynamic_cast<ExtfsDirectory*>(&target);
-    if (destination == nullptr || destination->ext != ext) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    const DirEntryCopy entry = lookup(utf16_to_utf8(name), 0, Common::Failures::FILE_OPEN);
-    InodeRef linked = ext->inodes().open(entry.inode - 1);
-    if (linked->is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    Slot slot = destination->new_slot(new_bytes, linked->kind());
-    linked->add_link();
-    slot.entry->set_inode(entry.inode);
-    slot.entry->set_name_len(static_cast<std::uint8_t>(new_bytes.size()));
-    slot.block.set_dirty();
+    ext->change([&] {
+        const std::string new_bytes = utf16_to_utf8(new_name);
+        if (IsDots(new_bytes)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        auto* destination = dynamic_cast<ExtfsDirectory*>(&target);
+        if (destination == nullptr || destination->ext != ext) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        const DirEntryCopy entry = lookup(utf16_to_utf8(name), 0, Common::Failures::FILE_OPEN);
+        InodeRef linked = ext->inodes().open(entry.inode - 1);
+        if (linked->is_directory()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        Slot slot = destination->new_slot(new_bytes, linked->kind());
+        linked->add_link();
+        slot.entry->set_inode(entry.inode);
+        slot.entry->set_name_len(static_cast<std::uint8_t>(new_bytes.size()));
+        slot.block.set_dirty();
+    });
 }
 
 void ExtfsDirectory::symlink_entry(const std::u16string& name, const std::u16string& target) {
-    ext->refuse_if_unchangeable();
-    const std::string bytes = utf16_to_utf8(name);
-    const std::string text = utf16_to_utf8(target);
-    if (IsDots(bytes) || text.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
-    DirEntryCopy entry;
-    if (!find_entry(bytes, entry, 0)) {
-        new_entry(bytes, KIND_SYMLINK, text, ExtfsInode::kUseDefaultPermissions, 0, 0);
-        return;
-    }
-    if (entry.file_type != 0 && entry.file_type != kSymlinkType) {
-        Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
-    }
-    InodeRef existing = ext->inodes().open(entry.inode - 1);
-    if (!existing->is_symlink()) Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
-    existing->set_symlink_target(text);
+    ext->change([&] {
+        const std::string bytes = utf16_to_utf8(name);
+        const std::string text = utf16_to_utf8(target);
+        if (IsDots(bytes) || text.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
+        DirEntryCopy entry;
+        if (!find_entry(bytes, entry, 0)) {
+            new_entry(bytes, KIND_SYMLINK, text, ExtfsInode::kUseDefaultPermissions, 0, 0);
+            return;
+        }
+        if (entry.file_type != 0 && entry.file_type != kSymlinkType) {
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
+        }
+        InodeRef existing = ext->inodes().open(entry.inode - 1);
+        if (!existing->is_symlink()) Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
+        existing->set_symlink_target(text);
+    });
 }
 
 void ExtfsDirectory::set_attributes(const std::u16string&, std::uint32_t) {
@@ -294,28 +301,32 @@ void ExtfsDirectory::set_attributes(const std::u16string&, std::uint32_t) {
 }
 
 void ExtfsDirectory::set_permissions(const std::u16string& name, std::uint32_t value) {
-    ext->refuse_if_unchangeable();
-    entry_inode(name)->set_permissions(value);
+    ext->change([&] {
+        entry_inode(name)->set_permissions(value);
+    });
 }
 
 void ExtfsDirectory::set_owner(const std::u16string& name, std::uint32_t owner, std::uint32_t group) {
-    ext->refuse_if_unchangeable();
-    entry_inode(name)->set_owner(owner, group);
+    ext->change([&] {
+        entry_inode(name)->set_owner(owner, group);
+    });
 }
 
 void ExtfsDirectory::set_times(const std::u16string& name, std::uint64_t modified, std::uint64_t created,
                                std::uint64_t accessed) {
-    ext->refuse_if_unchangeable();
-    InodeRef changed = entry_inode(name);
-    changed->set_modified(static_cast<file_time>(modified));
-    changed->set_created(static_cast<file_time>(created));
-    changed->set_accessed(static_cast<file_time>(accessed));
+    ext->change([&] {
+        InodeRef changed = entry_inode(name);
+        changed->set_modified(static_cast<file_time>(modified));
+        changed->set_created(static_cast<file_time>(created));
+        changed->set_accessed(static_cast<file_time>(accessed));
+    });
 }
 
 void ExtfsDirectory::make_node(const std::u16string& name, std::uint32_t kind, std::uint32_t permissions,
                                std::uint32_t major, std::uint32_t minor) {
-    ext->refuse_if_unchangeable();
-    new_entry(utf16_to_utf8(name), kind, std::string(), permissions, major, minor);
+    ext->change([&] {
+        new_entry(utf16_to_utf8(name), kind, std::string(), permissions, major, minor);
+    });
 }
 
 }  // namespace extfs

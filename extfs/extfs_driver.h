@@ -17,6 +17,7 @@
 
 #include "extfs/ext_records.h"
 #include "fsdriver/file_system_driver_posix.h"
+#include "loader/common/error_codes.h"
 #include "loader/common/raise.h"
 
 namespace extfs {
@@ -95,6 +96,22 @@ public:
     // Puts the descriptors and the superblock that allocation changed into
     // their cached blocks, for the next flush of blocks to write.
     void flush_descriptors();
+    // Runs one change. Earlier changes are committed first, so that damage
+    // met in the middle of this one can drop all it did without touching
+    // theirs: FILE_CORRUPT leaves the disk as the change found it, and
+    // holds the volume read only for the rest of the mount.
+    template <typename Change>
+    auto change(Change&& body) -> decltype(body()) {
+        begin_change();
+        try {
+            return body();
+        } catch (const Common::Error& error) {
+            if (error.Code() == Common::FILE_CORRUPT) abandon_changes();
+            throw;
+        }
+    }
+    void begin_change();
+    void abandon_changes();
     // How a change that this driver doesn't make is refused.
     [[noreturn]] void refuse_change(std::uint64_t tag) const;
 

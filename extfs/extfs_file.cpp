@@ -71,8 +71,12 @@ void ExtfsFile::read_partial(unsigned char* out, std::uint64_t physical, std::ui
 
 void ExtfsFile::write(const void* buffer, std::uint64_t position, std::uint64_t size, std::uint64_t& written) {
     written = 0;
+    driver->change([&] { write_runs(static_cast<const unsigned char*>(buffer), position, size, written); });
+}
+
+void ExtfsFile::write_runs(const unsigned char* in, std::uint64_t position, std::uint64_t size,
+                           std::uint64_t& written) {
     const std::uint32_t block_size = driver->block_size();
-    const auto* in = static_cast<const unsigned char*>(buffer);
     std::uint64_t physical = ExtfsDriver::kNoBlock;
     std::uint64_t run = 0;  // blocks left in the run at `physical`
     bool fresh = false;     // the run was mapped by this write
@@ -141,14 +145,16 @@ void ExtfsFile::write_partial(const unsigned char* in, std::uint64_t physical, s
 }
 
 void ExtfsFile::set_size(std::uint64_t size) {
-    inode->set_size(size);
+    driver->change([&] { inode->set_size(size); });
     changed = false;  // set_size has set the times already
 }
 
 void ExtfsFile::set_times(std::uint64_t modified, std::uint64_t created, std::uint64_t accessed) {
-    inode->set_modified(static_cast<file_time>(modified));
-    inode->set_created(static_cast<file_time>(created));
-    inode->set_accessed(static_cast<file_time>(accessed));
+    driver->change([&] {
+        inode->set_modified(static_cast<file_time>(modified));
+        inode->set_created(static_cast<file_time>(created));
+        inode->set_accessed(static_cast<file_time>(accessed));
+    });
     // Times given by the caller stand: the flush doesn't put "now" over them.
     changed = false;
 }

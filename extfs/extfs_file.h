@@ -33,6 +33,7 @@ public:
     bool changed = false;
 
 private:
+    void write_runs(const unsigned char* in, std::uint64_t position, std::uint64_t size, std::uint64_t& written);
     // The run of blocks under `position`, mapped first where it is a hole
     // (`fresh` then). A run of 0 when the volume is full.
     std::uint64_t run_for_write(std::uint64_t position, std::uint64_t remaining, std::uint64_t& run, bool& fresh);

@@ -68,7 +68,8 @@ InodeRecord& ExtfsInode::writable() {
 }
 
 void ExtfsInode::flush() {
-    if (!dirty) return;
+    // A volume held read only after damage keeps the inode as the disk has it.
+    if (!dirty || driver->read_only) return;
     BlockHandle table = driver->get_fs_block(table_block(), false);
     driver->prepare_block_write(table);
     std::memcpy(table.data() + table_offset(), raw.data(), driver->inode_size);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -168,6 +169,51 @@ TEST(ExtFileWrites, PolicyReadOnlyVolumeRefusesAndStaysUnchanged) {
         EXPECT_EQ(volume.disk->writes(), 0u);
     }
     EXPECT_TRUE(image.bytes() == before);
+}
+
+}  // namespace
+
+namespace {
+
+// Damage that a change meets only after it has begun: the change stops
+// with FILE_CORRUPT, the volume takes no further change, and the disk is
+// left byte for byte as the change found it.
+TEST(ExtFileWrites, DamageMetMidwayLeavesTheDiskAsTheChangeFoundIt) {
+    struct Case {
+        const char* damage;  // debugfs requests
+        std::function<std::uint32_t(Volume&)> change;
+    };
+    const Case cases[] = {
+        // The inode is free in its bitmap: found when the last name goes,
+        // after its data blocks have been given back.
+        {"freei /a.bin",
+         [](Volume& volume) {
+             volume.root->remove_file(u"a.bin");
+             return volume.root->error().Code();
+         }},
+        // A bitmap whose free count disagrees with its descriptor: found at
+        // the first block a write into a hole needs.
+        {"setb 7000 20",
+         [](Volume& volume) { return WriteAt(volume, u"/a.bin", 200 * kKiB, Pattern(40 * kKiB, 9)); }},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.damage);
+        TempFolder folder;
+        folder.Write("src/a.bin", Pattern(30 * kKiB, 7));
+        folder.Write("src/b.txt", "b");
+        Image image;
+        ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 8192, folder.Path() + "/src"));
+        ASSERT_EQ(Shell("debugfs -w -R '" + std::string(row.damage) + "' '" + image.path + "'"), 0);
+        const std::vector<unsigned char> before = image.bytes();
+        {
+            Volume volume(image.path);
+            ASSERT_NE(volume.driver, nullptr);
+            EXPECT_EQ(row.change(volume), Common::FILE_CORRUPT);
+            volume.root->make_dir(u"later");
+            EXPECT_EQ(volume.root->error().Code(), Common::FILE_READ_ONLY);
+        }
+        EXPECT_TRUE(image.bytes() == before);
+    }
 }
 
 }  // namespace
