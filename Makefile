@@ -40,6 +40,7 @@ bench: all
 	bench/fat_read.sh $(BUILD)
 	bench/fat_write.sh $(BUILD)
 	bench/ext_read.sh $(BUILD)
+	bench/ext_write.sh $(BUILD)
 	bench/ntfs_read.sh $(BUILD)
 	bench/hfsplus_read.sh $(BUILD)
 

@@ -16,6 +16,17 @@ namespace {
 constexpr std::uint8_t kDirectoryType = 2;  // file_type of a directory
 constexpr std::uint8_t kFirstNonFileType = 2;
 
+// False for an entry whose inode has no links left (FILE_OPEN).
+bool InodeOpens(ExtfsDriver& ext, const DirEntryCopy& entry) {
+    try {
+        ext.inodes().open(entry.inode - 1);
+        return true;
+    } catch (const Common::Error& error) {
+        if (error.Code() != Common::FILE_OPEN) throw;
+        return false;
+    }
+}
+
 }  // namespace
 
 file_identifier* ExtfsIdentifier::make(const std::u16string& name, std::uint32_t entry_block,
@@ -96,8 +107,14 @@ FileSystemDriver::IteratorObject* ExtfsDirectory::begin() {
     DirectoryWalker own(ext, inode, DirectoryWalker::BlockInHand::copied);
     DirEntryCopy entry;
     std::uint64_t position = 0;
-    if (!own.next(entry, position, true)) return nullptr;
-    return new ExtfsIterator(ext, id, std::move(own), entry, position);
+    // A dangling entry is an error on that entry only (its inode has no
+    // links): next() raises it and the caller walks on, but begin() has no
+    // iterator to hand back yet, so it passes over such entries rather than
+    // hide the whole directory behind the first one.
+    while (own.next(entry, position, true)) {
+        if (InodeOpens(*ext, entry)) return new ExtfsIterator(ext, id, std::move(own), entry, position);
+    }
+    return nullptr;
 }
 
 FileSystemDriver::IteratorObject* ExtfsDirectory::find(const std::u16string& name) {

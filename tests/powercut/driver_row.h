@@ -25,6 +25,7 @@ struct DriverRow {
 };
 
 std::vector<DriverRow> FatRows();
+std::vector<DriverRow> ExtRows();
 
 // Every row, in the order of the report.
 std::vector<DriverRow> DriverRows();

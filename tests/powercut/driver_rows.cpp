@@ -3,6 +3,10 @@
 
 namespace PowerCut {
 
-std::vector<DriverRow> DriverRows() { return FatRows(); }
+std::vector<DriverRow> DriverRows() {
+    std::vector<DriverRow> rows = FatRows();
+    for (DriverRow& row : ExtRows()) rows.push_back(std::move(row));
+    return rows;
+}
 
 }  // namespace PowerCut

@@ -32,22 +32,38 @@ public:
             if (dir.failed() && dir.error().Code() != Common::FILE_EOF) note('E', prefix, code(dir));
             return;
         }
-        while (!entry->failed()) {
+        for (bool more = !entry->failed(); more; more = step(*entry, prefix)) {
             if (++entries_ > kMostEntries || depth > kDeepest) return note('E', prefix, "<loop>");
-            const std::string path = prefix + utf16_to_utf8(entry->name());
-            if (entry->kind() == KIND_DIRECTORY) {
-                std::unique_ptr<rio_dir> sub(dir.open_dir(*entry));
-                if (sub == nullptr || sub->failed()) note('E', path, code(sub == nullptr ? dir : *sub));
-                else walk(*sub, path + "/", depth + 1);
-            } else {
-                read(dir, *entry, path);
-            }
-            if (!entry->next()) break;
+            visit(dir, *entry, prefix + utf16_to_utf8(entry->name()), depth);
         }
         if (entry->failed() && entry->error().Code() != Common::FILE_EOF) note('E', prefix, code(*entry));
     }
 
 private:
+    void visit(rio_dir& dir, i_dir::iterator& entry, const std::string& path, int depth) {
+        if (entry.kind() == KIND_DIRECTORY) {
+            std::unique_ptr<rio_dir> sub(dir.open_dir(entry));
+            if (sub == nullptr || sub->failed()) note('E', path, code(sub == nullptr ? dir : *sub));
+            else walk(*sub, path + "/", depth + 1);
+        } else {
+            read(dir, entry, path);
+        }
+    }
+
+    // Moves to the next entry. An entry whose object is gone (FILE_OPEN: an
+    // inode with no links left after a cut) fails alone: it is noted, with
+    // the name the iterator stands on, and the walk goes past it.
+    bool step(i_dir::iterator& entry, const std::string& prefix) {
+        while (!entry.next()) {
+            if (!entry.failed() || entry.error().Code() != Common::FILE_OPEN) return false;
+            const std::string failure = code(entry);
+            entry.set_error(Common::Error());
+            note('O', prefix + utf16_to_utf8(entry.name()), failure);
+            if (entries_ > kMostEntries) return true;  // the loop check above notes it
+        }
+        return true;
+    }
+
     static std::string code(file_object& object) { return std::to_string(object.error().Code()); }
 
     void note(char what, const std::string& path, const std::string& text) {
@@ -118,6 +134,9 @@ void Take(WalkResult& result, const std::string& line, bool& done) {
         break;
     case 'F':
         result.files[path] = text;
+        break;
+    case 'O':
+        result.files[path] = "<error " + text + ">";
         break;
     case 'E':
         result.files[path] = "<error " + text + ">";

@@ -16,7 +16,8 @@ struct WalkResult {
     Outcome outcome = kCrashed;
     // Path to the SHA-256 of its bytes, or to "<error CODE>" when reading failed.
     std::map<std::string, std::string> files;
-    // Codes other than FILE_CORRUPT met on the way (or given by a refusal), with where.
+    // Codes other than FILE_CORRUPT met on the way (or given by a refusal), with
+    // where; FILE_OPEN of one entry whose object is gone is not among them.
     std::vector<std::string> wrong_codes;
     std::uint32_t refusal = 0;
 

@@ -595,7 +595,17 @@ TEST(ExtDriver, DamagedDirectoriesAndInodesRaiseCorruptWhereMet) {
         ASSERT_NE(volume.driver, nullptr);
         EXPECT_EQ(volume.list(u"/").error, Common::FILE_CORRUPT);
     }
-    // An entry whose inode has no links left fails alone, where it is met.
+    // An entry whose inode has no links left fails alone, where it is met;
+    // the first entry of a listing (lost+found) can't hide the rest.
+    ASSERT_TRUE(image.debugfs("sif lost+found links_count 0"));
+    {
+        Volume first_dangles(DiskOf(image.path));
+        ASSERT_NE(first_dangles.driver, nullptr);
+        auto listing = first_dangles.list(u"/");
+        EXPECT_EQ(listing.error, 0u);
+        EXPECT_EQ(listing.entries.count(u"lost+found"), 0u);
+        EXPECT_EQ(listing.entries.count(u"hello.txt"), 1u);
+    }
     ASSERT_TRUE(image.debugfs("sif hello.txt links_count 0"));
     Volume dangling(DiskOf(image.path));
     ASSERT_NE(dangling.driver, nullptr);
