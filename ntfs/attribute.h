@@ -8,10 +8,6 @@
 // one object per header with a use count, hands it out with findAttribute
 // and its kin, and takes it back with releaseAttribute. Hold one through an
 // AttributeRef, which gives it back on leaving its scope, errors included.
-//
-// The operations that change a stream (write, resize) come with the
-// volume's write path; until then the driver refuses every change before
-// it reaches an attribute.
 #include <cstdint>
 #include <map>
 #include <string>
@@ -46,6 +42,16 @@ public:
     // Reads up to the last whole sector (with readSectors when `direct`),
     // then the whole sector that holds the stream's end.
     virtual std::uint64_t readWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct) = 0;
+    // Copies `length` bytes (zeros for a null buffer) to `position` through
+    // the block cache, growing the stream when the range ends past it;
+    // answers the bytes written, fewer when the volume filled up.
+    virtual std::uint64_t write(std::uint64_t position, std::uint64_t length, const void* buffer) = 0;
+    // The same for a sector-aligned range and buffer, straight to the device
+    // a run at a time; FILE_WRITE for anything off the sector grid.
+    virtual std::uint64_t writeSectors(std::uint64_t position, std::uint64_t length, const void* buffer) = 0;
+    // Makes the stream `size` bytes long and answers the size reached.
+    // `may_move`: the record may make room by moving attributes out.
+    virtual std::uint64_t resize(std::uint64_t size, bool may_move) = 0;
     virtual std::uint64_t size() = 0;
     virtual std::uint64_t allocatedSize() = 0;
     // Fills `ranges` (position to length) with the ranges of
@@ -54,6 +60,8 @@ public:
                                      std::map<std::uint64_t, std::uint64_t>& ranges) = 0;
     // The header in the record's buffer.
     virtual AttributeRecord* header() = 0;
+    // Sets the indexed flag of a resident header.
+    virtual void setIndexed() {}
     // The record moved the header to `moved`.
     virtual void rebase(AttributeRecord* moved) = 0;
 

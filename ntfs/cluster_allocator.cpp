@@ -20,7 +20,9 @@ std::uint32_t SetBits(unsigned char byte) {
 }  // namespace
 
 NTFSDriver::ClusterAllocator::ClusterAllocator(NTFSDriver* driver)
-    : driver_(driver), record_(driver->record_cache->get(kBitmapRecord)) {
+    : Bitmap(driver, driver->record_cache->get(kBitmapRecord), kData, std::u16string()),
+      driver_(driver),
+      record_(driver->record_cache->get(kBitmapRecord)) {
     countFree();
 }
 

@@ -1,15 +1,14 @@
 #pragma once
-// The volume's cluster bitmap ($Bitmap, record 6). For now it answers the
-// free-cluster count, counted once and kept; allocation comes with the
-// write path.
+// The volume's cluster bitmap ($Bitmap, the unnamed data of record 6).
 #include <cstdint>
 
+#include "ntfs/bitmap.h"
 #include "ntfs/file_record.h"
 #include "ntfs/ntfs_driver.h"
 
 namespace ntfs {
 
-class NTFSDriver::ClusterAllocator {
+class NTFSDriver::ClusterAllocator : public Bitmap {
 public:
     // Holds record 6 and counts its clear bits below the volume's cluster
     // count; FILE_CORRUPT without the bitmap, FILE_READ for a short one.

@@ -29,6 +29,9 @@ struct RecordBuffer {
 
 class Mft {
 public:
+    // The allocator of file records over record 0's bitmap attribute.
+    class FileRecordAllocator;
+
     // Reads record 0 and builds its record object.
     explicit Mft(NTFSDriver* driver);
     ~Mft();

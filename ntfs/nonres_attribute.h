@@ -21,6 +21,9 @@ public:
     std::uint64_t read(std::uint64_t position, std::uint64_t length, void* buffer) override;
     std::uint64_t readSectors(std::uint64_t position, std::uint64_t length, void* buffer) override;
     std::uint64_t readWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct) override;
+    std::uint64_t write(std::uint64_t position, std::uint64_t length, const void* buffer) override;
+    std::uint64_t writeSectors(std::uint64_t position, std::uint64_t length, const void* buffer) override;
+    std::uint64_t resize(std::uint64_t size, bool may_move) override;
     std::uint64_t size() override { return first()->header_->data_size(); }
     std::uint64_t allocatedSize() override { return first()->header_->allocated_size(); }
     std::uint64_t initializedSize() { return first()->header_->initialized_size(); }

@@ -45,4 +45,16 @@ std::uint64_t ResAttribute::usedRanges(std::uint64_t position, std::uint64_t len
     return walked;
 }
 
+// Not written yet: every change is still refused by the driver before it
+// reaches an attribute.
+std::uint64_t ResAttribute::write(std::uint64_t, std::uint64_t, const void*) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+
+std::uint64_t ResAttribute::writeSectors(std::uint64_t, std::uint64_t, const void*) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+
+std::uint64_t ResAttribute::resize(std::uint64_t, bool) { Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED); }
+
 }  // namespace ntfs
