@@ -17,9 +17,8 @@
 #include "extfs/inode_allocator.h"
 #include "fsdriver/driver_selection.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/ext_image.h"
 #include "tests/support/raised_code.h"
-#include "tests/support/shell.h"
-#include "tests/support/volume_fixture.h"
 
 namespace {
 
@@ -33,19 +32,13 @@ const char* const kUninit1k = "mkfs.ext4 -b 1024 -O ^metadata_csum,uninit_bg,^ha
 const char* const kMetaBg = "mkfs.ext4 -b 1024 -g 256 -N 512 -O meta_bg,^resize_inode,^has_journal,64bit,"
                             "^metadata_csum,uninit_bg";
 
-struct Image : TestSupport::ImageFile {
-    bool make(const std::string& mkfs, unsigned kib) {
-        return run("truncate -s " + std::to_string(kib) + "K '" + path + "' && " + mkfs + " -q -F");
-    }
-    bool run(const std::string& command) { return TestSupport::RunQuietly(command + " '" + path + "'") == 0; }
-    std::string dump(const std::string& options = "") {
-        return TestSupport::CaptureOutput("dumpe2fs " + options + " '" + path + "'");
-    }
+// What dumpe2fs tells of each group, which the allocators must agree with.
+struct Image : TestSupport::ExtImage {
     // Every free block or inode, ascending, from each group's "Free
     // blocks:" or "Free inodes:" line of ranges "a-b, c, ...".
     std::vector<std::uint64_t> free_list(const std::string& what) {
         std::vector<std::uint64_t> list;
-        std::istringstream lines(dump());
+        std::istringstream lines(groups());
         const std::string heading = "  Free " + what + ": ";
         for (std::string line; std::getline(lines, line);) {
             if (line.compare(0, heading.size(), heading) != 0) continue;
@@ -59,15 +52,9 @@ struct Image : TestSupport::ImageFile {
         }
         return list;
     }
-    // A superblock count as dumpe2fs -h shows it ("Free blocks").
-    std::uint64_t count(const std::string& field) {
-        const std::string text = dump("-h");
-        const std::size_t at = text.find("\n" + field + ":");
-        return at == std::string::npos ? ~0ull : std::strtoull(text.c_str() + at + field.size() + 2, nullptr, 10);
-    }
     // Group `group`'s part of the dump, up to the next group.
     std::string group(std::uint32_t group) {
-        const std::string text = dump();
+        const std::string text = groups();
         const std::size_t at = text.find("\nGroup " + std::to_string(group) + ":");
         return at == std::string::npos ? "<none>" : text.substr(at, text.find("\nGroup ", at + 1) - at);
     }
@@ -108,12 +95,12 @@ TEST(ExtAllocator, SweepsHandOutExactlyTheFreeObjectsInOrderAndGiveThemBack) {
         Image image;
         ASSERT_TRUE(image.make(shape.mkfs, shape.kib));
         const std::vector<std::uint64_t> blocks = image.free_list("blocks"), inodes = image.free_list("inodes");
-        ASSERT_EQ(blocks.size(), image.count("Free blocks"));
-        ASSERT_EQ(inodes.size(), image.count("Free inodes"));
+        ASSERT_EQ(blocks.size(), image.superblock_count("Free blocks"));
+        ASSERT_EQ(inodes.size(), image.superblock_count("Free inodes"));
         if (shape.uninit >= 0) {
             const std::string group = std::to_string(shape.uninit);
-            ASSERT_TRUE(image.run("debugfs -w -R 'set_bg " + group + " flags 7'"));  // + INODE_UNINIT, ITABLE_ZEROED
-            ASSERT_TRUE(image.run("debugfs -w -R 'set_bg " + group + " checksum calc'"));
+            ASSERT_TRUE(image.change("set_bg " + group + " flags 7"));  // + INODE_UNINIT, ITABLE_ZEROED
+            ASSERT_TRUE(image.change("set_bg " + group + " checksum calc"));
             ASSERT_NE(image.group(shape.uninit).find("BLOCK_UNINIT"), std::string::npos);
         }
         {
@@ -127,8 +114,8 @@ TEST(ExtAllocator, SweepsHandOutExactlyTheFreeObjectsInOrderAndGiveThemBack) {
             volume.driver->flush_descriptors();
         }
         // The full state reached the disk: bitmaps, descriptors, superblock.
-        EXPECT_EQ(image.count("Free blocks"), 0u);
-        EXPECT_EQ(image.count("Free inodes"), 0u);
+        EXPECT_EQ(image.superblock_count("Free blocks"), 0u);
+        EXPECT_EQ(image.superblock_count("Free inodes"), 0u);
         EXPECT_TRUE(image.free_list("blocks").empty());
         {
             Volume volume(image.path);
@@ -140,11 +127,11 @@ TEST(ExtAllocator, SweepsHandOutExactlyTheFreeObjectsInOrderAndGiveThemBack) {
             volume.driver->flush_descriptors();
         }
         // Given back, the volume is consistent and as free as mkfs left it.
-        EXPECT_TRUE(image.run("e2fsck -fn"));
+        EXPECT_EQ(image.problems(), "");
         EXPECT_EQ(image.free_list("blocks"), blocks);
         EXPECT_EQ(image.free_list("inodes"), inodes);
-        EXPECT_EQ(image.count("Free blocks"), blocks.size());
-        EXPECT_EQ(image.count("Free inodes"), inodes.size());
+        EXPECT_EQ(image.superblock_count("Free blocks"), blocks.size());
+        EXPECT_EQ(image.superblock_count("Free inodes"), inodes.size());
     }
 }
 
@@ -215,14 +202,14 @@ TEST(ExtAllocator, FullnessComesFromTheBitmapsAndEndsAtTheVolume) {
     // is damage, and nothing is handed out from it.
     Image filled;
     ASSERT_TRUE(filled.make("mkfs.ext2 -b 1024", 8 * 1024));
-    ASSERT_TRUE(filled.run("debugfs -w -R 'setb 1 8191'") && filled.run("debugfs -w -R 'freeb 5000'"));
+    ASSERT_TRUE(filled.change("setb 1 8191") && filled.change("freeb 5000"));
     {
         Volume disagreeing(filled.path);
         ASSERT_NE(disagreeing.driver, nullptr);
         EXPECT_EQ(RaisedCode([&] { disagreeing.driver->block_allocator().allocate(kFile); }),
                   Common::FILE_CORRUPT);
     }
-    ASSERT_TRUE(filled.run("debugfs -w -R 'set_bg 0 free_blocks_count 1'"));
+    ASSERT_TRUE(filled.change("set_bg 0 free_blocks_count 1"));
     Volume volume(filled.path);
     ASSERT_NE(volume.driver, nullptr);
     EXPECT_EQ(volume.driver->block_allocator().allocate(kFile), 5000u);
@@ -264,7 +251,7 @@ TEST(ExtAllocator, InodeGroupsCountDirectoriesAndTheirUnusedTableTail) {
     EXPECT_NE(image.group(0).find(" 2037 free inodes, 2 directories\n"), std::string::npos) << image.group(0);
     EXPECT_NE(image.group(1).find(" 2048 free inodes, 0 directories, 2047 unused inodes"), std::string::npos)
         << image.group(1);
-    EXPECT_TRUE(image.run("e2fsck -fn"));
+    EXPECT_EQ(image.problems(), "");
     EXPECT_EQ(image.free_list("inodes"), inodes);
 }
 

@@ -17,9 +17,8 @@
 #include "extfs/extfs_driver.h"
 #include "fsdriver/driver_selection.h"
 #include "loader/common/error_codes.h"
-#include "tests/support/shell.h"
+#include "tests/support/ext_image.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/volume_fixture.h"
 
 namespace {
 
@@ -30,25 +29,10 @@ using Step = std::function<void(Volume&)>;
 
 int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
 
-struct Image : TestSupport::ImageFile {
-    bool make(const std::string& mkfs, const std::string& source) {
-        return Shell("truncate -s 8M '" + path + "' && " + mkfs + " -q -F -d '" + source + "' '" + path + "'") == 0;
-    }
-    // What e2fsck -fn finds; empty for a clean volume.
-    std::string problems() {
-        return Shell("e2fsck -fn '" + path + "'") == 0 ? "" : TestSupport::CaptureOutput("e2fsck -fn '" + path + "'");
-    }
-    std::string ask(const std::string& request) {
-        return TestSupport::CaptureOutput("debugfs -R '" + request + "' '" + path + "' 2>/dev/null");
-    }
-    // The number behind `label` in the answer to `request`; -1 for none.
-    long long number(const std::string& request, const std::string& label) {
-        const std::string answer = ask(request);
-        const std::size_t at = answer.find(label);
-        return at == std::string::npos ? -1 : std::strtoll(answer.c_str() + at + label.size(), nullptr, 0);
-    }
+// What a directory test reads back besides the shared questions.
+struct Image : TestSupport::ExtImage {
+    bool make(const std::string& mkfs, const std::string& source) { return ExtImage::make(mkfs, 8 * 1024, source); }
     long long links(const std::string& path) { return number("stat " + path, "Links: "); }
-    long long inode(const std::string& path) { return number("stat " + path, "Inode: "); }
     // Name to "mode/uid/gid/size" of each live entry, from the lines
     // "/inode/mode/uid/gid/name/size/" of `ls -p`; removed ones show inode 0.
     std::map<std::string, std::string> entries(const std::string& directory) {
@@ -64,16 +48,16 @@ struct Image : TestSupport::ImageFile {
     }
     // bg_used_dirs_count over all groups.
     long long directories() {
-        const std::string groups = TestSupport::CaptureOutput("dumpe2fs '" + path + "' 2>/dev/null");
+        const std::string listing = groups();
         long long total = 0;
         const std::string label = " directories";
-        for (std::size_t at = groups.find(label); at != std::string::npos; at = groups.find(label, at + 1)) {
-            total += std::strtoll(groups.c_str() + groups.rfind(' ', at - 1) + 1, nullptr, 10);
+        for (std::size_t at = listing.find(label); at != std::string::npos; at = listing.find(label, at + 1)) {
+            total += std::strtoll(listing.c_str() + listing.rfind(' ', at - 1) + 1, nullptr, 10);
         }
         return total;
     }
     // Mounts, runs each step, which must not fail, and unmounts.
-    void change(std::initializer_list<Step> steps) {
+    void apply(std::initializer_list<Step> steps) {
         Volume volume(path);
         ASSERT_NE(volume.root, nullptr);
         int number = 0;
@@ -119,7 +103,7 @@ TEST(ExtDirectoryWrites, NewObjectsAndRenamesAreWhatTheCheckerSees) {
         const long long directories = image.directories();
         const long long moved = image.inode("/a/x");
         const std::u16string slow(100, u's');
-        image.change({
+        image.apply({
             [](Volume& v) { v.root->make_dir(u"top"); },
             [](Volume& v) { v.root->make_dir(u"d/sub1"); },
             [](Volume& v) { v.root->make_dir(u"d/sub2"); },
@@ -188,7 +172,7 @@ TEST(ExtDirectoryWrites, RemovalsGiveBackInodesAndBlocks) {
                                 (image.number("stats", "Block size:") / 512);
         const long long root_links = image.links("/");
         const long long directories = image.directories();
-        image.change({
+        image.apply({
             // Linked first: behind a removed last entry a block has no room.
             [](Volume& v) { v.root->link(u"a/x/inner.txt", u"kept.txt"); },
             [](Volume& v) { v.root->remove_file(u"gone.bin"); },
@@ -276,8 +260,7 @@ TEST(ExtDirectoryWrites, SubdirectoryAtTheLinkLimit) {
         SCOPED_TRACE(row.mkfs);
         Image image;
         ASSERT_TRUE(image.make(row.mkfs, folder.Path() + "/src"));
-        ASSERT_EQ(Shell("debugfs -w -R 'sif /full links_count " + std::to_string(row.count) + "' '" + image.path + "'"),
-                  0);
+        ASSERT_TRUE(image.change("sif /full links_count " + std::to_string(row.count)));
         const long long free_inodes = image.number("stats", "Free inodes:");
         const long long free_blocks = image.number("stats", "Free blocks:");
         {
@@ -302,7 +285,7 @@ TEST(ExtDirectoryWrites, ManyNamesGrowDirectoriesAndEndTheirIndex) {
     Shell("e2fsck -fyD '" + image.path + "'");  // indexes "many"
     ASSERT_EQ(image.number("stat /many", "Flags: ") & 0x1000, 0x1000);
     const std::string longest(255, 'L');
-    image.change({
+    image.apply({
         [](Volume& v) {
             for (int i = 0; i < 120; ++i) {
                 const std::string name = "added_name_that_fills_blocks_quickly_enough_" + std::to_string(i / 2);

@@ -24,14 +24,14 @@
 #include "loader/common/byte_order.h"
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/ext_image.h"
 #include "tests/support/raised_code.h"
-#include "tests/support/shell.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/volume_fixture.h"
 
 namespace {
 
 using extfs::ExtfsDriver;
+using Image = TestSupport::ExtImage;
 using TestSupport::DiskOf;
 using TestSupport::Pattern;
 using TestSupport::RaisedCode;
@@ -83,19 +83,6 @@ struct SourceTree {
 std::uint32_t InodeIndex(Volume& volume, const std::u16string& directory, const std::u16string& name) {
     return static_cast<std::uint32_t>(volume.find(directory, name)->object_id());
 }
-
-// An image file that mke2fs makes and debugfs changes and answers about.
-struct Image : TestSupport::ImageFile {
-    bool make(const std::string& mkfs, unsigned kib, const std::string& source) {
-        return Shell("truncate -s " + std::to_string(kib) + "K '" + path + "' && " + mkfs + " -q -F" +
-                    (source.empty() ? "" : " -d '" + source + "'") + " '" + path + "'") == 0;
-    }
-    bool debugfs(const std::string& request) { return Shell("debugfs -w -R '" + request + "' '" + path + "'") == 0; }
-    std::string ask(const std::string& request) {
-        return TestSupport::CaptureOutput("debugfs -R '" + request + "' '" + path + "'");
-    }
-    std::uint64_t number(const std::string& request) { return std::strtoull(ask(request).c_str(), nullptr, 10); }
-};
 
 struct ContentCase {
     const char* mkfs;
@@ -266,19 +253,18 @@ TEST(ExtDriver, FragmentedFileWalksAMultiLevelExtentTree) {
     // Many one-block files, every other one removed, then a big file
     // written into the gaps: hundreds of extents, two levels of index.
     TempFolder folder;
-    std::string commands;
+    std::vector<std::string> removals;
     Shell("mkdir '" + folder.Path() + "/small'");
     for (int i = 1; i <= 800; ++i) {
         PutAt(folder.Path() + "/small/f" + std::to_string(i), 0, std::string(100, 'x'));
-        if (i % 2 == 0) commands += "rm f" + std::to_string(i) + "\n";
+        if (i % 2 == 0) removals.push_back("rm f" + std::to_string(i));
     }
     const std::string content = Pattern(450000, 3);
     folder.Write("big", content);
-    folder.Write("remove", commands);
     Image image;
     ASSERT_TRUE(image.make("mkfs.ext4 -b 1024 -N 2048 -O ^has_journal", 4096, folder.Path() + "/small"));
-    ASSERT_EQ(Shell("debugfs -w -f '" + folder.Path() + "/remove' '" + image.path + "'"), 0);
-    ASSERT_TRUE(image.debugfs("write " + folder.Path() + "/big big"));
+    ASSERT_TRUE(image.change_all(removals));
+    ASSERT_TRUE(image.change("write " + folder.Path() + "/big big"));
     ASSERT_NE(image.ask("ex big").find(" 2/ 2 "), std::string::npos) << "the tree should have depth 2";
 
     Volume volume(DiskOf(image.path));
@@ -310,7 +296,7 @@ TEST(ExtDriver, FragmentedFileWalksAMultiLevelExtentTree) {
     EXPECT_EQ(damaged.read(u"/big"), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
 
     // A root header that claims room for five entries doesn't fit in the inode.
-    ASSERT_TRUE(image.debugfs("sif big block[1] 0x00020005"));
+    ASSERT_TRUE(image.change("sif big block[1] 0x00020005"));
     Volume overfull(DiskOf(image.path));
     ASSERT_NE(overfull.driver, nullptr);
     EXPECT_EQ(overfull.read(u"/big"), "<read failed " + std::to_string(Common::FILE_CORRUPT) + ">");
@@ -326,10 +312,10 @@ TEST(ExtDriver, HolesUnwrittenExtentsAndFilesOverFourGiB) {
     ASSERT_TRUE(image.make("mkfs.ext4", 16384, folder.Path() + "/src"));
     // Blocks 1 to 5 of prealloc become an unwritten extent; whatever the
     // disk holds there must read as zeros.
-    ASSERT_TRUE(image.debugfs("fallocate prealloc 1 5"));
+    ASSERT_TRUE(image.change("fallocate prealloc 1 5"));
     std::uint64_t unwritten = image.number("bmap prealloc 2");
     ASSERT_NE(unwritten, 0u);
-    ASSERT_TRUE(image.debugfs("sif prealloc size 24576"));
+    ASSERT_TRUE(image.change("sif prealloc size 24576"));
     auto disk = DiskOf(image.path);
     std::memset(disk->bytes.data() + unwritten * 4096, 0x5A, 4096);
     Volume volume(std::move(disk));
@@ -376,7 +362,7 @@ TEST(ExtDriver, SizesBeyondWhatTheMapOrTheVolumeHoldsAreCorrupt) {
         SCOPED_TRACE(std::string(row.mkfs) + " " + name + " size " + std::to_string(row.size));
         Image image;
         ASSERT_TRUE(image.make(row.mkfs, 4096, source.root));
-        ASSERT_TRUE(image.debugfs("sif " + name + " size " + std::to_string(row.size)));
+        ASSERT_TRUE(image.change("sif " + name + " size " + std::to_string(row.size)));
         Volume volume(DiskOf(image.path));
         ASSERT_NE(volume.driver, nullptr);
         const std::u16string wide(name.begin(), name.end());
@@ -412,7 +398,7 @@ TEST(ExtDriver, TimesCarryTheirExtraFieldWhereTheInodeHasRoom) {
         Image image;
         ASSERT_TRUE(image.make(mkfs, 8192, folder.Path() + "/src"));
         // 500 ms as nanoseconds, above the two epoch bits.
-        image.debugfs("sif t mtime_extra 0x77359400");
+        image.change("sif t mtime_extra 0x77359400");
         Volume volume(DiskOf(image.path));
         ASSERT_NE(volume.driver, nullptr);
         EXPECT_EQ(volume.find(u"/", u"t")->modified(), expected);
@@ -496,7 +482,7 @@ struct RefusalCase {
 
 TEST(ExtDriver, MountRefusesWithTheCodeOfEachCheck) {
     Image base;
-    ASSERT_TRUE(base.make("mkfs.ext3 -b 1024", 2048, ""));
+    ASSERT_TRUE(base.make("mkfs.ext3 -b 1024", 2048));
     const RefusalCase cases[] = {
         {"", false, 512, 0, 0},
         {"feature needs_recovery", false, 512, Common::FILE_CORRUPT, Common::RESIZER_INVALID_FILE_SYSTEM},
@@ -527,7 +513,7 @@ TEST(ExtDriver, MountRefusesWithTheCodeOfEachCheck) {
         Image image;
         ASSERT_EQ(Shell("cp '" + base.path + "' '" + image.path + "'"), 0);
         std::istringstream requests(row.request);
-        for (std::string request; std::getline(requests, request, ';');) image.debugfs(request);
+        for (std::string request; std::getline(requests, request, ';');) image.change(request);
         auto disk = DiskOf(image.path, row.sector);
         if (row.swap_magic) std::swap(disk->bytes[1024 + 0x38], disk->bytes[1024 + 0x39]);
         Common::Error caught;
@@ -560,7 +546,7 @@ TEST(ExtDriver, DescriptorChecksumsAreCheckedOnlyWhereTheVolumeHasThem) {
     for (const auto& [mkfs, code] : cases) {
         SCOPED_TRACE(mkfs);
         Image image;
-        ASSERT_TRUE(image.make(mkfs, 4096, ""));
+        ASSERT_TRUE(image.make(mkfs, 4096));
         auto disk = DiskOf(image.path);
         EXPECT_EQ(RaisedCode([&] { ExtfsDriver intact(disk.get(), 0, disk->GetLastSector() + 1, 0, nullptr, 0); }), 0u);
         disk->bytes[2 * kKiB + 0x12] ^= 0x04;  // bg_flags of group 0, behind the superblock
@@ -597,7 +583,7 @@ TEST(ExtDriver, DamagedDirectoriesAndInodesRaiseCorruptWhereMet) {
     }
     // An entry whose inode has no links left fails alone, where it is met;
     // the first entry of a listing (lost+found) can't hide the rest.
-    ASSERT_TRUE(image.debugfs("sif lost+found links_count 0"));
+    ASSERT_TRUE(image.change("sif lost+found links_count 0"));
     {
         Volume first_dangles(DiskOf(image.path));
         ASSERT_NE(first_dangles.driver, nullptr);
@@ -606,7 +592,7 @@ TEST(ExtDriver, DamagedDirectoriesAndInodesRaiseCorruptWhereMet) {
         EXPECT_EQ(listing.entries.count(u"lost+found"), 0u);
         EXPECT_EQ(listing.entries.count(u"hello.txt"), 1u);
     }
-    ASSERT_TRUE(image.debugfs("sif hello.txt links_count 0"));
+    ASSERT_TRUE(image.change("sif hello.txt links_count 0"));
     Volume dangling(DiskOf(image.path));
     ASSERT_NE(dangling.driver, nullptr);
     EXPECT_EQ(dangling.list(u"/").error, Common::FILE_OPEN);

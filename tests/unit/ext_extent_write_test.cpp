@@ -17,10 +17,9 @@
 #include "extfs/extfs_inode_cache.h"
 #include "fsdriver/driver_selection.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/ext_image.h"
 #include "tests/support/raised_code.h"
-#include "tests/support/shell.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/volume_fixture.h"
 
 namespace {
 
@@ -54,43 +53,18 @@ struct Tree {
     std::vector<Extent> extents;
 };
 
-struct Image : TestSupport::ImageFile {
-    // mkfs.ext4 over `files` (name to content), then debugfs commands.
+struct Image : TestSupport::ExtImage {
+    // mkfs.ext4 over `files` (name to content), then debugfs requests.
     bool make(std::uint32_t block_size, unsigned kib, const std::map<std::string, std::string>& files,
-              const std::vector<std::string>& commands = {}) {
+              const std::vector<std::string>& requests = {}) {
         TestSupport::TempFolder source;
         for (const auto& [name, content] : files) source.Write("src/" + name, content);
         if (files.empty()) source.Write("src/.keep", "");
-        std::string script;
-        for (const std::string& command : commands) script += command + "\n";
-        source.Write("cmds", script);
-        return shell("truncate -s " + std::to_string(kib) + "K '" + path + "' && mkfs.ext4 -q -F -b " +
-                     std::to_string(block_size) + " -O ^metadata_csum,^has_journal -d '" + source.Path() +
-                     "/src' '" + path + "'") &&
-               (commands.empty() || shell("debugfs -w -f '" + source.Path() + "/cmds' '" + path + "'"));
+        return ExtImage::make("mkfs.ext4 -b " + std::to_string(block_size) + " -O ^metadata_csum,^has_journal", kib,
+                              source.Path() + "/src") &&
+               (requests.empty() || change_all(requests));
     }
-    bool shell(const std::string& command) { return TestSupport::RunQuietly(command) == 0; }
-    std::string ask(const std::string& request) {
-        return TestSupport::CaptureOutput("debugfs -R '" + request + "' '" + path + "'");
-    }
-    bool clean() { return shell("e2fsck -fn '" + path + "'"); }
-    std::string e2fsck() { return TestSupport::CaptureOutput("e2fsck -fn '" + path + "' 2>&1"); }
-    std::uint32_t index(const std::string& name) {
-        const std::string text = ask("stat /" + name);
-        const std::size_t at = text.find("Inode: ");
-        return at == std::string::npos ? 0 : std::stoul(text.substr(at + 7)) - 1;
-    }
-    std::uint64_t free_blocks() {
-        const std::string text = TestSupport::CaptureOutput("dumpe2fs -h '" + path + "'");
-        const std::size_t at = text.find("\nFree blocks:");
-        return at == std::string::npos ? ~0ull : std::stoull(text.substr(at + 13));
-    }
-    std::string dump(const std::string& name) {
-        const std::string out = path + ".out";
-        shell("rm -f '" + out + "'; debugfs -R 'dump /" + name + " " + out + "' '" + path + "'");
-        const std::vector<unsigned char> data = TestSupport::LoadFile(out);
-        return std::string(data.begin(), data.end());
-    }
+    std::uint32_t index(const std::string& name) { return static_cast<std::uint32_t>(inode("/" + name) - 1); }
     // The lines "L/D E/M first - last start - end length [Uninit]" of the
     // leaves; index lines have no physical range and give only the depth.
     Tree tree(const std::string& name) {
@@ -181,13 +155,13 @@ TEST(ExtExtentWrites, MappedBlocksFormTheTreeThatTheToolsRead) {
             }
             inode->set_size_field(content.size());
         }
-        ASSERT_TRUE(image.clean()) << image.e2fsck();
+        ASSERT_EQ(image.problems(), "");
         const Tree tree = image.tree("e");
         EXPECT_EQ(tree.extents, Runs(mapped));
         if (test.depth >= 0) {
             EXPECT_EQ(tree.depth, static_cast<std::uint32_t>(test.depth));
         }
-        EXPECT_TRUE(image.dump("e") == content);
+        EXPECT_TRUE(image.content("/e") == content);
     }
 }
 
@@ -224,7 +198,7 @@ TEST(ExtExtentWrites, WritesIntoAnUnwrittenExtentCutItIntoPieces) {
         ASSERT_EQ(before.extents.size(), 1u);
         ASSERT_EQ(before.extents[0].length, 20u);
         const std::uint64_t base = before.extents[0].physical;
-        const std::uint64_t free_before = image.free_blocks();
+        const std::uint64_t free_before = image.superblock_count("Free blocks");
         std::string content(20 * 4096, '\0');
         {
             Volume volume(image.path);
@@ -240,15 +214,15 @@ TEST(ExtExtentWrites, WritesIntoAnUnwrittenExtentCutItIntoPieces) {
             }
             inode->set_size_field(content.size());
         }
-        ASSERT_TRUE(image.clean()) << image.e2fsck();
+        ASSERT_EQ(image.problems(), "");
         std::vector<Extent> expected = test.expected;
         for (Extent& extent : expected) extent.physical += base;
         const Tree after = image.tree("u");
         EXPECT_EQ(after.extents, expected);
         EXPECT_EQ(after.depth, test.depth);
         EXPECT_EQ(after.nodes, test.nodes);
-        EXPECT_EQ(image.free_blocks(), free_before - test.nodes);
-        EXPECT_TRUE(image.dump("u") == content);
+        EXPECT_EQ(image.superblock_count("Free blocks"), free_before - test.nodes);
+        EXPECT_TRUE(image.content("/u") == content);
     }
 }
 
@@ -283,7 +257,7 @@ TEST(ExtExtentWrites, ReleasesCutExtentsAndGiveBackDataAndTreeBlocks) {
         if (before.depth == 0) {
             ASSERT_EQ(before.extents.size(), 4u);  // a full root
         }
-        const std::uint64_t free_before = image.free_blocks();
+        const std::uint64_t free_before = image.superblock_count("Free blocks");
         const std::uint64_t end = test.count == ~0ull ? test.blocks : test.first + test.count;
         // What must stay: each extent outside the range; what goes back: its blocks inside.
         std::vector<Extent> expected;
@@ -317,17 +291,17 @@ TEST(ExtExtentWrites, ReleasesCutExtentsAndGiveBackDataAndTreeBlocks) {
                 inode->release_blocks(test.first, test.count);
             }
         }
-        ASSERT_TRUE(image.clean()) << image.e2fsck();
+        ASSERT_EQ(image.problems(), "");
         const Tree after = image.tree(test.name);
         EXPECT_EQ(after.extents, expected);
-        EXPECT_TRUE(image.dump(test.name) == content);
+        EXPECT_TRUE(image.content("/" + std::string(test.name)) == content);
         if (expected.empty()) {
             // Everything went, the leaves too: an empty root of depth 0 again.
             EXPECT_EQ(after.depth, 0u);
             EXPECT_NE(image.ask("stat /" + std::string(test.name)).find("Blockcount: 0\n"), std::string::npos);
-            EXPECT_EQ(image.free_blocks(), free_before + freed + before.nodes);
+            EXPECT_EQ(image.superblock_count("Free blocks"), free_before + freed + before.nodes);
         } else if (before.depth == 0) {
-            EXPECT_EQ(image.free_blocks(), free_before + freed);
+            EXPECT_EQ(image.superblock_count("Free blocks"), free_before + freed);
         }
     }
 }

@@ -13,34 +13,18 @@
 #include "extfs/extfs_driver.h"
 #include "fsdriver/driver_selection.h"
 #include "loader/common/error_codes.h"
-#include "tests/support/shell.h"
+#include "tests/support/ext_image.h"
 #include "tests/support/temp_folder.h"
-#include "tests/support/volume_fixture.h"
 
 namespace {
 
 using extfs::ExtfsDriver;
 using TestSupport::Pattern;
-int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
 using TestSupport::TempFolder;
+using Image = TestSupport::ExtImage;
 using Volume = TestSupport::Volume<ExtfsDriver, TryExtDriver>;
 
 constexpr std::uint64_t kKiB = 1024;
-
-struct Image : TestSupport::ImageFile {
-    bool make(const std::string& mkfs, unsigned kib, const std::string& source) {
-        return Shell("truncate -s " + std::to_string(kib) + "K '" + path + "' && " + mkfs + " -q -F -d '" + source +
-                     "' '" + path + "'") == 0;
-    }
-    bool clean() { return Shell("e2fsck -fn '" + path + "' >/dev/null 2>&1") == 0; }
-    std::string dump(const std::string& name) {
-        const std::string out = path + ".out";
-        Shell("rm -f '" + out + "'; debugfs -R 'dump " + name + " " + out + "' '" + path + "' 2>/dev/null");
-        std::vector<unsigned char> data = TestSupport::LoadFile(out);
-        return std::string(data.begin(), data.end());
-    }
-    std::string e2fsck() { return TestSupport::CaptureOutput("e2fsck -fn '" + path + "' 2>&1"); }
-};
 
 // Writes `data` at `position` of `path` through the framework; answers the
 // error code, 0 for none, and the bytes written.
@@ -116,10 +100,10 @@ TEST(ExtFileWrites, GrowthHolesAndTruncationPassTheCheckerAndReadBack) {
             cut = cut.substr(0, 9 * kKiB + 5) + std::string(30 * kKiB - (9 * kKiB + 5), '\0');
             EXPECT_EQ(volume.read(u"/cut.bin"), cut);
         }
-        EXPECT_TRUE(image.clean()) << image.e2fsck();
-        EXPECT_EQ(image.dump("/grow.bin"), grow);
-        EXPECT_EQ(image.dump("/cut.bin"), cut);
-        EXPECT_EQ(image.dump("/keep.bin"), Pattern(70 * kKiB, 3));
+        EXPECT_EQ(image.problems(), "");
+        EXPECT_EQ(image.content("/grow.bin"), grow);
+        EXPECT_EQ(image.content("/cut.bin"), cut);
+        EXPECT_EQ(image.content("/keep.bin"), Pattern(70 * kKiB, 3));
         {
             Volume volume(image.path);
             ASSERT_NE(volume.driver, nullptr);
@@ -127,8 +111,8 @@ TEST(ExtFileWrites, GrowthHolesAndTruncationPassTheCheckerAndReadBack) {
             ASSERT_EQ(Resize(volume, u"/grow.bin", 0), 0u);
             EXPECT_EQ(volume.read(u"/grow.bin"), "");
         }
-        EXPECT_TRUE(image.clean()) << image.e2fsck();
-        EXPECT_EQ(image.dump("/grow.bin"), "");
+        EXPECT_EQ(image.problems(), "");
+        EXPECT_EQ(image.content("/grow.bin"), "");
     }
 }
 
@@ -150,8 +134,8 @@ TEST(ExtFileWrites, FullVolumeWritesWhatFitsThenRefuses) {
         EXPECT_EQ(WriteAt(volume, u"/small.txt", 1 + written, "more", &written), Common::FILE_DISK_FULL);
         EXPECT_EQ(written, 0u);
     }
-    EXPECT_TRUE(image.clean()) << image.e2fsck();
-    const std::string content = image.dump("/small.txt");
+    EXPECT_EQ(image.problems(), "");
+    const std::string content = image.content("/small.txt");
     EXPECT_EQ(content, "x" + Pattern(4096 * kKiB, 6).substr(0, content.size() - 1));
 }
 
@@ -203,7 +187,7 @@ TEST(ExtFileWrites, DamageMetMidwayLeavesTheDiskAsTheChangeFoundIt) {
         folder.Write("src/b.txt", "b");
         Image image;
         ASSERT_TRUE(image.make("mkfs.ext2 -b 1024", 8192, folder.Path() + "/src"));
-        ASSERT_EQ(Shell("debugfs -w -R '" + std::string(row.damage) + "' '" + image.path + "'"), 0);
+        ASSERT_TRUE(image.change(row.damage));
         const std::vector<unsigned char> before = image.bytes();
         {
             Volume volume(image.path);
