@@ -1,27 +1,19 @@
 #pragma once
-// The volume's cluster bitmap ($Bitmap, the unnamed data of record 6).
+// The volume's cluster bitmap ($Bitmap, the unnamed data of record 6): one
+// bit per cluster, set for a cluster in use. It lives as long as the
+// driver, so its cursor keeps its place over many allocations.
 #include <cstdint>
 
 #include "ntfs/bitmap.h"
-#include "ntfs/file_record.h"
 #include "ntfs/ntfs_driver.h"
 
 namespace ntfs {
 
 class NTFSDriver::ClusterAllocator : public Bitmap {
 public:
-    // Holds record 6 and counts its clear bits below the volume's cluster
-    // count; FILE_CORRUPT without the bitmap, FILE_READ for a short one.
+    // Holds record 6: FILE_CORRUPT without the bitmap or with one too
+    // short for the volume's clusters.
     explicit ClusterAllocator(NTFSDriver* driver);
-
-    std::uint64_t freeClusters() const { return free_clusters_; }
-
-private:
-    void countFree();
-
-    NTFSDriver* driver_;
-    RecordRef record_;
-    std::uint64_t free_clusters_ = 0;
 };
 
 }  // namespace ntfs

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "loader/common/raise.h"
+#include "ntfs/file_record.h"
 #include "ntfs/lznt1.h"
 #include "ntfs/ntfs_driver.h"
 
@@ -13,6 +14,8 @@ namespace {
 
 constexpr std::uint32_t kMostUnitShift = 16;
 constexpr std::size_t kInputAlignment = 4096;
+// The header flags that a stream keeps when it stops being compressed or sparse.
+constexpr std::uint16_t kPlainFlags = 0x7F00;
 
 }  // namespace
 
@@ -25,6 +28,7 @@ CompressedAttribute::CompressedAttribute(NTFSDriver* driver, BaseFileRecord* rec
 }
 
 std::uint64_t CompressedAttribute::unitClusters() {
+    if (plain_) return 0;
     const AttributeRecord* header = first()->header();
     // A sparse stream that isn't compressed may name a unit too; its
     // clusters are stored as they are all the same.
@@ -145,6 +149,28 @@ std::uint64_t CompressedAttribute::usedRanges(std::uint64_t position, std::uint6
     }
     if (open) ranges.insert_or_assign(open_start, end - open_start);
     return end - position;
+}
+
+std::uint64_t CompressedAttribute::write(std::uint64_t position, std::uint64_t length, const void* buffer) {
+    if (!plain_) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+    return plainWrite(position, length, buffer);
+}
+
+std::uint64_t CompressedAttribute::writeSectors(std::uint64_t position, std::uint64_t length, const void* buffer) {
+    if (!plain_) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+    return plainWriteSectors(position, length, buffer);
+}
+
+std::uint64_t CompressedAttribute::resize(std::uint64_t size, bool) {
+    if (plain_) return plainResize(size);
+    if (size != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    // Emptied first: a stream that can't be emptied keeps its bits.
+    plainResize(0);
+    AttributeRecord* header = first()->header();
+    header->set_flags(static_cast<std::uint16_t>(header->flags() & kPlainFlags));
+    plain_ = true;
+    record->flush();
+    return 0;
 }
 
 }  // namespace ntfs

@@ -73,4 +73,12 @@ std::uint64_t EncryptedAttribute::readWithTail(std::uint64_t position, std::uint
     return plainReadWithTail(position, length, buffer, direct);
 }
 
+std::uint64_t EncryptedAttribute::write(std::uint64_t, std::uint64_t, const void*) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+
+std::uint64_t EncryptedAttribute::writeSectors(std::uint64_t, std::uint64_t, const void*) {
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+}
+
 }  // namespace ntfs

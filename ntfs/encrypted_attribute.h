@@ -14,6 +14,9 @@ public:
     std::uint64_t read(std::uint64_t position, std::uint64_t length, void* buffer) override;
     std::uint64_t readSectors(std::uint64_t position, std::uint64_t length, void* buffer) override;
     std::uint64_t readWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct) override;
+    // Without a key nothing could be encrypted: FILE_UNSUPPORTED.
+    std::uint64_t write(std::uint64_t position, std::uint64_t length, const void* buffer) override;
+    std::uint64_t writeSectors(std::uint64_t position, std::uint64_t length, const void* buffer) override;
 
 private:
     // Raises: FILE_CORRUPT for a missing or damaged $EFS stream, else

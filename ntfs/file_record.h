@@ -5,8 +5,8 @@
 // attribute lives in. The cache shares one object per file: RecordRef
 // holds it, and the object goes when the last holder lets go.
 //
-// The operations that change records (create, move and split attributes,
-// names, the attribute list's rewriting) come with the volume's write path.
+// Attributes change inside their records; making room by moving them to
+// extension records comes with the rest of the volume's write path.
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -46,6 +46,15 @@ public:
     // Reads every attribute but the unnamed data stream, so that damage
     // anywhere in the file shows now.
     virtual void readThrough() = 0;
+    // Writes the base record and every loaded extension record now.
+    virtual void flush() = 0;
+    // Makes the attribute at `header` `length` bytes long in its record,
+    // moving what lies behind it; the objects of moved headers follow.
+    // Shrinking always succeeds. Growing answers true when the record had
+    // the room; false would mean that room was made by moving attributes
+    // out (with `may_move`), and the caller looks at its attribute afresh.
+    // FILE_DISK_FULL when the record can't hold the attribute.
+    virtual bool resizeInRecord(AttributeRecord* header, std::uint32_t length, bool may_move) = 0;
 
     // The first attribute of `type` (any name) in the walk of nextAttribute; null when none.
     Attribute* firstOfType(std::uint32_t type);

@@ -41,6 +41,8 @@ public:
     RecordBuffer* recordBuffer() override { return base_; }
     std::uint32_t maxAttributeSize() override;
     void readThrough() override;
+    void flush() override;
+    bool resizeInRecord(AttributeRecord* header, std::uint32_t length, bool may_move) override;
 
 private:
     struct Slot {
@@ -68,6 +70,11 @@ private:
     // The object of a header, shared; use count + 1.
     Attribute* hold(AttributeRecord* header);
     const std::vector<AttributeRecord*>& order();
+    // The loaded record whose bytes hold `header`; FILE_CORRUPT when none.
+    RecordBuffer* holderOf(const AttributeRecord* header);
+    // Moves the bytes of `buffer` from `from` up to its bytes in use by
+    // `delta` and tells the objects of the moved headers.
+    void shiftTail(RecordBuffer* buffer, std::uint32_t from, std::int64_t delta);
     // Destroys every attribute object and gives the buffers back.
     void releaseEverything();
 

@@ -17,4 +17,9 @@ constexpr std::uint32_t kIndexBufferFixupMinimum = 40;
 // The stride is 512 bytes whatever the device's sector size.
 void ApplyReadFixups(unsigned char* block, std::uint32_t size, std::uint32_t minimum_offset);
 
+// The reverse, before a block goes to disk: a new update sequence number
+// (never 0), each stride's tail saved into the array and replaced by the
+// number. FILE_CORRUPT for an array that ApplyReadFixups would refuse.
+void ApplyWriteFixups(unsigned char* block, std::uint32_t size, std::uint32_t minimum_offset);
+
 }  // namespace ntfs

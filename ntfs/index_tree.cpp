@@ -41,14 +41,19 @@ void IndexCursor::clear() {
 }
 
 IndexTreeBase::IndexTreeBase(NTFSDriver* driver, RecordRef record, std::u16string name, std::uint32_t collation,
-                             KeyCheck key_check)
-    : driver_(driver), record_(std::move(record)), name_(std::move(name)), key_check_(key_check) {
-    AttributeRef root = record_.find(kIndexRoot, name_);
-    if (!root) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-    const std::uint64_t size = root->size();
+                             KeyCheck key_check, KeyOrder key_order)
+    : driver_(driver),
+      record_(std::move(record)),
+      name_(std::move(name)),
+      collation_(collation),
+      key_check_(key_check),
+      key_order_(key_order) {
+    root_attribute_ = record_.find(kIndexRoot, name_);
+    if (!root_attribute_) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    const std::uint64_t size = root_attribute_->size();
     if (size < IndexRoot::kMinimumSize || size > kMaxRootSize) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     root_.resize(static_cast<std::size_t>(size));
-    if (root->read(0, size, root_.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
+    if (root_attribute_->read(0, size, root_.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
     if (reinterpret_cast<const IndexRoot*>(root_.data())->collation_rule() != collation) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
@@ -116,7 +121,9 @@ void IndexTreeBase::openAllocation() {
     allocation_opened_ = true;
 }
 
-const IndexHeader* IndexTreeBase::node(std::uint64_t vcn) {
+const IndexHeader* IndexTreeBase::node(std::uint64_t vcn) { return loadNode(vcn, true); }
+
+const IndexHeader* IndexTreeBase::loadNode(std::uint64_t vcn, bool check) {
     auto cached = nodes_.find(vcn);
     if (cached == nodes_.end()) {
         openAllocation();
@@ -129,8 +136,10 @@ const IndexHeader* IndexTreeBase::node(std::uint64_t vcn) {
             Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
         }
         ApplyReadFixups(buffer.data(), buffer_size_, kIndexBufferFixupMinimum);
-        checkNode(&reinterpret_cast<const IndexBlock*>(buffer.data())->index_,
-                  buffer_size_ - IndexBlock::kHeaderOffset);
+        if (check) {
+            checkNode(&reinterpret_cast<const IndexBlock*>(buffer.data())->index_,
+                      buffer_size_ - IndexBlock::kHeaderOffset);
+        }
         cached = nodes_.emplace(vcn, std::move(buffer)).first;
     }
     return &reinterpret_cast<const IndexBlock*>(cached->second.data())->index_;
@@ -188,6 +197,12 @@ bool IndexTreeBase::next(IndexCursor& cursor) {
 }
 
 bool IndexTreeBase::lookup(const Probe& probe, IndexCursor& cursor) {
+    if (walkTo(probe, cursor)) return true;
+    cursor.clear();
+    return false;
+}
+
+bool IndexTreeBase::walkTo(const Probe& probe, IndexCursor& cursor) {
     cursor.clear();
     const IndexHeader* root = rootNode();
     cursor.position = IndexPosition{IndexPosition::kRootVcn, root, FirstEntry(root)};
@@ -202,9 +217,28 @@ bool IndexTreeBase::lookup(const Probe& probe, IndexCursor& cursor) {
             }
         }
         // Everything below this entry sorts before its key.
-        if (!HasSubNode(entry)) {
-            cursor.clear();
-            return false;
+        if (!HasSubNode(entry)) return false;
+        stepDown(cursor);
+    }
+}
+
+bool IndexTreeBase::last(IndexCursor& cursor) {
+    cursor.clear();
+    const IndexHeader* root = rootNode();
+    cursor.position = IndexPosition{IndexPosition::kRootVcn, root, FirstEntry(root)};
+    for (;;) {
+        const IndexEntryHeader* before = nullptr;
+        while (!IsEndEntry(cursor.position.entry)) {
+            before = cursor.position.entry;
+            cursor.position.entry = Following(before);
+        }
+        if (!HasSubNode(cursor.position.entry)) {
+            if (before == nullptr) {
+                cursor.clear();
+                return false;
+            }
+            cursor.position.entry = before;
+            return true;
         }
         stepDown(cursor);
     }
@@ -225,6 +259,13 @@ std::u16string FileNameKey::NameOf(const unsigned char* key) {
 int FileNameKey::Compare(const NTFSDriver& driver, const unsigned char* key, std::size_t, const Wanted& name) {
     const std::u16string stored = NameOf(key);
     return driver.compare_names(stored.data(), stored.size(), name.data(), name.size());
+}
+
+int FileNameKey::Order(const NTFSDriver& driver, const unsigned char* a, std::size_t, const unsigned char* b,
+                       std::size_t) {
+    const std::u16string first = NameOf(a);
+    const std::u16string second = NameOf(b);
+    return driver.compare_names(first.data(), first.size(), second.data(), second.size());
 }
 
 }  // namespace ntfs

@@ -12,7 +12,9 @@
 // and never enters a node twice, so a damaged tree ends in FILE_CORRUPT,
 // never in a loop.
 //
-// Insertion and removal come with the volume's write path.
+// Changes are written at once, node by node, the root included: a tree
+// keeps no dirty state, and a failure half-way leaves the nodes already
+// written as they are.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "loader/common/raise.h"
 #include "ntfs/attribute.h"
 #include "ntfs/file_record.h"
 #include "ntfs/ntfs_records.h"
@@ -51,6 +54,9 @@ struct IndexCursor {
     void clear();
 };
 
+// The bytes of a root's value in front of its node header.
+constexpr std::uint32_t kIndexRootHeadSize = offsetof(IndexRoot, index_);
+
 // What every entry offers, once its node was checked.
 inline bool IsEndEntry(const IndexEntryHeader* entry) { return (entry->flags() & kEntryLast) != 0; }
 inline bool HasSubNode(const IndexEntryHeader* entry) { return (entry->flags() & kEntrySubNode) != 0; }
@@ -63,6 +69,11 @@ class IndexTreeBase {
 public:
     // Whether a key of `length` bytes holds all that its comparison reads.
     using KeyCheck = bool (*)(const unsigned char* key, std::size_t length);
+    // The order of two sound keys: negative when `a` is smaller.
+    using KeyOrder = int (*)(const NTFSDriver& driver, const unsigned char* a, std::size_t a_length,
+                             const unsigned char* b, std::size_t b_length);
+    // A whole index entry: header, key, data, and the sub-node VCN if any.
+    using Entry = std::vector<unsigned char>;
 
     virtual ~IndexTreeBase();
     IndexTreeBase(const IndexTreeBase&) = delete;
@@ -72,6 +83,16 @@ public:
     bool first(IndexCursor& cursor);
     // The entry behind the cursor's; false, and the cursor cleared, at the end.
     bool next(IndexCursor& cursor);
+    // The last entry of the rightmost leaf; false when that leaf has none.
+    bool last(IndexCursor& cursor);
+
+    // Inserts `entry`, whose key must be sound for this index, and leaves
+    // the cursor on it. FILE_EXISTS when the key is there already.
+    void insert(const Entry& entry, IndexCursor& cursor);
+    // Removes the entry under the cursor and clears the cursor. Nodes left
+    // without keys are freed; keys that lose their place on the way go in
+    // again through insert.
+    void remove(IndexCursor& cursor);
 
     NTFSDriver* driver() const { return driver_; }
     const RecordRef& record() const { return record_; }
@@ -92,15 +113,83 @@ protected:
     // with a root under 48 bytes or of another collation rule than
     // `collation`, or with damage in the root's entries.
     IndexTreeBase(NTFSDriver* driver, RecordRef record, std::u16string name, std::uint32_t collation,
-                  KeyCheck key_check);
+                  KeyCheck key_check, KeyOrder key_order);
 
     // Places the cursor on the entry whose key the probe calls equal.
     bool lookup(const Probe& probe, IndexCursor& cursor);
 
+public:
+    // An entry's place: its node (kRootVcn for the root) and its offset
+    // from the node header, which stays right while pointers into a
+    // growing root would not.
+    struct Place {
+        std::uint64_t vcn;
+        std::uint32_t offset;
+    };
+    using Path = std::vector<Place>;
+
 private:
+    class EntryProbe;
+
     const IndexHeader* rootNode() const;
     // The node of the index buffer at `vcn`, read and checked on first need.
     const IndexHeader* node(std::uint64_t vcn);
+    // The same without the check, for a buffer that is being laid out.
+    const IndexHeader* loadNode(std::uint64_t vcn, bool check);
+    // Like lookup, but a miss leaves the cursor on the entry that ended
+    // the walk: the place where the key would go in.
+    bool walkTo(const Probe& probe, IndexCursor& cursor);
+
+    // --- node layout (index_node_layout.cpp) ---
+    IndexRoot* rootHead() { return reinterpret_cast<IndexRoot*>(root_.data()); }
+    IndexHeader* mutableNode(std::uint64_t vcn);
+    // The entry at `place`, its length checked against the node.
+    IndexEntryHeader* entryAt(const Place& place);
+    // The offset of the node's end entry, each length on the way checked.
+    std::uint32_t endOffset(std::uint64_t vcn);
+    // The last real entry before the end entry; false when there is none.
+    bool lastRealEntry(std::uint64_t vcn, std::uint32_t& offset);
+    void writeBuffer(std::uint64_t vcn);
+    void writeRoot();
+    // Puts `entry` in at `place`, which must have the room, and counts it.
+    void placeEntry(const Place& place, const Entry& entry);
+    std::uint64_t allocateBuffer();
+    void freeNode(std::uint64_t vcn);
+    // Makes the root an empty leaf again, once its last buffer is freed;
+    // the buffers' stream keeps its size.
+    void resetRoot();
+    std::uint32_t clustersPerBuffer();
+    Place placeOf(const IndexPosition& position) const;
+    Path pathOf(const IndexCursor& cursor) const;
+    Entry keyOnlyCopy(const Place& place);
+    static Entry WithSubNode(Entry entry, std::uint64_t vcn);
+    static Entry EndEntry(bool with_sub_node, std::uint64_t vcn);
+    std::uint64_t subNodeAt(const Place& place);
+    void setSubNodeAt(const Place& place, std::uint64_t vcn);
+    std::uint64_t rootSizeWith(std::uint32_t extra);
+
+    // --- insertion (index_insert.cpp) ---
+    void checkNewEntry(const Entry& entry) const;
+    // Inserts at `place`; true when a split hands back an entry, which
+    // `entry` and `place` then hold, to go in one level up.
+    bool insertAt(Place& place, Entry& entry, Path& path);
+    bool insertInRoot(Place& place, Entry& entry, Path& path);
+    void placeInRoot(const Place& place, const Entry& entry);
+    // Moves the root's entries into a new buffer; answers the place in it
+    // that corresponds to `place` and leaves `path` on the root's entry.
+    Place pushRootDown(const Place& place, Path& path);
+    bool splitBuffer(Place& place, Entry& entry, Path& path);
+    std::uint32_t middleOf(std::uint64_t vcn);
+
+    // --- removal (index_remove.cpp) ---
+    void removeFromNode(const Place& place);
+    void replaceWithPredecessor(const Place& target, Path path, std::vector<Entry>& again);
+    // Frees `leaf` if it lost its last key and goes up as far as that
+    // empties nodes. True when this took out the entry at `watched`.
+    bool collapse(std::uint64_t leaf, Path& path, std::vector<Entry>& again, const Place* watched);
+    void insertAgain(std::vector<Entry>& again);
+
+    // --- reading ---
     void openAllocation();
     // Moves the cursor from its entry, which has a sub-node, to the
     // sub-node's first entry, keeping the entry on the stack.
@@ -112,7 +201,10 @@ private:
     NTFSDriver* driver_;
     RecordRef record_;
     std::u16string name_;
+    std::uint32_t collation_;
     KeyCheck key_check_;
+    KeyOrder key_order_;
+    AttributeRef root_attribute_;
     std::vector<unsigned char> root_;
     AttributeRef allocation_;
     bool allocation_opened_ = false;
@@ -121,18 +213,31 @@ private:
     std::map<std::uint64_t, std::vector<unsigned char>> nodes_;
 };
 
+// The value of an empty leaf root: one end entry. An existing root (when
+// given) keeps its indexed type, buffer size and clusters per buffer; a new
+// one takes `indexed_type` and the volume's buffer geometry.
+std::vector<unsigned char> EmptyRootValue(const NTFSDriver& driver, const IndexRoot* existing,
+                                          std::uint32_t indexed_type, std::uint32_t collation);
+// Whether `attribute` is large enough (5/16 of a record) that it should
+// leave its record rather than have the others make room for it.
+bool MayLeaveRecord(const NTFSDriver& driver, Attribute& attribute);
+
 template <typename Key>
 class IndexTree : public IndexTreeBase {
 public:
     using Wanted = typename Key::Wanted;
 
     IndexTree(NTFSDriver* owner, RecordRef holder)
-        : IndexTreeBase(owner, std::move(holder), Key::kName, Key::kCollation, &Key::Sound) {}
+        : IndexTreeBase(owner, std::move(holder), Key::kName, Key::kCollation, &Key::Sound, &Key::Order) {}
 
     // Places the cursor on the entry of key `wanted`; false when there is none.
     bool find(const Wanted& wanted, IndexCursor& cursor) {
         KeyProbe probe(*driver(), wanted);
         return lookup(probe, cursor);
+    }
+    // The same for a key that must be there: FILE_NOT_FOUND otherwise.
+    void findForRemoval(const Wanted& wanted, IndexCursor& cursor) {
+        if (!find(wanted, cursor)) Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND);
     }
 
 private:
@@ -158,6 +263,8 @@ struct FileNameKey {
 
     static bool Sound(const unsigned char* key, std::size_t length);
     static int Compare(const NTFSDriver& driver, const unsigned char* key, std::size_t length, const Wanted& name);
+    static int Order(const NTFSDriver& driver, const unsigned char* a, std::size_t a_length, const unsigned char* b,
+                     std::size_t b_length);
     // The name of a sound key.
     static std::u16string NameOf(const unsigned char* key);
     static const FileNameValue* ValueOf(const unsigned char* key) {
@@ -177,6 +284,12 @@ struct UlongsKey {
             if (value != wanted[i]) return value < wanted[i] ? -1 : 1;
         }
         return 0;
+    }
+    static int Order(const NTFSDriver& driver, const unsigned char* a, std::size_t a_length, const unsigned char* b,
+                     std::size_t) {
+        Wanted wanted{};
+        for (std::size_t i = 0; i < N; ++i) wanted[i] = Common::LoadLE32(b + 4 * i);
+        return Compare(driver, a, a_length, wanted);
     }
 };
 

@@ -3,6 +3,7 @@
 // use and shared by count, with their fixups undone. Record 0 is read
 // straight from its place on disk; every other record through record 0's
 // data stream, so records 1 to 15 are always within its first extent.
+// A changed record is written at once, protected by its update sequence.
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -44,12 +45,20 @@ public:
     RecordBuffer* getRecord(std::uint64_t number);
     // Count − 1; the buffer goes at 0.
     void putRecord(RecordBuffer* buffer);
+    // Writes the buffer of record `number` now, if it is loaded and not
+    // flagged to be freed. Record 0 goes straight to its place, the others
+    // through record 0's data stream, and records 0 to 3 also to the
+    // mirror. FILE_WRITE when the stream takes fewer bytes.
+    void flushRecord(std::uint64_t number);
     // The records the MFT's data stream holds.
     std::uint64_t recordCount();
     MftBaseFileRecordImpl& recordZero() { return *record_zero_; }
 
 private:
     void readRecordZero(RecordBuffer& buffer);
+    void writeRecord(RecordBuffer& buffer);
+    void writeRecordZero(const unsigned char* image);
+    void writeMirror(std::uint64_t number, const unsigned char* image);
     Attribute* dataStream();
 
     NTFSDriver* driver_;

@@ -226,16 +226,4 @@ std::uint64_t NonresAttribute::usedRanges(std::uint64_t position, std::uint64_t 
     return end - position;
 }
 
-// Not written yet: every change is still refused by the driver before it
-// reaches an attribute.
-std::uint64_t NonresAttribute::write(std::uint64_t, std::uint64_t, const void*) {
-    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
-}
-
-std::uint64_t NonresAttribute::writeSectors(std::uint64_t, std::uint64_t, const void*) {
-    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
-}
-
-std::uint64_t NonresAttribute::resize(std::uint64_t, bool) { Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED); }
-
 }  // namespace ntfs

@@ -4,6 +4,7 @@
 // first one loads forward on demand and holds until it goes; the sizes of
 // the stream live in the first extent's header.
 #include <cstdint>
+#include <vector>
 
 #include "ntfs/attribute.h"
 #include "ntfs/run_list.h"
@@ -60,6 +61,10 @@ protected:
     std::uint64_t plainReadWithTail(std::uint64_t position, std::uint64_t length, void* buffer, bool direct);
     // FILE_READ for a null buffer or a range off the sector grid.
     void checkSectorRange(std::uint64_t position, std::uint64_t length, const void* buffer) const;
+    // Writes and resizes without regard to compression.
+    std::uint64_t plainWrite(std::uint64_t position, std::uint64_t length, const void* buffer);
+    std::uint64_t plainWriteSectors(std::uint64_t position, std::uint64_t length, const void* buffer);
+    std::uint64_t plainResize(std::uint64_t size);
 
     AttributeRecord* header_;
     RunList runs_;
@@ -68,6 +73,34 @@ private:
     // Copies `length` bytes at byte `offset` of cluster `vcn` of a stretch.
     void copyFromCluster(const Stretch& stretch, std::uint32_t offset, std::uint32_t length, std::uint64_t position,
                          std::uint64_t initialized, unsigned char* out);
+
+    // The write's steps: zeros from the initialized size up to `position`
+    // (false when the volume filled up first), the length that fits once
+    // the stream reaches past `position` + `length`, the clusters' bytes
+    // (zeros for a null `data`), and the initialized size raised to `end`.
+    bool fillGap(std::uint64_t position);
+    std::uint64_t fitLength(std::uint64_t position, std::uint64_t length);
+    std::uint64_t writeClusters(std::uint64_t position, std::uint64_t length, const unsigned char* data,
+                                std::uint64_t old_size);
+    void writeCluster(std::uint64_t cluster, std::uint32_t offset, std::uint32_t length, bool fresh,
+                      const unsigned char* data);
+    std::uint64_t writeRuns(std::uint64_t position, std::uint64_t length, const unsigned char* data);
+    void raiseInitialized(std::uint64_t end);
+    // The clusters of `vcn` to write into; FILE_CORRUPT where the stream
+    // has no clusters (a sparse run).
+    bool writableStretch(std::uint64_t vcn, Stretch& stretch);
+    // The resize's steps: the allocation cut by `bytes` from the end, or
+    // grown by up to `bytes` with clusters of the volume.
+    void cutAllocation(std::uint64_t bytes);
+    void extendAllocation(std::uint64_t bytes);
+    // The last extent of the chain.
+    NonresAttribute* lastExtent();
+    // Puts as many of `runs` behind this extent's runs as its record takes;
+    // answers how many clusters went in.
+    std::uint64_t appendRuns(const std::vector<RunEntry>& runs);
+    // Writes this extent's runs into its header, which the record has
+    // already made long enough, and reads them back.
+    void storeRuns();
 
     NonresAttribute* next_ = nullptr;
     bool next_loaded_ = false;

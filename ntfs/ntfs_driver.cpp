@@ -24,7 +24,7 @@ const AttrDefEntry* AttrDefTable::find(std::uint32_t type) const {
 
 void NTFSDriver::space(std::uint64_t& total, std::uint64_t& free, std::uint64_t& available) {
     total = std::uint64_t(sector_size) * total_sectors;
-    free = cluster_allocator->freeClusters() * cluster_size;
+    free = cluster_allocator->freeCount() * cluster_size;
     available = free;
 }
 

@@ -150,6 +150,9 @@ struct FileRecordHeader {
     std::uint32_t bytes_in_use() const { return bytes_in_use_.get(); }
     std::uint32_t bytes_allocated() const { return bytes_allocated_.get(); }
     std::uint64_t base_mft_record() const { return base_mft_record_.get(); }
+    std::uint16_t next_attr_instance() const { return next_attr_instance_.get(); }
+
+    void set_bytes_in_use(std::uint32_t value) { bytes_in_use_.set(value); }
 };
 static_assert(sizeof(FileRecordHeader) == 48, "file record header");
 static_assert(offsetof(FileRecordHeader, sequence_number_) == 16, "sequence number");
@@ -220,6 +223,24 @@ struct AttributeRecord {
     std::uint64_t allocated_size() const { return non_resident_part_.allocated_size_.get(); }
     std::uint64_t data_size() const { return non_resident_part_.data_size_.get(); }
     std::uint64_t initialized_size() const { return non_resident_part_.initialized_size_.get(); }
+
+    void set_type(std::uint32_t value) { type_.set(value); }
+    void set_length(std::uint32_t value) { length_.set(value); }
+    void set_non_resident(bool value) { non_resident_ = value ? 1 : 0; }
+    void set_name_length(std::uint8_t value) { name_length_ = value; }
+    void set_name_offset(std::uint16_t value) { name_offset_.set(value); }
+    void set_flags(std::uint16_t value) { flags_.set(value); }
+    void set_instance(std::uint16_t value) { instance_.set(value); }
+    void set_value_length(std::uint32_t value) { resident_.value_length_.set(value); }
+    void set_value_offset(std::uint16_t value) { resident_.value_offset_.set(value); }
+    void set_resident_flags(std::uint8_t value) { resident_.resident_flags_ = value; }
+    void set_lowest_vcn(std::uint64_t value) { non_resident_part_.lowest_vcn_.set(value); }
+    void set_highest_vcn(std::uint64_t value) { non_resident_part_.highest_vcn_.set(value); }
+    void set_mapping_pairs_offset(std::uint16_t value) { non_resident_part_.mapping_pairs_offset_.set(value); }
+    void set_compression_unit(std::uint8_t value) { non_resident_part_.compression_unit_ = value; }
+    void set_allocated_size(std::uint64_t value) { non_resident_part_.allocated_size_.set(value); }
+    void set_data_size(std::uint64_t value) { non_resident_part_.data_size_.set(value); }
+    void set_initialized_size(std::uint64_t value) { non_resident_part_.initialized_size_.set(value); }
 };
 static_assert(sizeof(AttributeRecord) == 72, "attribute header");
 static_assert(offsetof(AttributeRecord, resident_) == 16, "resident part");

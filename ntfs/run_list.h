@@ -9,6 +9,8 @@
 
 namespace ntfs {
 
+class NTFSDriver;
+
 struct RunEntry {
     static constexpr std::uint64_t kSparse = ~std::uint64_t(0);
 
@@ -30,12 +32,28 @@ public:
 
     // The index of the run that holds `vcn`, or size() when none does.
     std::size_t find(std::uint64_t vcn) const;
+    // The bytes of the mapping pairs, the ending 0 byte included.
+    std::uint32_t encodedSize() const;
+    // Writes the mapping pairs to `out`, which holds encodedSize() bytes.
+    // FILE_UNSUPPORTED for a cluster or length past 32 bits, which the
+    // codec can't hold.
+    void encode(unsigned char* out) const;
+    // Adds `run` behind the last one; it becomes part of the last when both
+    // are sparse or its clusters go on where the last's end.
+    void append(const RunEntry& run);
+    // The runs from `vcn` on, taken out; a run across `vcn` is cut in two.
+    RunList splitAt(std::uint64_t vcn);
+    // Gives every real run back to the volume's cluster allocator and
+    // empties the list.
+    void freeAll(NTFSDriver* driver);
     const std::vector<RunEntry>& entries() const { return entries_; }
     std::size_t size() const { return entries_.size(); }
     const RunEntry& operator[](std::size_t i) const { return entries_[i]; }
 
 private:
     std::vector<RunEntry> entries_;
+    mutable std::uint32_t encoded_size_ = 0;
+    mutable bool size_known_ = false;
 };
 
 }  // namespace ntfs

@@ -24,6 +24,9 @@ SecureFile::SecureFile(NTFSDriver* driver) : record_(driver->record_cache->get(k
     if (!stream_) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     ids_ = std::make_unique<SecurityIdIndex>(driver, record_);
     hashes_ = std::make_unique<SecurityHashIndex>(driver, record_);
+    // The greatest id lies at the end of the rightmost leaf.
+    IndexCursor cursor;
+    if (ids_->last(cursor)) next_free_id_ = Common::LoadLE32(KeyOf(cursor.position.entry)) + 1;
 }
 
 SecureFile::~SecureFile() = default;

@@ -26,6 +26,10 @@ public:
     // that doesn't fit.
     std::vector<unsigned char> descriptor(std::uint32_t id);
 
+    // The id that a new descriptor gets: one above the greatest id of
+    // "$SII", or 256, the first id that isn't reserved, while it has none.
+    std::uint32_t nextFreeId() const { return next_free_id_; }
+
     SecurityIdIndex& ids() { return *ids_; }
     SecurityHashIndex& hashes() { return *hashes_; }
 
@@ -34,6 +38,9 @@ private:
     AttributeRef stream_;
     std::unique_ptr<SecurityIdIndex> ids_;
     std::unique_ptr<SecurityHashIndex> hashes_;
+    std::uint32_t next_free_id_ = kFirstFreeId;
+
+    static constexpr std::uint32_t kFirstFreeId = 256;
 };
 
 // The file named `name` under $Extend, held; empty when $Extend has no such
