@@ -90,7 +90,20 @@ BaseFileRecordImpl::BaseFileRecordImpl(NTFSDriver* driver, std::uint64_t number,
     }
 }
 
-BaseFileRecordImpl::~BaseFileRecordImpl() { releaseEverything(); }
+BaseFileRecordImpl::~BaseFileRecordImpl() {
+    // A file whose last name went is deleted by its last holder. A failure
+    // here can't reach anyone: the file's clusters and records stay taken.
+    if (delete_on_destruction_ && base_ != nullptr && base_->header()->link_count() == 0) {
+        try {
+            deleteFile();
+        } catch (...) {
+        }
+    }
+    try {
+        releaseEverything();
+    } catch (...) {
+    }
+}
 
 void BaseFileRecordImpl::releaseEverything() {
     // An object may hold others of this record (its next extents), which it

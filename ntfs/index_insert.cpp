@@ -119,12 +119,21 @@ void IndexTreeBase::placeInRoot(const Place& place, const Entry& entry) {
     }
 }
 
-IndexTreeBase::Place IndexTreeBase::pushRootDown(const Place& place, Path& path) {
-    // Making the buffers' two attributes needs room made in the record,
-    // which only a record with them already can spare.
-    if (!record_.find(kIndexAllocation, name_) || !record_.find(kBitmap, name_)) {
-        Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+// The buffers' attributes of a tree that had none: the stream of buffers in
+// clusters and its bitmap in the record. The root gives up its place in the
+// record first (its copy in memory stays), since it is what filled it.
+void IndexTreeBase::createAllocation() {
+    if (root_attribute_->resize(0, false) != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+    if (!record_.find(kIndexAllocation, name_)) {
+        AttributeRef(record_.get(), record_->createAttribute(kIndexAllocation, name_, false));
     }
+    if (!record_.find(kBitmap, name_)) AttributeRef(record_.get(), record_->createAttribute(kBitmap, name_, true));
+    allocation_opened_ = false;
+}
+
+IndexTreeBase::Place IndexTreeBase::pushRootDown(const Place& place, Path& path) {
+    const bool first_buffer = !record_.find(kIndexAllocation, name_) || !record_.find(kBitmap, name_);
+    if (first_buffer) createAllocation();
     const std::uint64_t vcn = allocateBuffer();
     IndexHeader* buffer = mutableNode(vcn);
     const IndexHeader& root = rootHead()->index_;
@@ -148,7 +157,8 @@ IndexTreeBase::Place IndexTreeBase::pushRootDown(const Place& place, Path& path)
     root_.insert(root_.end(), end.begin(), end.end());
 
     writeBuffer(vcn);
-    if (root_attribute_->resize(root_.size(), false) != root_.size()) {
+    // A root emptied for the buffers' attributes grows back among them.
+    if (root_attribute_->resize(root_.size(), first_buffer) != root_.size()) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     }
     writeRoot();

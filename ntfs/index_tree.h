@@ -178,6 +178,8 @@ private:
     // Moves the root's entries into a new buffer; answers the place in it
     // that corresponds to `place` and leaves `path` on the root's entry.
     Place pushRootDown(const Place& place, Path& path);
+    // Makes the allocation and bitmap attributes of a tree without buffers.
+    void createAllocation();
     bool splitBuffer(Place& place, Entry& entry, Path& path);
     std::uint32_t middleOf(std::uint64_t vcn);
 

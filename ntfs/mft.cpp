@@ -7,6 +7,7 @@
 #include "ntfs/file_record_impl.h"
 #include "ntfs/fixups.h"
 #include "ntfs/ntfs_driver.h"
+#include "ntfs/record_allocator.h"
 
 namespace ntfs {
 
@@ -15,6 +16,7 @@ Mft::Mft(NTFSDriver* driver) : driver_(driver) {
 }
 
 Mft::~Mft() {
+    allocator_.reset();
     if (data_ != nullptr) record_zero_->releaseAttribute(data_);
     record_zero_.reset();
 }
@@ -90,7 +92,16 @@ RecordBuffer* Mft::getRecord(std::uint64_t number) {
 
 void Mft::putRecord(RecordBuffer* buffer) {
     if (buffer == nullptr || --buffer->references != 0) return;
-    buffers_.erase(buffer->number);
+    const std::uint64_t number = buffer->number;
+    if (buffer->free_on_release) {
+        try {
+            releaseFreedRecord(*buffer);
+        } catch (...) {
+            buffers_.erase(number);
+            throw;
+        }
+    }
+    buffers_.erase(number);
 }
 
 }  // namespace ntfs

@@ -52,9 +52,27 @@ public:
     void flushRecord(std::uint64_t number);
     // The records the MFT's data stream holds.
     std::uint64_t recordCount();
+    // A free record, laid out fresh and written, its bit set; count 1.
+    // `use_reserved` takes the record kept back for the MFT's own extension.
+    // FILE_DISK_FULL when none is left.
+    RecordBuffer* allocateRecord(bool use_reserved);
+    // Frees the record of `buffer` when its last holder puts it: sequence
+    // number + 1, not in use, its bit cleared. Records below 16 stay.
+    void freeRecord(RecordBuffer* buffer);
     MftBaseFileRecordImpl& recordZero() { return *record_zero_; }
+    // The allocator over record 0's bitmap, built on first use.
+    FileRecordAllocator& recordAllocator();
 
 private:
+    // Takes one clear bit (stored with `commit`); FILE_DISK_FULL when none.
+    std::uint64_t takeRecordBit(bool commit);
+    // Record `number` laid out fresh and written, count 1; null when the
+    // record turns out to be in use already.
+    RecordBuffer* initialiseRecord(std::uint64_t number);
+    // Grows record 0's data stream so that it reaches record `number`.
+    void reachRecord(std::uint64_t number);
+    // The disk side of freeing: sequence + 1, not in use, written, bit cleared.
+    void releaseFreedRecord(RecordBuffer& buffer);
     void readRecordZero(RecordBuffer& buffer);
     void writeRecord(RecordBuffer& buffer);
     void writeRecordZero(const unsigned char* image);
@@ -67,6 +85,9 @@ private:
     Attribute* data_ = nullptr;  // record 0's unnamed data stream, held
     bool finding_data_ = false;
     std::set<std::uint64_t> loading_;
+    std::unique_ptr<FileRecordAllocator> allocator_;
+    std::uint64_t reserved_record_ = 0;
+    bool has_reserved_record_ = false;
 };
 
 }  // namespace ntfs

@@ -19,6 +19,37 @@ std::uint32_t AttributeLength(std::uint32_t pairs_offset, std::uint32_t encoded)
     return (pairs_offset + encoded + 7) & ~7u;
 }
 
+// The runs of `runs` from cluster `skip` on.
+std::vector<RunEntry> RunsBehind(const std::vector<RunEntry>& runs, std::uint64_t skip) {
+    std::vector<RunEntry> rest;
+    for (const RunEntry& run : runs) {
+        if (skip >= run.length) {
+            skip -= run.length;
+            continue;
+        }
+        rest.push_back({run.cluster + skip, run.vcn + skip, static_cast<std::uint32_t>(run.length - skip)});
+        skip = 0;
+    }
+    return rest;
+}
+
+// How many of the first runs of `runs` one extent can name.
+std::size_t FittingRuns(const std::vector<RunEntry>& runs, std::uint32_t pairs, std::uint32_t most) {
+    RunList piece;
+    std::size_t taken = 0;
+    for (; taken < runs.size(); ++taken) {
+        piece.append(runs[taken]);
+        if (AttributeLength(pairs, piece.encodedSize()) > most) break;
+    }
+    return taken;
+}
+
+void FreeRuns(NTFSDriver* driver, const std::vector<RunEntry>& runs) {
+    std::vector<BitRun> bits;
+    for (const RunEntry& run : runs) bits.push_back({run.cluster, run.length});
+    driver->cluster_allocator->freeList(bits);
+}
+
 }  // namespace
 
 std::uint64_t NonresAttribute::resize(std::uint64_t size, bool) { return plainResize(size); }
@@ -56,10 +87,17 @@ void NonresAttribute::cutAllocation(std::uint64_t bytes) {
     NonresAttribute* last = lastExtent();
     const std::uint64_t allocated = head->header_->allocated_size() - bytes;
     const std::uint64_t end_vcn = allocated / driver->cluster_size;
-    // Dropping whole extents needs the attribute list rewritten, which
-    // comes with the moving of attributes between records.
-    if (last != head && end_vcn <= last->lowestVcn()) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     head->header_->set_allocated_size(allocated);
+    // Extents that lie wholly behind the cut go with their clusters; the
+    // extent before each one gives up its hold on it.
+    while (last != head && end_vcn <= last->lowestVcn()) {
+        NonresAttribute* previous = last->previous_;
+        previous->next_ = nullptr;
+        previous->next_loaded_ = false;
+        last->previous_ = nullptr;
+        record->dropAttribute(last, true);
+        last = previous;
+    }
     RunList tail = last->runs_.splitAt(end_vcn);
     last->header_->set_highest_vcn(end_vcn - 1);
     const std::uint32_t pairs = last->header_->mapping_pairs_offset();
@@ -98,20 +136,33 @@ void NonresAttribute::extendAllocation(std::uint64_t bytes) {
     head->header_->set_allocated_size(head->header_->allocated_size() + placed * driver->cluster_size);
     record->flush();
     if (placed == got) return;
-    // The runs that the last extent can't take would go to new extents in
-    // extension records, which the record can't make yet: they go back.
-    std::uint64_t skip = placed;
-    std::vector<BitRun> rest;
-    for (const RunEntry& run : runs) {
-        if (skip >= run.length) {
-            skip -= run.length;
-            continue;
+    // What the last extent can't take goes to new extents, each in a new
+    // extension record; what can't be placed at all goes back.
+    std::vector<RunEntry> rest = RunsBehind(runs, placed);
+    const std::uint32_t pairs = (AttributeRecord::kNonResidentHeaderSize + 2u * header_->name_length() + 7) & ~7u;
+    try {
+        while (!rest.empty()) {
+            const std::size_t taken = FittingRuns(rest, pairs, record->maxAttributeSize());
+            if (taken == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+            RunList piece;
+            for (std::size_t i = 0; i < taken; ++i) piece.append(rest[i]);
+            std::vector<unsigned char> bytes(piece.encodedSize());
+            piece.encode(bytes.data());
+            const std::uint64_t lowest = rest.front().vcn;
+            const std::uint64_t highest = rest[taken - 1].end() - 1;
+            lastExtent()->next_loaded_ = false;
+            record->releaseAttribute(record->addExtent(type(), name(), lowest, highest, bytes.data(),
+                                                       static_cast<std::uint32_t>(bytes.size())));
+            rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(taken));
+            head = first();
+            head->header_->set_allocated_size(head->header_->allocated_size() +
+                                              (highest + 1 - lowest) * driver->cluster_size);
+            record->flush();
         }
-        rest.push_back({run.cluster + skip, run.length - skip});
-        skip = 0;
+    } catch (...) {
+        FreeRuns(driver, rest);
+        throw;
     }
-    driver->cluster_allocator->freeList(rest);
-    Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
 }
 
 std::uint64_t NonresAttribute::appendRuns(const std::vector<RunEntry>& runs) {

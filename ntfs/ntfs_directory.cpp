@@ -142,19 +142,4 @@ FileSystemDriver::FileObject* NTFSDirectory::open_file(const file_identifier& en
     return open_entry(cursor.position.entry);
 }
 
-FileSystemDriver::FileObject* NTFSDirectory::create_file(const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::remove_file(const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::remove_directory_entry(const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::make_directory(const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::rename_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
-    ntfs->refuse_change(ERROR_TAG);
-}
-void NTFSDirectory::link_entry(const std::u16string&, DirectoryObject&, const std::u16string&) {
-    ntfs->refuse_change(ERROR_TAG);
-}
-void NTFSDirectory::symlink_entry(const std::u16string&, const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::set_security(const std::u16string&, const void*, std::uint32_t) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::set_attributes(const std::u16string&, std::uint32_t) { ntfs->refuse_change(ERROR_TAG); }
-void NTFSDirectory::set_short_name(const std::u16string&, const std::u16string&) { ntfs->refuse_change(ERROR_TAG); }
-
 }  // namespace ntfs

@@ -63,7 +63,9 @@ void NTFSDriver::control(void* block) {
     }
 }
 
-void NTFSDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
+void NTFSDriver::refuse_if_unchangeable() {
+    if (read_only) refuse_change(ERROR_TAG);
+}
 
 void NTFSDriver::refuse_change(std::uint64_t tag) const {
     Common::Raise(tag, read_only ? Common::Failures::FILE_READ_ONLY : Common::Failures::FILE_UNSUPPORTED);

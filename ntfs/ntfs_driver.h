@@ -2,10 +2,9 @@
 // The NTFS driver: one volume under "C:\". Its constructor is the mount:
 // it checks the boot sector, bootstraps the MFT from record 0, loads the
 // attribute definitions and the upper-case table, reads $Volume and opens
-// the system indexes of version 3.0 and later, reading only. It reads files
-// and directories; its write path comes later, so every change is refused
-// before anything reaches the disk (FILE_READ_ONLY on a volume held read
-// only, FILE_UNSUPPORTED on the others).
+// the system indexes of version 3.0 and later. A volume held read only (by
+// a record filter) refuses every change with FILE_READ_ONLY before anything
+// reaches the disk; the others take changes.
 //
 // A directory id is the directory's record number minus 5: the root
 // (record 5) is id 0.
@@ -66,7 +65,8 @@ public:
     const char* type_name() override { return "NTFS"; }
 
     // --- helpers of the driver's objects ---
-    // How a change is refused until the write path exists.
+    // How a change that can't be made is refused: FILE_READ_ONLY on a
+    // volume held read only, FILE_UNSUPPORTED for what the volume can't do.
     [[noreturn]] void refuse_change(std::uint64_t tag) const;
     // Whether the record filter hides record `number`.
     bool record_hidden(std::uint64_t number) const;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 
+#include "loader/common/error.h"
 #include "loader/common/raise.h"
 
 namespace ntfs {
@@ -14,7 +15,7 @@ constexpr std::uint32_t kRequestReadThrough = 0x49534249;  // "IBSI"
 
 }  // namespace
 
-NTFSFile::NTFSFile(NTFSDriver* driver, RecordRef record) : driver(driver), record(std::move(record)) {
+NTFSFile::NTFSFile(NTFSDriver* driver, RecordRef record) : NTFSFileObject(driver, std::move(record)) {
     stream_ = this->record.find(kData);
     if (!stream_) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     driver->open_files.insert_or_assign(this->record->recordNumber(), this);
@@ -63,14 +64,81 @@ void NTFSFile::read(void* buffer, std::uint64_t position, std::uint64_t length, 
     if (end > aligned_end) got += stream_->read(aligned_end, end - aligned_end, out + head + middle);
 }
 
-void NTFSFile::write(const void*, std::uint64_t, std::uint64_t, std::uint64_t& written) {
+void NTFSFile::write(const void* buffer, std::uint64_t position, std::uint64_t length, std::uint64_t& written) {
     written = 0;
-    driver->refuse_change(ERROR_TAG);
+    if (driver->read_only) driver->refuse_change(ERROR_TAG);
+    if (length == 0) return;
+    try {
+        writeParts(static_cast<const unsigned char*>(buffer), position, length, written);
+    } catch (const Common::Error& error) {
+        // A full volume after some bytes ends the write short, those bytes kept.
+        if (error.Code() != Common::FILE_DISK_FULL || written == 0) throw;
+    }
+    // The attribute answers short only when clusters ran out.
+    if (written == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
 }
 
-void NTFSFile::set_size(std::uint64_t) { driver->refuse_change(ERROR_TAG); }
+void NTFSFile::writeParts(const unsigned char* in, std::uint64_t position, std::uint64_t length,
+                          std::uint64_t& written) {
+    const std::uint32_t sector = driver->sector_size;
+    const std::uint64_t aligned_start = (position + sector - 1) / sector * sector;
+    const std::uint64_t head = aligned_start - position;
+    const std::uint64_t end = position + length;
+    if (head > length || reinterpret_cast<std::uintptr_t>(in + head) % sector != 0) {
+        written = stream_->write(position, length, in);
+        return;
+    }
+    // A tail inside a sector goes through the cache a whole cluster at a
+    // time, as reads do, so that the cache holds the cluster it then reads.
+    const std::uint64_t aligned_end = end % sector == 0 ? end : end / driver->cluster_size * driver->cluster_size;
+    if (aligned_start >= aligned_end) {
+        written = stream_->write(position, length, in);
+        return;
+    }
+    if (head != 0) {
+        written = stream_->write(position, head, in);
+        if (written != head) return;
+    }
+    const std::uint64_t middle = aligned_end - aligned_start;
+    written += std::min(stream_->writeSectors(aligned_start, middle, in + head), middle);
+    if (written != aligned_end - position) return;
+    if (end > aligned_end) written += stream_->write(aligned_end, end - aligned_end, in + head + middle);
+}
 
-void NTFSFile::set_times(std::uint64_t, std::uint64_t, std::uint64_t) { driver->refuse_change(ERROR_TAG); }
+void NTFSFile::set_size(std::uint64_t wanted) {
+    if (driver->read_only) driver->refuse_change(ERROR_TAG);
+    if (stream_->size() == wanted) return;
+    const std::uint64_t reached = stream_->resize(wanted, true);
+    const std::uint64_t allocated = stream_->allocatedSize();
+    const std::uint64_t now = Now();
+    MetadataUpdate update;
+    update.modified = &now;
+    update.accessed = &now;
+    update.allocated_size = &allocated;
+    update.data_size = &reached;
+    updateMetadata(update, true);
+}
+
+void NTFSFile::set_times(std::uint64_t modified, std::uint64_t created, std::uint64_t accessed) {
+    if (driver->read_only) driver->refuse_change(ERROR_TAG);
+    const std::uint64_t m = VolumeTime(static_cast<std::int64_t>(modified));
+    const std::uint64_t c = VolumeTime(static_cast<std::int64_t>(created));
+    const std::uint64_t a = VolumeTime(static_cast<std::int64_t>(accessed));
+    setTimes(&c, &m, &a);
+}
+
+void NTFSFile::flush_file() {
+    if (driver->read_only) return;
+    const std::uint64_t size = stream_->size();
+    const std::uint64_t allocated = stream_->allocatedSize();
+    const std::uint64_t now = Now();
+    MetadataUpdate update;
+    update.modified = &now;
+    update.accessed = &now;
+    update.allocated_size = &allocated;
+    update.data_size = &size;
+    updateMetadata(update, true);
+}
 
 void NTFSFile::control(void* block) {
     std::uint32_t word;

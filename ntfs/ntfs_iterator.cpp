@@ -21,29 +21,6 @@ constexpr std::uint32_t kKindDirectorySymlink = 151;
 constexpr std::uint32_t kKindDeduplicated = 154;
 constexpr std::uint32_t kTagNameSurrogate = 1u << 29;
 
-constexpr std::uint32_t kLongestName = 255;
-// However long its attribute list, a record can't list more names than this.
-constexpr std::uint32_t kMaxNames = 0x10000;
-
-// Calls `visit` with each $FILE_NAME value of the record and its name.
-template <typename Visit>
-void ForEachFileName(const RecordRef& record, Visit visit) {
-    BaseFileRecord* base = record.get();
-    std::uint32_t seen = 0;
-    for (AttributeRef name(base, base->firstOfType(kFileName)); name;
-         name = AttributeRef(base, base->nextOfKind(name.get()))) {
-        if (++seen > kMaxNames) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-        const std::uint64_t size = name->size();
-        if (size < FileNameValue::kNameOffset || size > FileNameValue::SizeFor(kLongestName)) {
-            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-        }
-        std::vector<unsigned char> value(static_cast<std::size_t>(size));
-        if (name->read(0, size, value.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
-        if (!FileNameKey::Sound(value.data(), value.size())) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-        visit(*FileNameKey::ValueOf(value.data()), FileNameKey::NameOf(value.data()));
-    }
-}
-
 }  // namespace
 
 std::uint32_t KindOfEntry(std::uint32_t attributes, std::uint32_t reparse_tag) {

@@ -9,6 +9,7 @@
 // place again by name at its next use.
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "fsdriver/iterator_object.h"
 #include "fsdriver/lru_list.h"
@@ -75,5 +76,28 @@ private:
 // directories, symbolic links to files and to directories, junctions and
 // other name-surrogate directories, and deduplicated files.
 std::uint32_t KindOfEntry(std::uint32_t attributes, std::uint32_t reparse_tag);
+
+inline constexpr std::uint32_t kLongestFileName = 255;
+// However long its attribute list, a record can't list more names than this.
+inline constexpr std::uint32_t kMaxFileNames = 0x10000;
+
+// Calls `visit` with each $FILE_NAME value of the record and its name.
+template <typename Visit>
+void ForEachFileName(const RecordRef& record, Visit visit) {
+    BaseFileRecord* base = record.get();
+    std::uint32_t seen = 0;
+    for (AttributeRef name(base, base->firstOfType(kFileName)); name;
+         name = AttributeRef(base, base->nextOfKind(name.get()))) {
+        if (++seen > kMaxFileNames) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        const std::uint64_t size = name->size();
+        if (size < FileNameValue::kNameOffset || size > FileNameValue::SizeFor(kLongestFileName)) {
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        }
+        std::vector<unsigned char> value(static_cast<std::size_t>(size));
+        if (name->read(0, size, value.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
+        if (!FileNameKey::Sound(value.data(), value.size())) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        visit(*FileNameKey::ValueOf(value.data()), FileNameKey::NameOf(value.data()));
+    }
+}
 
 }  // namespace ntfs

@@ -6,6 +6,7 @@
 #include "ntfs/file_record_impl.h"
 #include "ntfs/mft.h"
 #include "ntfs/ntfs_driver.h"
+#include "ntfs/record_layout.h"
 
 namespace ntfs {
 
@@ -48,22 +49,23 @@ void BaseFileRecordImpl::shiftTail(RecordBuffer* buffer, std::uint32_t from, std
     order_known_ = false;
 }
 
-bool BaseFileRecordImpl::resizeInRecord(AttributeRecord* header, std::uint32_t length, bool) {
+bool BaseFileRecordImpl::resizeInRecord(AttributeRecord* header, std::uint32_t length, bool may_move) {
     RecordBuffer* buffer = holderOf(header);
     const auto at = static_cast<std::uint32_t>(reinterpret_cast<unsigned char*>(header) - buffer->data());
     const std::uint32_t old_length = header->length();
-    const std::uint32_t in_use = buffer->header()->bytes_in_use();
     if (length <= old_length) {
         shiftTail(buffer, at + old_length, -std::int64_t(old_length - length));
         header->set_length(length);
         return true;
     }
-    const std::uint32_t room = std::min(buffer->header()->bytes_allocated(), driver_->record_size);
     const std::uint32_t grow = length - old_length;
-    // The record can't make room yet: moving attributes out to extension
-    // records, and splitting a record, aren't built, so an attribute that
-    // outgrows its record's free space is refused, with leave or without.
-    if (in_use > room || grow > room - in_use) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+    if (length > maxAttributeSize()) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+    if (grow > FreeBytes(*buffer, driver_->record_size)) {
+        if (!may_move) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+        // Whatever moved, the caller's header may be elsewhere now.
+        makeRoom(buffer, header, grow);
+        return false;
+    }
     shiftTail(buffer, at + old_length, grow);
     std::memset(buffer->data() + at + old_length, 0, grow);
     header->set_length(length);

@@ -30,10 +30,23 @@ public:
     // "$SII", or 256, the first id that isn't reserved, while it has none.
     std::uint32_t nextFreeId() const { return next_free_id_; }
 
+    // The id of `descriptor`: the id of an identical stored descriptor, or a
+    // new id under which it is stored now in "$SDS" (with its mirror copy),
+    // "$SII" and "$SDH". A null or empty descriptor is id 0.
+    std::uint32_t add(const void* descriptor, std::uint32_t length);
+
     SecurityIdIndex& ids() { return *ids_; }
     SecurityHashIndex& hashes() { return *hashes_; }
 
 private:
+    // The id of a stored descriptor equal to `record` (head and
+    // descriptor), 0 when there is none.
+    std::uint32_t findStored(const std::vector<unsigned char>& record);
+    // Puts `record` into "$SDS" and its mirror block; answers its offset.
+    std::uint64_t store(std::vector<unsigned char>& record);
+    // The "$SII" and "$SDH" entries of a stored record's head.
+    void indexStored(const std::vector<unsigned char>& record);
+
     RecordRef record_;
     AttributeRef stream_;
     std::unique_ptr<SecurityIdIndex> ids_;
@@ -42,6 +55,10 @@ private:
 
     static constexpr std::uint32_t kFirstFreeId = 256;
 };
+
+// The hash under which "$SDH" finds a descriptor: each whole u32, in
+// order, added to the sum so far turned left by 3 bits.
+std::uint32_t SecurityHash(const void* descriptor, std::uint32_t length);
 
 // The file named `name` under $Extend, held; empty when $Extend has no such
 // name or can't be read.

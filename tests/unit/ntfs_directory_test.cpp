@@ -495,8 +495,9 @@ TEST_F(NtfsDirectoryTest, RecordFilterHidesItsRecords) {
     EXPECT_EQ(volume.read(u"long file name.txt"), "x");
 }
 
-TEST_F(NtfsDirectoryTest, ChangesAreRefusedAndLeaveTheVolume) {
-    Volume volume(DiskOf(Image()));
+TEST_F(NtfsDirectoryTest, ChangesOnAVolumeHeldReadOnlyAreRefusedAndLeaveIt) {
+    const std::vector<unsigned char> every_record(8192, 0xFF);
+    Volume volume(DiskOf(Image()), every_record.data(), every_record.size() * 8);
     ASSERT_NE(volume.driver, nullptr);
     FileSystemDriver::DirectoryObject* root = volume.driver->get_object(0);
     const std::vector<std::function<void()>> changes = {
@@ -512,7 +513,7 @@ TEST_F(NtfsDirectoryTest, ChangesAreRefusedAndLeaveTheVolume) {
         [&] { root->set_short_name(u"hello.txt", u"HELLO~1.TXT"); },
         [&] { root->set_security(u"hello.txt", "x", 1); },
     };
-    for (std::size_t i = 0; i < changes.size(); ++i) EXPECT_EQ(RaisedCode(changes[i]), Common::FILE_UNSUPPORTED) << i;
+    for (std::size_t i = 0; i < changes.size(); ++i) EXPECT_EQ(RaisedCode(changes[i]), Common::FILE_READ_ONLY) << i;
     EXPECT_EQ(RaisedCode([&] { volume.driver->get_object(NTFSDriver::DirectoryIdOfRecord(9)); }),
               Common::FILE_NOT_FOUND);
     EXPECT_EQ(RaisedCode([&] { root->lookup_directory(u"hello.txt"); }), Common::FILE_OPEN);
