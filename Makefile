@@ -42,6 +42,7 @@ bench: all
 	bench/ext_read.sh $(BUILD)
 	bench/ext_write.sh $(BUILD)
 	bench/ntfs_read.sh $(BUILD)
+	bench/ntfs_write.sh $(BUILD)
 	bench/hfsplus_read.sh $(BUILD)
 
 check: deps

@@ -16,7 +16,8 @@
 #                         by an independent tool
 #   check_volume IMAGE    the independent checker; its status says clean
 #   LABEL[WAY]            how the report names WAY
-# The way named morvane is ours; raw is the plain write it is compared with.
+# The way named morvane is ours; raw is the plain write it is compared with;
+# any other way is a peer's write of the same file, which ours should beat.
 
 . "$(dirname "${BASH_SOURCE[0]}")/read_lib.sh"
 
@@ -109,6 +110,14 @@ measure_writes() {
             BENCH_FAILED=$((BENCH_FAILED + 1))
             printf '  %-52s failed\n' "${LABEL[$way]}:"
         fi
+    done
+    # A peer that writes the same file (any way but ours and the raw one):
+    # ours should be ahead of it.
+    for way in "${ways[@]}"; do
+        case $way in morvane | raw) continue ;; esac
+        [ "${right[morvane]-0}" -eq 1 ] && [ "${right[$way]}" -eq 1 ] || continue
+        awk -v p="${best[$way]}" -v o="${best[morvane]}" -v name="${LABEL[$way]%% *}" 'BEGIN {
+            printf "  our driver over %s: %6.2f   (%s)\n", name, p / o, (p > o ? "ahead" : "behind") }'
     done
     [ "${right[morvane]-0}" -eq 1 ] && [ "${right[raw]-0}" -eq 1 ] || return 0
     local met
