@@ -12,6 +12,15 @@
 // streams, attribute lists and index trees all take the reader's paths.
 // Nothing may fault, hang or read outside the volume, and what a file
 // yields without a stored error is exactly as long as its size says.
+// Then the volume is mounted again over a disk that keeps what is written,
+// and changed as the loader and `morvane fs` change volumes: existing files
+// appended to, renamed and removed, a directory made, a file created and
+// written in pieces, grown past its end, written into the hole and cut
+// back, moved and rewritten shorter. This drives the cluster and record
+// allocators, the $LogFile reset, index insertion and removal and run
+// lists grown and cut, all over whatever the damaged $Bitmap, MFT and
+// indexes say; each step may be refused, none may fault or hang. The
+// changed volume is walked once more.
 // The seeds in corpus/ntfs_fuzzer are made by tests/images/ntfs_make_seeds.sh.
 #include <cstddef>
 #include <cstdint>
@@ -44,6 +53,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < kSectorBytes) return 0;
     volume_fuzzing::MountAndWalk(
         std::make_unique<volume_fuzzing::InputDisk>(data, size, kSectorBytes, DeclaredSectors(data)),
+        TryNTFSDriver, kLargestFile);
+    volume_fuzzing::MountChangeAndWalk(
+        std::make_unique<volume_fuzzing::KeepingDisk>(data, size, kSectorBytes, DeclaredSectors(data)),
         TryNTFSDriver, kLargestFile);
     return 0;
 }
