@@ -26,6 +26,12 @@ struct DriverRow {
 
 std::vector<DriverRow> FatRows();
 std::vector<DriverRow> ExtRows();
+std::vector<DriverRow> NtfsRows();
+// NTFS on 512-byte sectors, kept out of DriverRows(): a cut inside the
+// rewrite of a directory's index buffer leaves it torn (its update sequence
+// unmatched), the whole directory then reads as corrupt until a check disk
+// runs, and ntfsfix neither sees nor mends that.
+std::vector<DriverRow> NtfsSmallSectorRows();
 
 // Every row, in the order of the report.
 std::vector<DriverRow> DriverRows();

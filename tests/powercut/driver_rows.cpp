@@ -6,6 +6,7 @@ namespace PowerCut {
 std::vector<DriverRow> DriverRows() {
     std::vector<DriverRow> rows = FatRows();
     for (DriverRow& row : ExtRows()) rows.push_back(std::move(row));
+    for (DriverRow& row : NtfsRows()) rows.push_back(std::move(row));
     return rows;
 }
 
