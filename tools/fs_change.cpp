@@ -1,7 +1,8 @@
-// mkdir, mv and rm: changes to a volume's tree, as the loader's own rename
+// mkdir, mv, ln and rm: changes to a volume's tree, as the loader's own rename
 // and clean-up jobs make them.
 #include "tools/command.h"
 #include "tools/fs_operations.h"
+#include "tools/host_text.h"
 
 namespace MorvaneTool {
 namespace {
@@ -52,6 +53,23 @@ int MoveEntry(const FsRequest& request) {
     request.root.rename(TrimSeparators(from).c_str(), to.c_str());
     if (request.root.failed()) {
         return ReportCreateRefusal("cannot move", request.paths[0], request.root, to, request.root.error());
+    }
+    return kExitOk;
+}
+
+// A symbolic link's target is text the volume keeps as given, so it isn't
+// made a volume path: a relative target stays relative to the link.
+int LinkEntry(const FsRequest& request) {
+    std::u16string made = VolumePath(request.paths[1]);
+    if (request.symbolic) {
+        std::u16string target;
+        HostTextToVolume(request.paths[0], target);
+        request.root.symlink(made.c_str(), target.c_str());
+    } else {
+        request.root.link(TrimSeparators(VolumePath(request.paths[0])).c_str(), made.c_str());
+    }
+    if (request.root.failed()) {
+        return ReportCreateRefusal("cannot link", request.paths[1], request.root, made, request.root.error());
     }
     return kExitOk;
 }

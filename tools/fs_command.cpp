@@ -38,6 +38,8 @@ const char kUsage[] =
     "                             modification time\n"
     "  mkdir PATH...              make directories\n"
     "  mv FROM TO                 rename or move an entry\n"
+    "  ln [-s] EXISTING NEW       a hard link to a file; with -s a symbolic link\n"
+    "                             NEW whose target is the text EXISTING\n"
     "  rm PATH...                 remove files and empty directories\n"
     "\n"
     "Times are shown in the local time zone (TZ), in which FAT volumes keep them;\n"
@@ -69,6 +71,7 @@ const Operation kOperations[] = {
     {"cp-in", CopyIn, true, 2, 2, "p", HostOperand::kFirst},
     {"mkdir", MakeDirs, true, 1, 0, "", HostOperand::kNone},
     {"mv", MoveEntry, true, 2, 2, "", HostOperand::kNone},
+    {"ln", LinkEntry, true, 2, 2, "s", HostOperand::kNone},
     {"rm", RemoveEntries, true, 1, 0, "", HostOperand::kNone},
 };
 
@@ -121,6 +124,7 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
             request.recursive |= *letter == 'R' || *letter == 'r';
             request.keep_time |= *letter == 'p';
             request.follow_links |= *letter == 'L';
+            request.symbolic |= *letter == 's';
         }
     }
     std::size_t count = request.paths.size();

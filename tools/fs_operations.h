@@ -18,6 +18,7 @@ struct FsOperands {
     bool recursive = false;          // ls -R, cp-out -r
     bool keep_time = false;          // cp-in -p
     bool follow_links = false;       // cp-out -L
+    bool symbolic = false;           // ln -s
 };
 
 // The host file that holds the volume, so that no copy overwrites it.
@@ -40,6 +41,7 @@ int CopyOut(const FsRequest& request);
 int CopyIn(const FsRequest& request);
 int MakeDirs(const FsRequest& request);
 int MoveEntry(const FsRequest& request);
+int LinkEntry(const FsRequest& request);
 int RemoveEntries(const FsRequest& request);
 
 // ---- shared by the operations ----

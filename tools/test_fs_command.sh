@@ -280,6 +280,19 @@ expect 0 "cp-out -L follows a link within the volume" "$tool" fs "$links" cp-out
 expect 1 "cp-out -L of a dangling link" "$tool" fs "$links" cp-out -L /dangling "$work/links-deref"
 expect 1 "cp-out -L of a loop" "$tool" fs "$links" cp-out -L /loop1 "$work/links-deref"
 err_has "cp-out -L of a loop" "too many levels of symbolic links"
+# Without checksums of its metadata, which the driver doesn't write, the
+# volume takes links.
+mkfs.ext4 -q -O ^metadata_csum -d "$work/linktree" "$links" 4M >/dev/null
+expect 0 "ln of a file" "$tool" fs "$links" ln /dir/file.txt /hard.txt
+expect 0 "ln -s" "$tool" fs "$links" ln -s ../zz_after.txt /dir/up
+expect 1 "ln onto a taken name" "$tool" fs "$links" ln /zz_after.txt /relative
+err_has "ln onto a taken name" "FILE_EXISTS"
+[ "$(debugfs -R 'stat /dir/file.txt' "$links" 2>/dev/null | sed -n 's/.*Links: \([0-9]*\).*/\1/p')" = 2 ] ||
+    fail "ln: the file does not count two links"
+[ "$(debugfs -R 'cat /hard.txt' "$links" 2>/dev/null)" = "target" ] || fail "ln: the new name does not read as the file"
+debugfs -R 'stat /dir/up' "$links" 2>/dev/null | grep -qF 'Fast link dest: "../zz_after.txt"' ||
+    fail "ln -s: the link does not hold its target"
+e2fsck -fn "$links" > "$work/out" 2>&1 || fail "ln on ext4: e2fsck: $(tail -5 "$work/out")"
 
 # ---- a GPT disk: each partition by its number and by its unique GUID ----
 disk="$work/disk.img"
