@@ -52,17 +52,6 @@ NTFSDirectory& SameVolume(NTFSDriver* ntfs, FileSystemDriver::DirectoryObject& t
     return *directory;
 }
 
-// The new directory's empty "$I30", resident in its record.
-void CreateDirectoryIndex(NTFSDriver* ntfs, const RecordRef& directory) {
-    const std::vector<unsigned char> value =
-        EmptyRootValue(*ntfs, nullptr, kFileName, IndexRoot::kCollationFileName);
-    const auto size = static_cast<std::uint64_t>(value.size());
-    AttributeRef root(directory.get(), directory->createAttribute(kIndexRoot, FileNameKey::kName, true));
-    if (root->resize(size, true) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
-    if (root->write(0, size, value.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
-    directory->markIndexed(kFileName);
-}
-
 }  // namespace
 
 NameValue::NameValue(const std::u16string& name) {
@@ -201,7 +190,7 @@ FileSystemDriver::FileObject* NTFSDirectory::create_file(const std::u16string& n
 void NTFSDirectory::make_directory(const std::u16string& name) {
     ntfs->refuse_if_unchangeable();
     RecordRef directory = create_record(name, kAttributeIndexed);
-    CreateDirectoryIndex(ntfs, directory);
+    DirectoryIndex::create(ntfs, directory, kFileName);
 }
 
 void NTFSDirectory::remove_file(const std::u16string& name) {
@@ -262,9 +251,8 @@ void NTFSDirectory::link_entry(const std::u16string& name, DirectoryObject& targ
     file->addName(value.data(), value.length());
 }
 
-// The index offers no rewrite of a key in place; an entry with an equal
-// name goes in where the old one was taken out, at the same place in key
-// order.
+// The key keeps its name and so its length and place: only the copies of
+// the file's times, sizes and attributes change, written over the old ones.
 void NTFSDirectory::update_index_key(std::uint64_t reference, const FileNameValue& value, std::uint32_t length) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(&value);
     if (!FileNameKey::Sound(bytes, length)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
@@ -272,8 +260,7 @@ void NTFSDirectory::update_index_key(std::uint64_t reference, const FileNameValu
     lookup(FileNameKey::NameOf(bytes), reference, cursor);
     if (cursor.position.entry->key_length() != length) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     tell_iterators();
-    index().remove(cursor);
-    index().insert(EntryFor(bytes, length, reference), cursor);
+    index().rewriteKey(cursor, bytes, length);
 }
 
 void NTFSDirectory::UpdateKeyInParent(NTFSDriver* driver, std::uint64_t reference, const FileNameValue& value,

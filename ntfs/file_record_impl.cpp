@@ -167,7 +167,7 @@ void BaseFileRecordImpl::loadList() {
     if (size < 1 || size > kMostListSize) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
     if (list->read(0, size, bytes.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
-    const std::uint64_t records = mft_->recordCount();
+    const std::uint64_t records = mft_->listableRecords();
     std::vector<ListEntry> entries;
     std::size_t offset = 0;
     while (offset < bytes.size()) {
@@ -194,8 +194,13 @@ void BaseFileRecordImpl::loadList() {
     list_loaded_ = true;
 }
 
+// A list entry whose record doesn't hold the attribute is damage: taken for
+// a missing attribute, it would let a change make a second one.
 AttributeRecord* BaseFileRecordImpl::locateEntry(const ListEntry& entry) {
-    return findInRecord(recordOf(entry.record), entry.type, entry.name, entry.lowest_vcn, entry.instance);
+    AttributeRecord* found =
+        findInRecord(recordOf(entry.record), entry.type, entry.name, entry.lowest_vcn, entry.instance);
+    if (found == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    return found;
 }
 
 AttributeRecord* BaseFileRecordImpl::locate(std::uint32_t type, const std::u16string& name, std::uint64_t vcn) {
@@ -205,6 +210,11 @@ AttributeRecord* BaseFileRecordImpl::locate(std::uint32_t type, const std::u16st
         if (entry.type == type && entry.lowest_vcn == vcn && entry.name == name) return locateEntry(entry);
     }
     return nullptr;
+}
+
+Attribute* BaseFileRecordImpl::heldAt(const AttributeRecord* header) const {
+    auto found = attributes_.find(header);
+    return found == attributes_.end() ? nullptr : found->second.object.get();
 }
 
 Attribute* BaseFileRecordImpl::hold(AttributeRecord* header) {

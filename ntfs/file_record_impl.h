@@ -109,8 +109,12 @@ protected:
     // Moves the attributes of `buffer` from offset `split` on to a new extension record.
     void moveTail(RecordBuffer* buffer, std::uint32_t split);
     bool heldObject(const AttributeRecord* header) const { return attributes_.count(header) != 0; }
-    // Frees the clusters and records of a file whose last link went.
+    // The object serving `header` while somebody holds it; null otherwise.
+    Attribute* heldAt(const AttributeRecord* header) const;
+    // Frees the clusters and records of a file whose last link went, after
+    // taking its object id out of the volume's index of them.
     void deleteFile();
+    void forgetObjectId();
     std::uint64_t referenceOf(RecordBuffer* buffer);
     // The loaded record whose bytes hold `header`; FILE_CORRUPT when none.
     RecordBuffer* holderOf(const AttributeRecord* header);
@@ -193,6 +197,13 @@ protected:
     bool qualifies(RecordBuffer* buffer, const AttributeRecord* header) override;
     RecordBuffer* allocateExtension() override;
     void freeExtension(RecordBuffer* buffer) override;
+
+private:
+    // Cuts the MFT's own run list behind the clusters of records 0 to 15;
+    // the rest becomes an extent of its own in an extension record.
+    void cutDataRuns(AttributeRecord* header);
+    // Puts the stream's header as it was before a cut that failed half way.
+    void restoreWhole(AttributeRecord* header, const std::vector<unsigned char>& whole);
 };
 
 }  // namespace ntfs

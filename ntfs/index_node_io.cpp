@@ -51,9 +51,14 @@ std::uint64_t IndexTreeBase::allocateBuffer() {
     IndexBufferAllocator allocator(driver_, record_, name_, per_buffer);
     std::vector<BitRun> runs;
     std::uint64_t got = 0;
-    allocator.allocate(runs, 1, &got, true, true);
+    allocator.allocate(runs, 1, &got, true, false);
     if (got == 0 || runs.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
     const std::uint64_t vcn = runs.front().first * per_buffer;
+    // A node this operation reached from the root is in use whatever its
+    // bit says; handing it out again would overwrite live entries. The bit
+    // is stored only once that is ruled out, so a refusal changes nothing.
+    if (nodes_.count(vcn) != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    allocator.setBit(runs.front().first);
     const std::uint64_t position = vcn * vcn_unit_;
     if (position / vcn_unit_ != vcn) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
     const std::uint64_t end = position + buffer_size_;
@@ -78,7 +83,6 @@ std::uint64_t IndexTreeBase::allocateBuffer() {
     if (allocation_->write(position, buffer_size_, buffer.data()) != buffer_size_) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     }
-    nodes_.erase(vcn);
     loadNode(vcn, false);
     return vcn;
 }

@@ -5,6 +5,8 @@
 
 #include "loader/common/byte_order.h"
 #include "loader/common/raise.h"
+#include "ntfs/attribute.h"
+#include "ntfs/file_record.h"
 #include "ntfs/index_tree.h"
 #include "ntfs/ntfs_driver.h"
 
@@ -43,6 +45,41 @@ std::vector<unsigned char> EmptyRootValue(const NTFSDriver& driver, const IndexR
     end->length_.set(IndexEntryHeader::kEndEntrySize);
     end->flags_.set(kEntryLast);
     return value;
+}
+
+void IndexTreeBase::CreateRoot(NTFSDriver* owner, const RecordRef& holder, const std::u16string& name,
+                               std::uint32_t collation, std::uint32_t indexed_type) {
+    const std::vector<unsigned char> value = EmptyRootValue(*owner, nullptr, indexed_type, collation);
+    const auto size = static_cast<std::uint64_t>(value.size());
+    AttributeRef root(holder.get(), holder->createAttribute(kIndexRoot, name, true));
+    if (root->resize(size, true) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+    if (root->write(0, size, value.data()) != size) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+    holder->markIndexed(indexed_type);
+}
+
+void IndexTreeBase::rewriteKey(const IndexCursor& cursor, const unsigned char* key, std::uint32_t length) {
+    const Place place = placeOf(cursor.position);
+    IndexEntryHeader* entry = entryAt(place);
+    const std::uint32_t room = entry->length() - IndexEntryHeader::kKeyOffset - (HasSubNode(entry) ? 8u : 0u);
+    if (IsEndEntry(entry) || entry->key_length() != length || length > room || !key_check_(key, length)) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    unsigned char* at = reinterpret_cast<unsigned char*>(entry) + IndexEntryHeader::kKeyOffset;
+    if (key_order_(*driver_, at, length, key, length) != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    if (place.vcn != IndexPosition::kRootVcn) {
+        std::memcpy(at, key, length);
+        writeBuffer(place.vcn);
+        return;
+    }
+    // The root in memory stays as the disk has it when the write fails.
+    std::vector<unsigned char> before = root_;
+    try {
+        std::memcpy(at, key, length);
+        writeRoot();
+    } catch (...) {
+        root_ = std::move(before);
+        throw;
+    }
 }
 
 IndexHeader* IndexTreeBase::mutableNode(std::uint64_t vcn) {

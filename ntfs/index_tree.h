@@ -93,12 +93,21 @@ public:
     // without keys are freed; keys that lose their place on the way go in
     // again through insert.
     void remove(IndexCursor& cursor);
+    // Writes `key` over the key of the cursor's entry and writes its node.
+    // The key keeps its length and its place in key order: only what the
+    // index keeps of the file beside its name changes.
+    void rewriteKey(const IndexCursor& cursor, const unsigned char* key, std::uint32_t length);
 
     NTFSDriver* driver() const { return driver_; }
     const RecordRef& record() const { return record_; }
     const std::u16string& name() const { return name_; }
 
 protected:
+    // Builds the empty root of a new index `name` on `holder`, resident in
+    // its record, and marks the record as indexing `indexed_type`.
+    static void CreateRoot(NTFSDriver* owner, const RecordRef& holder, const std::u16string& name,
+                           std::uint32_t collation, std::uint32_t indexed_type);
+
     // How an entry's key lies to the one looked for: negative when the
     // entry's is smaller.
     class Probe {
@@ -231,6 +240,11 @@ public:
 
     IndexTree(NTFSDriver* owner, RecordRef holder)
         : IndexTreeBase(owner, std::move(holder), Key::kName, Key::kCollation, &Key::Sound, &Key::Order) {}
+
+    // Gives `holder` a new, empty index of this kind over `indexed_type`.
+    static void create(NTFSDriver* owner, const RecordRef& holder, std::uint32_t indexed_type) {
+        CreateRoot(owner, holder, Key::kName, Key::kCollation, indexed_type);
+    }
 
     // Places the cursor on the entry of key `wanted`; false when there is none.
     bool find(const Wanted& wanted, IndexCursor& cursor) {

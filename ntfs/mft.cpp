@@ -56,6 +56,8 @@ Attribute* Mft::dataStream() {
 
 std::uint64_t Mft::recordCount() { return dataStream()->size() / driver_->record_size; }
 
+std::uint64_t Mft::listableRecords() { return data_ == nullptr ? ~std::uint64_t(0) : recordCount(); }
+
 RecordBuffer* Mft::getRecord(std::uint64_t number) {
     auto found = buffers_.find(number);
     if (found != buffers_.end()) {

@@ -52,6 +52,10 @@ public:
     void flushRecord(std::uint64_t number);
     // The records the MFT's data stream holds.
     std::uint64_t recordCount();
+    // The records an attribute list may name. Until record 0's own data
+    // stream is found (through record 0's list, when it has one) the stream
+    // can't tell; a record read later is checked against the stream then.
+    std::uint64_t listableRecords();
     // A free record, laid out fresh and written, its bit set; count 1.
     // `use_reserved` takes the record kept back for the MFT's own extension.
     // FILE_DISK_FULL when none is left.

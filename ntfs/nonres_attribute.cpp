@@ -11,15 +11,29 @@ namespace ntfs {
 
 NonresAttribute::NonresAttribute(NTFSDriver* driver, BaseFileRecord* record, AttributeRecord* header)
     : Attribute(driver, record), header_(header) {
-    // The record's check put the mapping pairs inside the attribute.
-    const std::uint32_t offset = header->mapping_pairs_offset();
-    const auto* pairs = reinterpret_cast<const unsigned char*>(header) + offset;
-    const std::uint64_t clusters = driver->total_sectors / driver->sectors_per_cluster;
-    runs_ = RunList::Decode(pairs, header->length() - offset, header->lowest_vcn(), header->highest_vcn(), clusters);
+    decodeRuns();
     if (header->lowest_vcn() == 0 &&
         (header->initialized_size() > header->data_size() || header->data_size() > header->allocated_size())) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
+}
+
+void NonresAttribute::decodeRuns() {
+    // The record's check put the mapping pairs inside the attribute.
+    const std::uint32_t offset = header_->mapping_pairs_offset();
+    const auto* pairs = reinterpret_cast<const unsigned char*>(header_) + offset;
+    const std::uint64_t clusters = driver->total_sectors / driver->sectors_per_cluster;
+    runs_ = RunList::Decode(pairs, header_->length() - offset, header_->lowest_vcn(), header_->highest_vcn(), clusters);
+}
+
+void NonresAttribute::reloadRuns() {
+    decodeRuns();
+    if (next_ != nullptr) {
+        next_->previous_ = nullptr;
+        record->releaseAttribute(next_);
+        next_ = nullptr;
+    }
+    next_loaded_ = false;
 }
 
 NonresAttribute::~NonresAttribute() {

@@ -42,6 +42,9 @@ public:
     NonresAttribute* first();
     const RunList& runs() const { return runs_; }
     std::uint64_t lowestVcn() const { return header_->lowest_vcn(); }
+    // Decodes the runs again after the record rewrote this extent's header
+    // (a cut run list); the extents behind are found afresh on next use.
+    void reloadRuns();
 
     // Clusters from `vcn` on that lie together: the first cluster (or
     // RunEntry::kSparse) and how many follow it in the same run. False when
@@ -70,6 +73,8 @@ protected:
     RunList runs_;
 
 private:
+    // The runs named by the header's mapping pairs.
+    void decodeRuns();
     // Copies `length` bytes at byte `offset` of cluster `vcn` of a stretch.
     void copyFromCluster(const Stretch& stretch, std::uint32_t offset, std::uint32_t length, std::uint64_t position,
                          std::uint64_t initialized, unsigned char* out);

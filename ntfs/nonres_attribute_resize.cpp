@@ -179,8 +179,12 @@ std::uint64_t NonresAttribute::appendRuns(const std::vector<RunEntry>& runs) {
     }
     if (placed == 0) return 0;
     const std::uint32_t length = AttributeLength(pairs, grown.encodedSize());
-    // Making room elsewhere (false) leaves this header where it is: try again.
+    const std::uint64_t highest = header_->highest_vcn();
+    // Making room elsewhere (false) leaves this header where it is: try
+    // again. Room made by cutting this very extent's runs (the MFT's own
+    // stream) leaves it no longer the last: the new runs go behind it.
     while (!record->resizeInRecord(header_, std::max(length, header_->length()), true)) {
+        if (header_->highest_vcn() != highest) return 0;
     }
     runs_ = std::move(grown);
     header_->set_highest_vcn(header_->highest_vcn() + placed);

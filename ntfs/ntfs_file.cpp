@@ -34,34 +34,20 @@ void NTFSFile::read(void* buffer, std::uint64_t position, std::uint64_t length, 
     const std::uint64_t wanted = std::min(length, size - position);
     if (wanted == 0) return;
     auto* out = static_cast<unsigned char*>(buffer);
-    const std::uint32_t sector = driver->sector_size;
-    const std::uint64_t aligned_start = (position + sector - 1) / sector * sector;
-    const std::uint64_t head = aligned_start - position;
-    if (wanted < head) {
+    const TransferParts parts = splitTransfer(position, wanted, out, false);
+    if (parts.middle == 0) {
         got = stream_->read(position, wanted, out);
         return;
     }
-    const std::uint64_t end = position + wanted;
-    std::uint64_t aligned_end = end / sector * sector;
-    // With the middle landing aligned in the caller's buffer, a tail that
-    // ends inside a sector is left to the cache a whole cluster at a time:
-    // the tail's cluster is the one block the cache then reads.
-    if (reinterpret_cast<std::uintptr_t>(out + head) % sector == 0 && end % sector != 0) {
-        aligned_end = end / driver->cluster_size * driver->cluster_size;
+    if (parts.head != 0) {
+        got = stream_->read(position, parts.head, out);
+        if (got != parts.head) return;
     }
-    if (aligned_start >= aligned_end) {
-        got = stream_->read(position, wanted, out);
-        return;
-    }
-    if (head != 0) {
-        got = stream_->read(position, head, out);
-        if (got != head) return;
-    }
-    const std::uint64_t middle = aligned_end - aligned_start;
-    const std::uint64_t direct = stream_->readSectors(aligned_start, middle, out + head);
-    got += std::min(direct, middle);
-    if (direct < middle) return;
-    if (end > aligned_end) got += stream_->read(aligned_end, end - aligned_end, out + head + middle);
+    const std::uint64_t direct = stream_->readSectors(position + parts.head, parts.middle, out + parts.head);
+    got += std::min(direct, parts.middle);
+    if (direct < parts.middle || parts.tail == 0) return;
+    const std::uint64_t tail_at = parts.head + parts.middle;
+    got += stream_->read(position + tail_at, parts.tail, out + tail_at);
 }
 
 void NTFSFile::write(const void* buffer, std::uint64_t position, std::uint64_t length, std::uint64_t& written) {
@@ -80,29 +66,39 @@ void NTFSFile::write(const void* buffer, std::uint64_t position, std::uint64_t l
 
 void NTFSFile::writeParts(const unsigned char* in, std::uint64_t position, std::uint64_t length,
                           std::uint64_t& written) {
+    const TransferParts parts = splitTransfer(position, length, in, true);
+    if (parts.middle == 0) {
+        written = stream_->write(position, length, in);
+        return;
+    }
+    if (parts.head != 0) {
+        written = stream_->write(position, parts.head, in);
+        if (written != parts.head) return;
+    }
+    const std::uint64_t direct = stream_->writeSectors(position + parts.head, parts.middle, in + parts.head);
+    written += std::min(direct, parts.middle);
+    if (direct < parts.middle || parts.tail == 0) return;
+    const std::uint64_t tail_at = parts.head + parts.middle;
+    written += stream_->write(position + tail_at, parts.tail, in + tail_at);
+}
+
+NTFSFile::TransferParts NTFSFile::splitTransfer(std::uint64_t position, std::uint64_t length, const void* buffer,
+                                                bool buffer_must_align) const {
+    const TransferParts cached{length, 0, 0};
     const std::uint32_t sector = driver->sector_size;
     const std::uint64_t aligned_start = (position + sector - 1) / sector * sector;
     const std::uint64_t head = aligned_start - position;
+    if (head > length) return cached;
+    const bool aligned = (reinterpret_cast<std::uintptr_t>(buffer) + head) % sector == 0;
+    if (!aligned && buffer_must_align) return cached;
     const std::uint64_t end = position + length;
-    if (head > length || reinterpret_cast<std::uintptr_t>(in + head) % sector != 0) {
-        written = stream_->write(position, length, in);
-        return;
-    }
-    // A tail inside a sector goes through the cache a whole cluster at a
-    // time, as reads do, so that the cache holds the cluster it then reads.
-    const std::uint64_t aligned_end = end % sector == 0 ? end : end / driver->cluster_size * driver->cluster_size;
-    if (aligned_start >= aligned_end) {
-        written = stream_->write(position, length, in);
-        return;
-    }
-    if (head != 0) {
-        written = stream_->write(position, head, in);
-        if (written != head) return;
-    }
-    const std::uint64_t middle = aligned_end - aligned_start;
-    written += std::min(stream_->writeSectors(aligned_start, middle, in + head), middle);
-    if (written != aligned_end - position) return;
-    if (end > aligned_end) written += stream_->write(aligned_end, end - aligned_end, in + head + middle);
+    std::uint64_t aligned_end = end / sector * sector;
+    // With the middle landing aligned in the caller's buffer, a tail that
+    // ends inside a sector goes through the cache a whole cluster at a
+    // time: the tail's cluster is the one block the cache then holds.
+    if (aligned && end % sector != 0) aligned_end = end / driver->cluster_size * driver->cluster_size;
+    if (aligned_start >= aligned_end) return cached;
+    return TransferParts{head, aligned_end - aligned_start, end - aligned_end};
 }
 
 void NTFSFile::set_size(std::uint64_t wanted) {

@@ -95,6 +95,17 @@ public:
     std::uint64_t allocated_ranges(std::uint64_t position, std::uint64_t length) override;
 
 private:
+    // A transfer cut in three: a head through the cache up to the first
+    // sector boundary, a middle of whole sectors straight between the
+    // caller's buffer and the disk, and a tail through the cache. A middle
+    // of 0 sends everything through the cache.
+    struct TransferParts {
+        std::uint64_t head;
+        std::uint64_t middle;
+        std::uint64_t tail;
+    };
+    TransferParts splitTransfer(std::uint64_t position, std::uint64_t length, const void* buffer,
+                                bool buffer_must_align) const;
     // Head, middle and tail of a write, `written` counting as they go.
     void writeParts(const unsigned char* in, std::uint64_t position, std::uint64_t length, std::uint64_t& written);
 

@@ -5,12 +5,22 @@
 #include "loader/common/byte_order.h"
 #include "loader/common/raise.h"
 #include "ntfs/file_record_impl.h"
+#include "ntfs/index_tree.h"
 #include "ntfs/mft.h"
 #include "ntfs/ntfs_driver.h"
 #include "ntfs/record_layout.h"
 #include "ntfs/run_list.h"
+#include "ntfs/system_indexes.h"
 
 namespace ntfs {
+
+namespace {
+
+// Volumes before this version keep no index of object ids.
+constexpr std::uint16_t kFirstVersionWithObjIds = 0x0300;
+constexpr std::uint32_t kObjectIdLength = 16;
+
+}  // namespace
 
 void BaseFileRecordImpl::cutFromRecord(RecordBuffer* buffer, AttributeRecord* header) {
     const auto at = static_cast<std::uint32_t>(reinterpret_cast<unsigned char*>(header) - buffer->data());
@@ -63,7 +73,29 @@ void BaseFileRecordImpl::eraseExtents(std::uint32_t type, const std::u16string& 
     for (RunList& runs : clusters) runs.freeAll(driver_);
 }
 
+void BaseFileRecordImpl::forgetObjectId() {
+    ObjectIdIndex* index = driver_->objid_file ? driver_->objid_file->index() : nullptr;
+    if (driver_->version < kFirstVersionWithObjIds || index == nullptr) return;
+    Attribute* object_id = findAttribute(kObjectId, std::u16string());
+    if (object_id == nullptr) return;
+    unsigned char id[kObjectIdLength];
+    bool whole = false;
+    try {
+        whole = object_id->read(0, kObjectIdLength, id) == kObjectIdLength;
+    } catch (...) {
+        releaseAttribute(object_id);
+        throw;
+    }
+    releaseAttribute(object_id);
+    if (!whole) return;
+    ObjectIdIndex::Wanted wanted{};
+    for (std::size_t i = 0; i < wanted.size(); ++i) wanted[i] = Common::LoadLE32(id + 4 * i);
+    IndexCursor cursor;
+    if (index->find(wanted, cursor)) index->remove(cursor);
+}
+
 void BaseFileRecordImpl::deleteFile() {
+    forgetObjectId();
     loadList();
     for (const ListEntry& entry : list_) recordOf(entry.record);
     std::vector<RecordBuffer*> records{base_};

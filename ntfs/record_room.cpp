@@ -11,6 +11,7 @@
 #include "ntfs/nonresident_image.h"
 #include "ntfs/ntfs_driver.h"
 #include "ntfs/record_layout.h"
+#include "ntfs/res_attribute.h"
 
 namespace ntfs {
 
@@ -20,10 +21,6 @@ constexpr std::size_t kCandidates = 3;
 constexpr std::uint32_t kEndMarkerLength = 8;
 constexpr std::uint32_t kListHeaderLength = 24;
 constexpr std::uint32_t kSplitSlack = 48;
-
-std::uint32_t OffsetIn(RecordBuffer* buffer, const AttributeRecord* header) {
-    return static_cast<std::uint32_t>(reinterpret_cast<const unsigned char*>(header) - buffer->data());
-}
 
 std::vector<unsigned char> CopyOf(const AttributeRecord* header) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(header);
@@ -56,10 +53,16 @@ void BaseFileRecordImpl::makeRoom(RecordBuffer* buffer, const AttributeRecord* a
         if (!candidate->non_resident()) {
             const AttrDefEntry* definition = driver_->attr_defs->find(candidate->type());
             const bool must_stay = definition == nullptr || (definition->flags() & AttrDefEntry::kMustStayResident);
-            // An object serving a value in place can't have it changed
-            // under its holders; such a value moves with the record's tail.
-            if (must_stay || heldObject(candidate)) continue;
-            convertInPlace(buffer, candidate);
+            if (must_stay) continue;
+            if (!heldObject(candidate)) {
+                convertInPlace(buffer, candidate);
+                return;
+            }
+            // A value held open moves through its own object, which goes on
+            // serving its holders from the clusters.
+            auto* resident = dynamic_cast<ResAttribute*>(heldAt(candidate));
+            if (resident == nullptr || resident->delegate() != nullptr) continue;
+            resident->moveToClusters(false);
             return;
         }
         if (candidate->type() != kAttributeList) {

@@ -37,13 +37,15 @@ public:
 
     // The object that serves the value since it went to clusters; null while resident.
     Attribute* delegate() const { return delegate_.get(); }
+    // Replaces the header by a non-resident one whose clusters hold the
+    // value; its holders go on through the delegate. The record makes room
+    // this way in place of a value that is held open.
+    void moveToClusters(bool may_move);
 
 private:
     unsigned char* value() { return reinterpret_cast<unsigned char*>(header_) + header_->value_offset(); }
     std::uint64_t shrink(std::uint64_t size, std::uint64_t minimum);
     std::uint64_t grow(std::uint64_t size, std::uint64_t maximum, bool must_stay, bool may_move);
-    // Replaces the header by a non-resident one whose clusters hold the value.
-    void moveToClusters(bool may_move);
 
     AttributeRecord* header_;
     std::unique_ptr<Attribute> delegate_;

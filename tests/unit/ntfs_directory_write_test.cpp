@@ -18,6 +18,7 @@
 #include "loader/common/error_codes.h"
 #include "ntfs/junction.h"
 #include "ntfs/ntfs_driver.h"
+#include "tests/support/ntfs_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -29,18 +30,13 @@ using TestSupport::RaisedCode;
 using Volume = TestSupport::Volume<NTFSDriver, TryNTFSDriver>;
 
 std::vector<unsigned char> MakeBase() {
-    TestSupport::TempFolder folder;
-    const std::string root = folder.Path();
-    folder.Write("make.sh", "set -e; cd '" + root +
-                                "'; truncate -s 32M volume.img; mkntfs -F -f -q -c 4096 volume.img; mkdir mnt;"
-                                " ntfs-3g volume.img mnt; cd mnt; printf 'hello\\n' > hello.txt; mkdir dir empty;"
-                                " printf 'inner\\n' > dir/inner.txt; mkdir dir/sub; head -c 20000 /dev/zero | tr '\\0' x > dir/sub/leaf;"
-                                " cd ..; umount mnt");
-    if (TestSupport::RunQuietly("bash '" + root + "/make.sh'") != 0) {
-        TestSupport::RunQuietly("umount '" + root + "/mnt'");
-        return {};
-    }
-    return TestSupport::LoadFile(root + "/volume.img");
+    return TestSupport::MakeNtfsImage(
+        "truncate -s 32M volume.img; mkntfs -F -f -q -c 4096 volume.img; mkdir mnt;"
+        " ntfs-3g volume.img mnt; cd mnt; printf 'hello\\n' > hello.txt; mkdir dir empty;"
+        " printf 'inner\\n' > dir/inner.txt; mkdir dir/sub; head -c 20000 /dev/zero | tr '\\0' x > dir/sub/leaf;"
+        " setfattr -n system.ntfs_object_id -v 0x11111111222233334444555555555555 hello.txt;"
+        " setfattr -n system.ntfs_object_id -v 0xaaaaaaaabbbbccccddddeeeeeeeeeeee dir/inner.txt;"
+        " cd ..; umount mnt");
 }
 
 const std::vector<unsigned char>& Base() {
@@ -186,6 +182,24 @@ TEST_F(NtfsDirectoryWrite, RemovalsNeedTheRightKindAndAnEmptyDirectory) {
     EXPECT_EQ(after.second + 6, before.second);  // hello.txt, dir, empty, inner.txt, sub, leaf
 }
 
+TEST_F(NtfsDirectoryWrite, ADeletedFileTakesItsObjectIdAlong) {
+    ASSERT_EQ(RaisedCode([&] { at(u"/").remove_file(u"hello.txt"); }), 0u);
+    volume_->unmount();
+    const std::string index = run("ntfsinfo -v -F '/$Extend/$ObjId' " + image_.path + " 2>&1");
+    const struct {
+        const char* owner;
+        const char* guid;
+        bool kept;
+    } cases[] = {
+        {"hello.txt, deleted", "11111111-2222-3333-4444-555555555555", false},
+        {"dir/inner.txt, kept", "aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee", true},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(index.find(std::string("Key GUID:\t\t ") + c.guid) != std::string::npos, c.kept) << c.owner;
+    }
+    EXPECT_TRUE(sound());
+}
+
 TEST_F(NtfsDirectoryWrite, RenamesWithinAndAcrossDirectories) {
     struct Row {
         const char16_t* from;
@@ -215,6 +229,51 @@ TEST_F(NtfsDirectoryWrite, RenamesWithinAndAcrossDirectories) {
     const std::string renamed = info("/renamed.txt");
     EXPECT_NE(renamed.find("'renamed.txt'"), std::string::npos);
     EXPECT_EQ(renamed.find("'hello.txt'"), std::string::npos);
+    EXPECT_TRUE(sound());
+}
+
+// "Case.txt" is a Win32 name with its DOS twin, "case.txt" beside it a
+// POSIX name that only its case tells apart. A lookup ignores case, so a
+// rename takes whichever of the two it meets first, and the other one next:
+// the Win32 name goes with its twin, the POSIX name alone.
+TEST_F(NtfsDirectoryWrite, APosixNameBesideAWin32OneIsRenamedAlone) {
+    volume_.reset();
+    const std::vector<unsigned char> twins = TestSupport::MakeNtfsImage(
+        "truncate -s 16M volume.img; mkntfs -F -f -q volume.img; mkdir mnt; ntfs-3g volume.img mnt;"
+        " printf win > mnt/Case.txt; setfattr -n system.ntfs_dos_name -v CASE~1.TXT mnt/Case.txt;"
+        " printf posix > mnt/case.txt; umount mnt");
+    if (twins.empty()) GTEST_SKIP() << "ntfs-3g over FUSE isn't available";
+    image_.store(twins);
+    volume_ = std::make_unique<Volume>(image_.path);
+    ASSERT_NE(volume_->driver, nullptr);
+    const struct {
+        const char16_t* from;
+        const char16_t* to;
+        Names left;
+    } steps[] = {
+        {u"/case.txt", u"/first.txt", {"case.txt", "first.txt"}},
+        {u"/CASE.TXT", u"/second.txt", {"first.txt", "second.txt"}},
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(RaisedCode([&] { driver().rename(step.from, step.to); }), 0u);
+        volume_->unmount();
+        Names left = listed("/");
+        // Whichever spelling stayed, it is listed as it was written.
+        for (std::string& name : left) {
+            if (name == "Case.txt") name = "case.txt";
+        }
+        EXPECT_EQ(left, step.left);
+        volume_ = std::make_unique<Volume>(image_.path);
+    }
+    volume_->unmount();
+    Names contents = {cat("/first.txt"), cat("/second.txt")};
+    std::sort(contents.begin(), contents.end());
+    EXPECT_EQ(contents, (Names{"posix", "win"}));
+    for (const char* name : {"/first.txt", "/second.txt"}) {
+        const std::string record = info(name);
+        EXPECT_EQ(record.find("CASE~1.TXT"), std::string::npos) << record;
+        EXPECT_EQ(record.find("ase.txt'"), std::string::npos) << record;
+    }
     EXPECT_TRUE(sound());
 }
 

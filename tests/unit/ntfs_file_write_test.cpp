@@ -16,6 +16,7 @@
 #include "ntfs/file_security.h"
 #include "ntfs/ntfs_file.h"
 #include "ntfs/system_indexes.h"
+#include "tests/support/ntfs_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -29,20 +30,12 @@ using Volume = TestSupport::Volume<NTFSDriver, TryNTFSDriver>;
 // small.txt and big.bin come from ntfscp; "one/l" and "two/l2" are two
 // links of one file, made by ntfs-3g.
 std::vector<unsigned char> MakeBase() {
-    TestSupport::TempFolder folder;
-    const std::string root = folder.Path();
-    folder.Write("small.txt", Pattern(100, 1));
-    folder.Write("big.bin", Pattern(200000, 2));
-    folder.Write("make.sh", "set -e; cd '" + root +
-                                "'; truncate -s 16M volume.img; mkntfs -F -f -q volume.img;"
-                                " ntfscp volume.img small.txt /small.txt; ntfscp volume.img big.bin /big.bin;"
-                                " mkdir mnt; ntfs-3g volume.img mnt; mkdir mnt/one mnt/two; printf hello > mnt/one/l;"
-                                " ln mnt/one/l mnt/two/l2; umount mnt");
-    if (TestSupport::RunQuietly("bash '" + root + "/make.sh'") != 0) {
-        TestSupport::RunQuietly("umount '" + root + "/mnt'");
-        return {};
-    }
-    return TestSupport::LoadFile(root + "/volume.img");
+    return TestSupport::MakeNtfsImage(
+        "truncate -s 16M volume.img; mkntfs -F -f -q volume.img;"
+        " ntfscp volume.img small.txt /small.txt; ntfscp volume.img big.bin /big.bin;"
+        " mkdir mnt; ntfs-3g volume.img mnt; mkdir mnt/one mnt/two; printf hello > mnt/one/l;"
+        " ln mnt/one/l mnt/two/l2; umount mnt",
+        {{"small.txt", Pattern(100, 1)}, {"big.bin", Pattern(200000, 2)}});
 }
 
 const std::vector<unsigned char>& Base() {

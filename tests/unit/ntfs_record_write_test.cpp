@@ -125,7 +125,9 @@ TEST(NtfsRecordWrite, NewRecordsTakeBitsAndClustersThatTheirDeletionGivesBack) {
     }
     for (std::size_t i = 0; i < numbers.size(); ++i) {
         EXPECT_GE(numbers[i], 24u);
-        if (i > 0) EXPECT_NE(numbers[i], numbers[i - 1]);
+        if (i > 0) {
+            EXPECT_NE(numbers[i], numbers[i - 1]);
+        }
         const std::string info = image.info(numbers[i]);
         EXPECT_NE(info.find("Number of Hard Links:\t 1"), std::string::npos) << info;
         EXPECT_NE(info.find("Filename:\t\t 'n" + std::to_string(i) + "'"), std::string::npos) << info;
@@ -206,15 +208,18 @@ TEST(NtfsRecordWrite, AFullRecordMovesAttributesOutAndEveryStreamStaysReadable) 
 }
 
 // A volume whose free space ntfs-3g left in holes of one cluster: a filler
-// file, then small files of which every other one goes again.
-bool MakeHoles(Image& image, int files) {
+// file, then files of one cluster of which every other one goes again.
+bool MakeHoles(Image& image, int files, int cluster = 4096) {
     const std::string mount = image.file.folder.Path() + "/mount";
+    const std::string size = std::to_string(cluster);
+    // Room for the files and for the records that ntfs-3g adds to the MFT.
+    const std::string spare = std::to_string(files * 4096 / cluster + 400);
     const std::string script =
-        "truncate -s 64M " + image.file.path + " && mkntfs -F -f -q " + image.file.path + " && mkdir " + mount +
-        " && ntfs-3g " + image.file.path + " " + mount + " && echo a.txt > " + mount + "/a.txt" +
-        " && free=$(df -B4096 " + mount + " | tail -1 | awk '{print $4}')" + " && dd if=/dev/zero of=" + mount +
-        "/filler bs=4096 count=$((free - " + std::to_string(files + 400) + ")) 2>/dev/null" +
-        " && for i in $(seq 1 " + std::to_string(files) + "); do head -c 4096 /dev/zero > " + mount +
+        "truncate -s 64M " + image.file.path + " && mkntfs -F -f -q -c " + size + " " + image.file.path +
+        " && mkdir " + mount + " && ntfs-3g " + image.file.path + " " + mount + " && echo a.txt > " + mount +
+        "/a.txt" + " && free=$(df -B" + size + " " + mount + " | tail -1 | awk '{print $4}')" + " && dd if=/dev/zero of=" +
+        mount + "/filler bs=" + size + " count=$((free - " + spare + ")) 2>/dev/null" +
+        " && for i in $(seq 1 " + std::to_string(files) + "); do head -c " + size + " /dev/zero > " + mount +
         "/s$i; done && for i in $(seq 1 2 " + std::to_string(files) + "); do rm " + mount + "/s$i; done";
     const int status = TestSupport::RunQuietly("(" + script + ")");
     TestSupport::RunQuietly("umount " + mount);
@@ -276,6 +281,79 @@ TEST(NtfsRecordWrite, TheMftsFirstExtensionRecordIsFifteen) {
     EXPECT_EQ(image.recordField(15, 32), 0);  // its base is record 0
     EXPECT_EQ(image.recordField(15, 22) & 1, 1);
     EXPECT_EQ(TestSupport::CaptureOutput("ntfscat " + image.file.path + " /a.txt"), "a.txt\n");
+    EXPECT_TRUE(image.sound());
+}
+
+TEST(NtfsRecordWrite, TheMftsOwnRunsAreCutBehindItsFirstSixteenRecords) {
+    Image image;
+    // Clusters of one record: each record that the MFT grows by comes from
+    // a hole of its own, once the records that ntfs-3g freed are taken,
+    // until record 0 can't name all the runs.
+    ASSERT_TRUE(MakeHoles(image, 800, 1024));
+    const std::uint64_t records_before = image.recordsInUse();
+    constexpr int kFiles = 1000;
+    std::vector<std::uint64_t> numbers;
+    {
+        Volume volume(image.file.path);
+        ASSERT_NE(volume.driver, nullptr);
+        for (int i = 0; i < kFiles; ++i) {
+            ntfs::RecordRef file = volume.driver->record_cache->create();
+            AddAttribute(*file, ntfs::kStandardInformation, "", std::string(72, '\0'), true);
+            const std::vector<unsigned char> name = NameValue(kRootReference, Wide("n" + std::to_string(i)), 1);
+            file->addName(name.data(), static_cast<std::uint32_t>(name.size()));
+            numbers.push_back(file->recordNumber());
+        }
+    }
+    const std::string info = TestSupport::CaptureOutput("ntfsinfo -v -i 0 " + image.file.path + " 2>&1");
+    EXPECT_NE(info.find("$ATTRIBUTE_LIST"), std::string::npos) << info;
+    // Record 0 keeps the clusters of records 0 to 15, of 1024 bytes each;
+    // the rest goes on from record 15.
+    const std::size_t head = info.find("$DATA (0x80) from mft record 0 ");
+    const std::size_t tail = info.find("$DATA (0x80) from mft record 15 ");
+    ASSERT_NE(head, std::string::npos) << info;
+    ASSERT_NE(tail, std::string::npos) << info;
+    EXPECT_EQ(info.find("Highest VCN:\t\t 15 (0xf)", head), info.find("Highest VCN:", head)) << info;
+    EXPECT_EQ(info.find("Lowest VCN\t\t 16 (0x10)", tail), info.find("Lowest VCN", tail)) << info;
+    // Extension records the MFT took beyond record 15 are records in use too.
+    std::uint64_t extensions = 0;
+    const std::string marker = "$DATA (0x80) from mft record ";
+    for (std::size_t at = info.find(marker); at != std::string::npos; at = info.find(marker, at + 1)) {
+        if (std::stoull(info.substr(at + marker.size())) > 15) ++extensions;
+    }
+    EXPECT_EQ(image.recordsInUse(), records_before + kFiles + extensions);
+    for (std::uint64_t number : {numbers.front(), numbers[kFiles / 2], numbers.back()}) {
+        EXPECT_NE(image.info(number).find("Number of Hard Links:\t 1"), std::string::npos) << number;
+    }
+    EXPECT_EQ(TestSupport::CaptureOutput("ntfscat " + image.file.path + " /a.txt"), "a.txt\n");
+    EXPECT_TRUE(image.sound());
+    // Record 0 finds its data stream through its own list at the next mount.
+    Volume again(image.file.path);
+    EXPECT_NE(again.driver, nullptr);
+}
+
+TEST(NtfsRecordWrite, AHeldResidentValueGoesToClustersUnderItsHolder) {
+    Image image;
+    ASSERT_TRUE(image.make({"a.txt"}));
+    const std::uint64_t number = image.record("a.txt");
+    const std::string held_value(400, 'h');
+    {
+        Volume volume(image.file.path);
+        ASSERT_NE(volume.driver, nullptr);
+        ntfs::RecordRef file = volume.driver->record_cache->get(number);
+        AddStream(*file, "held", held_value, true);
+        ntfs::AttributeRef held(file.get(), file->findAttribute(ntfs::kData, u"held"));
+        ASSERT_TRUE(held);
+        AddStream(*file, "other", std::string(400, 'o'), true);
+        std::string read(held_value.size(), '\0');
+        EXPECT_EQ(held->read(0, read.size(), read.data()), read.size());
+        EXPECT_EQ(read, held_value);
+        EXPECT_EQ(held->write(held_value.size(), 4, "tail"), 4u);
+    }
+    const std::string info = image.info(number);
+    // Room came from the held value, not from a split of the record.
+    EXPECT_EQ(info.find("$ATTRIBUTE_LIST"), std::string::npos) << info;
+    EXPECT_EQ(image.stream(number, "held"), held_value + "tail");
+    EXPECT_EQ(image.stream(number, "other"), std::string(400, 'o'));
     EXPECT_TRUE(image.sound());
 }
 
