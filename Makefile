@@ -55,7 +55,8 @@ clean:
 	rm -rf $(BUILD)
 
 # Every write scenario of every writing driver, cut after each sector write
-# (an even sample of 200 cut points when a scenario writes more).
+# (an even sample of 200 cut points when a scenario writes more); the NTFS
+# rows on 512-byte sectors count the cuts that left a torn block.
 powercut: all
 	$(BUILD)/powercut --sample 200
 

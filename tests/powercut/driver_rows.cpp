@@ -3,10 +3,12 @@
 
 namespace PowerCut {
 
-std::vector<DriverRow> DriverRows() {
+std::vector<DriverRow> DriverRows(bool strict) {
     std::vector<DriverRow> rows = FatRows();
     for (DriverRow& row : ExtRows()) rows.push_back(std::move(row));
     for (DriverRow& row : NtfsRows()) rows.push_back(std::move(row));
+    if (strict) return rows;
+    for (DriverRow& row : NtfsSmallSectorRows()) rows.push_back(std::move(row));
     return rows;
 }
 

@@ -16,6 +16,7 @@ struct Options {
     std::string driver;   // only this row; empty = all
     std::vector<std::string> skip;  // scenarios left out, by name
     std::string work;     // a folder for the images
+    bool strict = false;  // only the rows that tolerate no torn block
 };
 
 struct ScenarioReport {
@@ -30,10 +31,17 @@ struct ScenarioReport {
     int unclean = 0;                // the repair did not leave a clean volume
     int second_pass = 0;            // the checker needed more than one repair run
     int walk_failures = 0;          // a crash, a hang, or a code other than FILE_CORRUPT
-    int untouched_lost = 0;         // a file outside the scenario changed or went missing
+    int untouched_lost = 0;         // files outside the scenario that our walk found changed or missing
+    bool has_reader = false;        // the row has an independent reader
+    int reader_lost = 0;            // files outside the scenario that the independent reader lost
+    bool tolerates_torn = false;    // the row counts torn blocks instead of failing on them
+    int torn_blocks = 0;            // cuts that left a torn block
+    int torn_block_lost = 0;        // files outside the scenario lost on those cuts
     std::vector<std::string> failures;  // the first few, for the reader
 
-    bool passed() const { return unclean == 0 && walk_failures == 0 && untouched_lost == 0 && failures.empty(); }
+    bool passed() const {
+        return unclean == 0 && walk_failures == 0 && untouched_lost == 0 && reader_lost == 0 && failures.empty();
+    }
 };
 
 std::vector<std::uint64_t> CutPoints(std::uint64_t writes, unsigned sample);
