@@ -5,11 +5,13 @@
 # through `morvane fs`: an empty file, one kept in its record, one just too
 # large for it, a multi-megabyte one, a file kept in its record grown out of
 # it, a directory whose index grows to three levels and shrinks again,
-# renames within and across directories, renames over existing names
-# (refused with FILE_EXISTS, the image byte-identical), a volume filled
-# until a copy is refused, and last the removal of everything made, after
-# which the free clusters and the records in use must be as they began.
-# `morvane fs` has no command that makes hard links: none are made here.
+# renames within and across directories, renames over existing names, the
+# file's own in another case among them (refused with FILE_EXISTS, the image
+# byte-identical), hard
+# links made and removed, a file written into so many holes that its runs
+# need an attribute list, a volume filled until a copy is refused, and last
+# the removal of everything made, after which the free clusters and the
+# records in use must be as they began.
 #
 # The same steps change a host copy of the tree. After every step
 # `ntfsfix -n` must find nothing, and what an ntfs-3g read-only mount shows
@@ -34,6 +36,7 @@ cases='
 ntfs-c512     512     32
 ntfs-c4k      4096    48
 ntfs-c64k     65536   96
+ntfs-4gib     65536   4200
 '
 
 mirror="$work/mirror"
@@ -83,6 +86,13 @@ set_bits() {
 
 # Records of the MFT in use, by its $BITMAP.
 records_in_use() { ntfscat -i 0 -a 0xB0 "$image" 2>/dev/null | set_bits; }
+
+# Records past the first sixteen that hold extents of the MFT's own
+# attributes: the MFT keeps them when the files that made it grow are gone.
+mft_extension_records() {
+    ntfsinfo -i 0 "$image" 2>/dev/null |
+        sed -n 's/^Dumping attribute .* from mft record \([0-9]*\).*/\1/p' | sort -un | awk '$1 >= 16' | wc -l
+}
 
 # Index blocks of directory PATH in use, by the bitmap of its $I30 index.
 index_blocks_in_use() { ntfscat -i "$(inode_number "$1")" -a 0xB0 -n '$I30' "$image" 2>/dev/null | set_bits; }
@@ -138,6 +148,13 @@ host_file() {
     head -c "$2" /dev/urandom > "$work/$1"
     echo "$work/$1"
 }
+
+# link EXISTING NEW: a hard link.
+link() {
+    if fs ln "$1" "$2" 2>"$work/err"; then ln "$mirror$1" "$mirror$2"; else fail "ln $1 $2: $(cat "$work/err")"; fi
+}
+
+links_of() { inode "$1" | sed -n 's/^Number of Hard Links:[[:space:]]*\([0-9]*\).*/\1/p'; }
 
 # ---- judging ----
 
@@ -221,8 +238,8 @@ wide_directory() {
 }
 
 # Renames within a directory and across, of a file and of a directory;
-# renames over existing names are refused with FILE_EXISTS and leave every
-# byte as it was.
+# renames over existing names, also a change of case alone, are refused
+# with FILE_EXISTS and leave every byte as it was.
 renames() {
     move /new/outside.bin "/new/renamed outside.bin"
     settled "a rename within a directory"
@@ -242,7 +259,52 @@ renames() {
     attempt mv /wide/big.bin /new/resident.bin
     attempt mv /new /hello.txt
     attempt mv /wide/inner /new/resident.bin
+    # The name in another case is the file's own, and taken all the same.
+    attempt mv /new/resident.bin /new/Resident.BIN
     image_unchanged "a rename over an existing name"
+}
+
+# A file linked under three names in two directories, then unlinked one
+# name at a time: the record must count its names, and the last removal
+# free it.
+hard_links() {
+    make_dirs /links
+    put "$(host_file linked 5000)" /links/one
+    link /links/one /links/two
+    link /links/two /new/three
+    settled "two hard links made"
+    [ "$(links_of /new/three)" = 3 ] || fail "a file of three names counts $(links_of /new/three) links"
+    remove /links/one
+    settled "a hard link removed"
+    [ "$(links_of /links/two)" = 2 ] || fail "after one name went, $(links_of /links/two) links are counted, not 2"
+    remove /links/two /new/three /links
+    settled "the last hard links removed"
+}
+
+# Small files side by side, every other one removed, and then a file of
+# the size of the holes copied in: its run list no longer fits its record,
+# and the record takes an attribute list and extension records.
+fragmented_file() {
+    record=$(volume_value 'MFT Record Size')
+    piece=$cluster
+    [ "$piece" -gt $((record / 2)) ] || piece=$((2 * record))
+    head -c "$piece" /dev/urandom > "$work/piece"
+    make_dirs /frag
+    for number in $(seq -w 1 700); do
+        fs cp-in "$work/piece" "/frag/p$number" 2>"$work/err" || fail "cp-in /frag/p$number: $(cat "$work/err")"
+        cp "$work/piece" "$mirror/frag/p$number"
+    done
+    odd=$(cd "$mirror" && find frag -name 'p*[13579]' -printf '/%p ')
+    # shellcheck disable=SC2086
+    remove $odd
+    put "$(host_file fragmented $((350 * piece)))" /frag/fragmented.bin
+    settled "a file written into 350 holes"
+    inode /frag/fragmented.bin | grep -q 'Dumping attribute \$ATTRIBUTE_LIST' ||
+        fail "a file of 350 runs has no attribute list"
+    paths=$(cd "$mirror" && find frag -depth -printf '/%p ')
+    # shellcheck disable=SC2086
+    remove $paths
+    settled "removing a file with an attribute list"
 }
 
 # One file over nearly every free cluster, the rest by files of two
@@ -274,7 +336,8 @@ fill_volume() {
 
 # Everything our driver made, removed: the records in use and the free
 # clusters must be as they began, but for what the volume's own files grew
-# by (the MFT keeps the records it added, the root its index blocks).
+# by (the MFT keeps the records it added and the extension records that
+# name them, the root its index blocks).
 remove_everything() {
     keep_image
     if fs rm /wide > "$work/out" 2>&1; then fail "rm of a directory that holds entries was not refused"; fi
@@ -285,24 +348,59 @@ remove_everything() {
         remove $paths
         settled "removing /$top"
     done
-    records=$(records_in_use)
+    records=$(($(records_in_use) - $(mft_extension_records) + extensions_at_start))
     [ "$records" -eq "$records_at_start" ] ||
-        fail "after removing everything, $records records are in use, $records_at_start at the start"
+        fail "after removing everything, $records records are in use beside the MFT's own, $records_at_start at the start"
     free=$(volume_value 'Free Clusters')
     grown=$(($(metadata_clusters) - metadata_at_start))
     [ $((free + grown)) -eq "$free_at_start" ] ||
         fail "after removing everything, $free clusters are free and the volume's files grew by $grown; $free_at_start were free at the start"
 }
 
+# A file written across 4 GiB, whose sizes no longer fit 32 bits: most of
+# it zeros from a sparse host file (the volume stores them all the same),
+# its last MiB random. Judged without reading 4 GiB back: the sizes that
+# ntfsinfo and both mounts tell, the tail that ntfs-3g reads by a seek, and
+# ntfsfix; then its removal gives every cluster back.
+beyond_4gib() {
+    free_at_start=$(volume_value 'Free Clusters')
+    head -c 1048576 /dev/urandom > "$work/tail"
+    truncate -s 4G "$work/huge"
+    cat "$work/tail" >> "$work/huge"
+    size=$((4 * 1024 * 1024 * 1024 + 1048576))
+    fs cp-in "$work/huge" /huge.bin 2>"$work/err" || fail "cp-in of 4 GiB + 1 MiB: $(cat "$work/err")"
+    rm -f "$work/huge"
+    ntfsfix -n "$image" > "$work/fix" 2>&1 || fail "ntfsfix -n after a file across 4 GiB: $(tail -5 "$work/fix")"
+    inode /huge.bin | grep -q "Data size:[[:space:]]*$size " || fail "ntfsinfo tells another data size than $size"
+    fs stat /huge.bin > "$work/out" 2>&1
+    grep -q "$size" "$work/out" || fail "our stat of a file across 4 GiB: $(head -5 "$work/out")"
+    if ntfs-3g -o ro "$image" "$mnt" 2>"$work/err"; then
+        [ "$(stat -c %s "$mnt/huge.bin")" = "$size" ] || fail "ntfs-3g tells another size than $size"
+        tail -c 1048576 "$mnt/huge.bin" | cmp -s - "$work/tail" || fail "ntfs-3g reads another last MiB"
+        umount "$mnt"
+    else
+        fail "ntfs-3g could not mount the volume with a file across 4 GiB: $(head -3 "$work/err")"
+    fi
+    fs rm /huge.bin 2>"$work/err" || fail "rm of a file across 4 GiB: $(cat "$work/err")"
+    [ "$(volume_value 'Free Clusters')" -eq "$free_at_start" ] || fail "the removal of a file across 4 GiB kept clusters"
+}
+
 check_case() {
     [ "$(volume_value 'Cluster Size')" = "$cluster" ] || fail "the clusters are not of $cluster bytes"
+    if [ "$case_name" = ntfs-4gib ]; then
+        beyond_4gib
+        return
+    fi
     settled "making the image"
     records_at_start=$(records_in_use)
+    extensions_at_start=$(mft_extension_records)
     free_at_start=$(volume_value 'Free Clusters')
     metadata_at_start=$(metadata_clusters)
     sized_files
     wide_directory
     renames
+    hard_links
+    fragmented_file
     fill_volume
     remove_everything
 }
