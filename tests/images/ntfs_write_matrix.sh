@@ -189,6 +189,19 @@ settled() {
     rm -rf "$work/ours"
 }
 
+# writable_for_ntfs3g STEP: ntfs-3g mounts a copy of the volume read-write,
+# which it refuses while the log asks for a replay, and writes to it.
+writable_for_ntfs3g() {
+    cp --sparse=always "$image" "$work/rw.img"
+    if ntfs-3g "$work/rw.img" "$mnt" 2>"$work/err"; then
+        echo written > "$mnt/by-ntfs-3g.txt" || fail "ntfs-3g could not write after $1"
+        umount "$mnt"
+    else
+        fail "ntfs-3g could not mount the volume read-write after $1: $(head -3 "$work/err")"
+    fi
+    rm -f "$work/rw.img"
+}
+
 # ---- the steps ----
 
 # Sizes either side of what a record keeps: empty, a few hundred bytes
@@ -397,6 +410,7 @@ check_case() {
     free_at_start=$(volume_value 'Free Clusters')
     metadata_at_start=$(metadata_clusters)
     sized_files
+    writable_for_ntfs3g "the first files"
     wide_directory
     renames
     hard_links
