@@ -368,6 +368,22 @@ ntfscat "$ntfs" /moved.bin 2>/dev/null | cmp -s - "$work/ntfs-big.bin" || fail "
 [ "$(ntfsls -p /dir "$ntfs" 2>/dev/null | grep -vx '\.\.\{0,1\}' | tr '\n' ' ')" = "made " ] || fail "NTFS: ntfsls /dir shows $(ntfsls -p /dir "$ntfs" 2>&1 | tr '\n' ' ')"
 ntfsfix -n "$ntfs" > "$work/ntfsfix" 2>&1 || fail "NTFS: ntfsfix -n after the changes: $(tail -3 "$work/ntfsfix")"
 
+# The same volume as the second partition of a GPT disk, changed there and
+# judged when cut out again.
+ntfsdisk="$work/ntfs-disk.img"
+"$images/make_gpt_disk.sh" "$ntfsdisk" 40 4:0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0 \
+    16:1A2B3C4D-5E6F-4A0B-9C1D-2E3F4A5B6C7D > "$work/layout" || fail "sgdisk could not make the disk"
+ntfsfirst=$(sed -n 's/^2 \([0-9]*\) .*/\1/p' "$work/layout")
+dd if="$ntfs" of="$ntfsdisk" bs=512 seek="$ntfsfirst" conv=notrunc status=none
+expect 0 "NTFS on a GPT partition: cp-in" "$tool" fs "$ntfsdisk:2" cp-in "$work/ntfs-big.bin" /dir/copied.bin
+expect 0 "NTFS on a GPT partition: rm" "$tool" fs "$ntfsdisk:2" rm /new.txt
+dd if="$ntfsdisk" of="$work/ntfs-cut.img" bs=512 skip="$ntfsfirst" count=32768 status=none
+ntfscat "$work/ntfs-cut.img" /dir/copied.bin 2>/dev/null | cmp -s - "$work/ntfs-big.bin" ||
+    fail "NTFS on a GPT partition: ntfscat reads otherwise what cp-in wrote"
+[ "$(ntfsls "$work/ntfs-cut.img" 2>/dev/null | sort | tr '\n' ' ')" = "dir moved.bin " ] ||
+    fail "NTFS on a GPT partition: ntfsls / shows $(ntfsls "$work/ntfs-cut.img" 2>&1 | tr '\n' ' ')"
+ntfsfix -n "$work/ntfs-cut.img" > "$work/ntfsfix" 2>&1 || fail "NTFS on a GPT partition: ntfsfix -n: $(tail -3 "$work/ntfsfix")"
+
 head -c $((8 * 1048576)) "$ntfs" > "$work/ntfs-half.img"
 expect 2 "NTFS: an image cut to half its volume" "$tool" fs "$work/ntfs-half.img" ls
 err_has "NTFS: an image cut to half its volume" "shorter than its boot sector says"
