@@ -101,10 +101,27 @@ NTFSFile::TransferParts NTFSFile::splitTransfer(std::uint64_t position, std::uin
     return TransferParts{head, aligned_end - aligned_start, end - aligned_end};
 }
 
+// A stream that grows takes its initialized size along, so what its new
+// clusters, or the tail of its last one, held before would read as the
+// file's bytes: another file's, once deleted. Zeros go over them first.
+void NTFSFile::zeroGrownArea(std::uint64_t from, std::uint64_t to) {
+    AttributeRecord* header = stream_->header();
+    if (header == nullptr || !header->non_resident() || header->flags() != 0) return;
+    constexpr std::uint64_t kPiece = 1u << 20;
+    const std::vector<unsigned char> zeros(static_cast<std::size_t>(std::min(kPiece, to - from)), 0);
+    for (std::uint64_t at = from; at < to;) {
+        const std::uint64_t part = std::min<std::uint64_t>(zeros.size(), to - at);
+        if (stream_->write(at, part, zeros.data()) != part) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+        at += part;
+    }
+}
+
 void NTFSFile::set_size(std::uint64_t wanted) {
     if (driver->read_only) driver->refuse_change(ERROR_TAG);
-    if (stream_->size() == wanted) return;
+    const std::uint64_t before = stream_->size();
+    if (before == wanted) return;
     const std::uint64_t reached = stream_->resize(wanted, true);
+    if (reached > before) zeroGrownArea(before, reached);
     const std::uint64_t allocated = stream_->allocatedSize();
     const std::uint64_t now = Now();
     MetadataUpdate update;

@@ -104,6 +104,7 @@ private:
         std::uint64_t middle;
         std::uint64_t tail;
     };
+    void zeroGrownArea(std::uint64_t from, std::uint64_t to);
     TransferParts splitTransfer(std::uint64_t position, std::uint64_t length, const void* buffer,
                                 bool buffer_must_align) const;
     // Head, middle and tail of a write, `written` counting as they go.
