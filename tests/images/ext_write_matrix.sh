@@ -22,6 +22,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/matrix_lib.sh"
 matrix=ext-write
 matrix_start "$@"
+. "$here/mirror_lib.sh"
 
 columns='mkfs block size feature_list'
 # name            mkfs  block size-MiB -O features
@@ -81,41 +82,7 @@ check_shape() {
 
 free_blocks() { dumpe2fs -h "$image" 2>/dev/null | sed -n 's/^Free blocks:[[:space:]]*//p'; }
 
-# ---- changes made on the volume and on the host copy alike ----
-
-mirror="$work/mirror"
-
-# put HOSTFILE PATH: copies in, over any file of that name.
-put() {
-    if fs cp-in "$1" "$2" 2>"$work/err"; then cp "$1" "$mirror$2"; else fail "cp-in to $2: $(cat "$work/err")"; fi
-}
-
-# make_dirs PATH...: in one call, parents before children.
-make_dirs() {
-    fs mkdir "$@" 2>"$work/err" || fail "mkdir $1 ...: $(head -3 "$work/err")"
-    for path in "$@"; do mkdir "$mirror$path"; done
-}
-
-# move FROM TO: a rename, or a move into TO when it is a directory.
-move() {
-    if fs mv "$1" "$2" 2>"$work/err"; then mv "$mirror$1" "$mirror$2"; else fail "mv $1 $2: $(cat "$work/err")"; fi
-}
-
-# remove PATH...: files and empty directories, in one call.
-remove() {
-    fs rm "$@" 2>"$work/err" || fail "rm $1 ...: $(head -3 "$work/err")"
-    for path in "$@"; do
-        if [ -d "$mirror$path" ]; then rmdir "$mirror$path"; else rm -f "$mirror$path"; fi
-    done
-}
-
 # ---- judging ----
-
-# "f PATH SIZE SHA256", "d PATH", "l PATH TARGET": the manifest of
-# matrix_lib.sh without modification times.
-timeless_manifest() {
-    manifest "$1" | sed -E 's/^(f .* [0-9]+) -?[0-9]+ ([0-9a-f]{64})$/\1 \2/'
-}
 
 volume_names() {
     debugfs -R 'ls -p /' "$image" 2>/dev/null | awk -F/ 'NF >= 7 && $2 != 0 { print $6 }' |
@@ -143,12 +110,6 @@ settled() {
     same "after $1, debugfs and the host copy" "$work/expected.manifest" "$work/theirs.manifest"
     same "after $1, our driver and the host copy" "$work/expected.manifest" "$work/ours.manifest"
     rm -rf "$work/theirs" "$work/ours"
-}
-
-# host_file NAME BYTES: random bytes in a host file, its path printed.
-host_file() {
-    head -c "$2" /dev/urandom > "$work/$1"
-    echo "$work/$1"
 }
 
 # ---- the steps ----

@@ -25,6 +25,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/matrix_lib.sh"
 matrix=ntfs-write
 matrix_start "$@"
+. "$here/mirror_lib.sh"
 mnt="$work/mnt"
 mkdir "$mnt"
 # A mount left behind by a failed step would keep the image busy.
@@ -38,8 +39,6 @@ ntfs-c4k      4096    48
 ntfs-c64k     65536   96
 ntfs-4gib     65536   4200
 '
-
-mirror="$work/mirror"
 
 # What ntfs-3g writes before our driver touches the volume: a file in the
 # root and one in a directory, which the renames aim at.
@@ -117,50 +116,9 @@ metadata_clusters() {
             END { print total + 0 }'
 }
 
-# ---- changes made on the volume and on the host copy alike ----
-
-# put HOSTFILE PATH: copies in, over any file of that name.
-put() {
-    if fs cp-in "$1" "$2" 2>"$work/err"; then cp "$1" "$mirror$2"; else fail "cp-in to $2: $(cat "$work/err")"; fi
-}
-
-# make_dirs PATH...: in one call, parents before children.
-make_dirs() {
-    fs mkdir "$@" 2>"$work/err" || fail "mkdir $1 ...: $(head -3 "$work/err")"
-    for path in "$@"; do mkdir "$mirror$path"; done
-}
-
-# move FROM TO: a rename, or a move into TO when it is a directory.
-move() {
-    if fs mv "$1" "$2" 2>"$work/err"; then mv "$mirror$1" "$mirror$2"; else fail "mv $1 $2: $(cat "$work/err")"; fi
-}
-
-# remove PATH...: files and empty directories, in one call.
-remove() {
-    fs rm "$@" 2>"$work/err" || fail "rm $1 ...: $(head -3 "$work/err")"
-    for path in "$@"; do
-        if [ -d "$mirror$path" ]; then rmdir "$mirror$path"; else rm -f "$mirror$path"; fi
-    done
-}
-
-# host_file NAME BYTES: random bytes in a host file, its path printed.
-host_file() {
-    head -c "$2" /dev/urandom > "$work/$1"
-    echo "$work/$1"
-}
-
-# link EXISTING NEW: a hard link.
-link() {
-    if fs ln "$1" "$2" 2>"$work/err"; then ln "$mirror$1" "$mirror$2"; else fail "ln $1 $2: $(cat "$work/err")"; fi
-}
-
 links_of() { inode "$1" | sed -n 's/^Number of Hard Links:[[:space:]]*\([0-9]*\).*/\1/p'; }
 
 # ---- judging ----
-
-timeless_manifest() {
-    manifest "$1" | sed -E 's/^(f .* [0-9]+) -?[0-9]+ ([0-9a-f]{64})$/\1 \2/'
-}
 
 # settled STEP: ntfsfix finds nothing to do, and ntfs-3g and our driver
 # both read the volume as the host copy holds it.
