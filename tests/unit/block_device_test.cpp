@@ -57,8 +57,6 @@ std::string FileBytes(const std::string& path, std::uint64_t offset, std::size_t
     return bytes;
 }
 
-std::u16string MessageOf(const Common::Error& error) { return error.Message(); }
-
 // ---- the block device ----
 
 TEST(BlockDevice, ShapeComesFromTheMedia) {
@@ -129,22 +127,16 @@ TEST(BlockDevice, ReadsAndWritesWholeSectors) {
         // Past the last sector the firmware refuses, and so does the device.
         Common::Error beyond = disk.Transfer(Fdisk::kTransferRead, 63, buffer.data(), 2);
         EXPECT_EQ(beyond.Code(), Common::DISK_INVALID_PARAMETER);
-        EXPECT_EQ(MessageOf(beyond), Common::Messages::DISK_INVALID_PARAMETER);
-    }
-}
+        EXPECT_EQ(beyond.Message(), Common::Messages::DISK_INVALID_PARAMETER);
 
-TEST(BlockDevice, WritingToAReadOnlyDiskIsRefused) {
-    Firmware firmware;
-    TestSupport::TempFolder folder;
-    std::string image = RawImage(folder, "d.img", 8 * 512, 512, "keep");
-    std::size_t number = firmware.Disks().Attach(image);
-    Common::Error error;
-    Fdisk::BlockDevice disk(firmware.Disks().Disk(number).Handle(), error);
-    std::vector<std::uint8_t> buffer(512, 'x');
-    Common::Error refused = disk.Transfer(Fdisk::kTransferWrite, 1, buffer.data(), 1);
-    EXPECT_EQ(refused.Code(), Common::DISK_WRITE_PROTECTED);
-    EXPECT_EQ(MessageOf(refused), Common::Messages::DISK_WRITE_PROTECTED);
-    EXPECT_EQ(FileBytes(image, 512, 4), "keep");
+        // A disk attached read only refuses the write and keeps its bytes.
+        std::size_t locked = firmware.Disks().Attach(RawImage(folder, "r.img", 8 * 512, 512, "keep"));
+        Fdisk::BlockDevice read_only(firmware.Disks().Disk(locked).Handle(), error);
+        Common::Error refused = read_only.Transfer(Fdisk::kTransferWrite, 1, buffer.data(), 1);
+        EXPECT_EQ(refused.Code(), Common::DISK_WRITE_PROTECTED);
+        EXPECT_EQ(refused.Message(), Common::Messages::DISK_WRITE_PROTECTED);
+        EXPECT_EQ(FileBytes(folder.Path() + "/r.img", 512, 4), "keep");
+    }
 }
 
 TEST(BlockDevice, OperationsReachTheFirmwareCallTheyName) {
@@ -173,7 +165,9 @@ TEST(BlockDevice, OperationsReachTheFirmwareCallTheyName) {
         std::vector<std::uint8_t> buffer(512);
         Common::Error result = disk.Transfer(c.operation, 3, buffer.data(), 1);
         EXPECT_EQ(result.Code(), c.code);
-        if (c.code == Common::DISK_BAD_OPERATION) EXPECT_EQ(MessageOf(result), Common::Messages::DISK_BAD_OPERATION);
+        if (c.code == Common::DISK_BAD_OPERATION) {
+            EXPECT_EQ(result.Message(), Common::Messages::DISK_BAD_OPERATION);
+        }
         EXPECT_EQ(medium.reads, c.reads);
         EXPECT_EQ(medium.writes, c.writes);
         EXPECT_EQ(medium.flushes, c.flushes);
@@ -212,8 +206,8 @@ TEST(BlockDevice, EveryStatusButSuccessIsAFailure) {
             std::vector<std::uint8_t> buffer(512);
             Common::Error result = disk.Transfer(operation, 0, buffer.data(), 1);
             EXPECT_EQ(result.Code(), c.code);
-            EXPECT_EQ(MessageOf(result), Common::DiskStatusToMessage(c.status));
-            EXPECT_FALSE(MessageOf(result).empty());
+            EXPECT_EQ(result.Message(), Common::DiskStatusToMessage(c.status));
+            EXPECT_FALSE(result.Message().empty());
         }
     }
 }
@@ -263,7 +257,7 @@ TEST(BlockDevice, AFailedOpenLeavesAnObjectWithTheCause) {
         Common::Error error;
         auto disk = std::make_unique<Fdisk::BlockDevice>(handle, error);
         EXPECT_EQ(error.Code(), c.code);
-        EXPECT_FALSE(MessageOf(error).empty());
+        EXPECT_FALSE(error.Message().empty());
         EXPECT_EQ(disk->GetSectorSize(), 0u);
         EXPECT_EQ(disk->GetLastSector(), 0u);
         EXPECT_EQ(disk->GetGeometry()->cylinders, 0u);
@@ -357,11 +351,6 @@ std::vector<EFI_HANDLE> Enumerate(std::uint32_t mode, std::uint64_t expected_sta
     return list.handles;
 }
 
-TEST(BlockEnumeration, NoDeviceHandlesGiveAnEmptyList) {
-    Firmware firmware;
-    for (std::uint32_t mode : {0u, 1u}) EXPECT_TRUE(Enumerate(mode).empty());
-}
-
 TEST(BlockEnumeration, ImagesGiveDisksAndTheirPartitions) {
     Firmware firmware;
     TestSupport::TempFolder folder;
@@ -422,7 +411,9 @@ TEST(BlockEnumeration, TheLastNodeDecides) {
         EFI_HANDLE handle = devices.Add(c.path, c.block_io);
         EXPECT_EQ(Enumerate(0).size(), c.in_mode_0 ? 1u : 0u);
         EXPECT_EQ(Enumerate(1).size(), c.in_mode_1 ? 1u : 0u);
-        if (c.in_mode_1) EXPECT_EQ(Enumerate(1)[0], handle);
+        if (c.in_mode_1) {
+            EXPECT_EQ(Enumerate(1)[0], handle);
+        }
     }
     // The end may stand with the high bit of its type set.
     Firmware firmware;
@@ -463,8 +454,9 @@ TEST(BlockEnumeration, ALoopInTheTreeEnds) {
     EXPECT_EQ(Enumerate(0), (std::vector<EFI_HANDLE>{root, a, b, a}));
 }
 
-TEST(BlockEnumeration, AFailedScanLeavesTheListEmpty) {
+TEST(BlockEnumeration, NoDevicesOrAFailedScanLeaveTheListEmpty) {
     Firmware firmware;
+    for (std::uint32_t mode : {0u, 1u}) EXPECT_TRUE(Enumerate(mode).empty());
     TestSupport::TempFolder folder;
     firmware.Disks().Attach(RawImage(folder, "d.img", 8 * 512));
     EXPECT_EQ(Enumerate(0).size(), 1u);

@@ -17,6 +17,7 @@
 #include "fsdriver/iterator_reference.h"
 #include "fsdriver/iterator_object.h"
 #include "loader/common/messages.h"
+#include "tests/support/raised_code.h"
 #include "tests/unit/driver_test_disk.h"
 
 namespace {
@@ -40,12 +41,7 @@ struct Mounted {
 };
 
 std::uint32_t CodeOf(void (*call)(TreeDriver&), TreeDriver& driver) {
-    try {
-        call(driver);
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
+    return TestSupport::RaisedCode([&] { call(driver); });
 }
 
 TEST(DriverCore, WalkFindsTheRootWithoutALookupAndCachesEveryPrefix) {
@@ -227,12 +223,7 @@ TEST(DriverCore, FileObjectRequests) {
                              {0x58585858, Common::FILE_UNSUPPORTED}};
     for (const auto& c : unsupported) {
         std::uint64_t block[4] = {c.word, 0, 0, 0};
-        try {
-            file.control(block);
-            ADD_FAILURE() << std::hex << c.word;
-        } catch (const Common::Error& error) {
-            EXPECT_EQ(error.Code(), c.code);
-        }
+        EXPECT_EQ(TestSupport::RaisedCode([&] { file.control(block); }), c.code) << std::hex << c.word;
     }
 }
 

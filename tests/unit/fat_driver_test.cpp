@@ -216,32 +216,6 @@ TEST(FATDirectories, ListingLookupNamesAndLabel) {
     EXPECT_EQ(std::u16string(label), u"BOOT");
 }
 
-TEST(FATFiles, ReadsEqualWhatMtoolsWrote) {
-    struct Format {
-        const char* options;
-        unsigned kib;
-    };
-    const Format formats[] = {{"-F 12", 1024}, {"-F 16 -s 2", 16384}, {"-F 16 -s 8", 16384}, {"-F 32 -s 1", 34000}};
-    const std::size_t sizes[] = {0, 1, 511, 512, 513, 4097, 100000};
-    for (const Format& format : formats) {
-        SCOPED_TRACE(format.options);
-        Image image(format.options, format.kib);
-        std::map<std::u16string, std::string> contents;
-        for (std::size_t size : sizes) {
-            std::string name = "file" + std::to_string(size) + ".bin";
-            contents[std::u16string(name.begin(), name.end())] = Pattern(size, static_cast<unsigned>(size));
-            image.put(name, contents[std::u16string(name.begin(), name.end())]);
-        }
-        Volume volume(image.path);
-        ASSERT_NE(volume.driver, nullptr);
-        for (const auto& item : contents) {
-            EXPECT_TRUE(volume.read(item.first) == item.second) << item.second.size();
-            EXPECT_TRUE(volume.read(item.first, 0, ~0ull, 3) == item.second)
-                << "unaligned buffer, " << item.second.size();
-        }
-    }
-}
-
 TEST(FATFiles, FragmentedChainsPartialReadsAndOneTransferPerRun) {
     Image image("-F 12 -s 1", 1024);
     image.put("first", Pattern(5000, 1));

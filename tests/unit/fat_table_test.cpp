@@ -10,7 +10,6 @@
 #include <cstring>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,6 +21,8 @@
 #include "loader/common/error.h"
 #include "loader/common/error_codes.h"
 #include "tests/support/raised_code.h"
+#include "tests/support/shell.h"
+#include "tests/support/volume_fixture.h"
 #include "tests/unit/driver_test_disk.h"
 
 namespace {
@@ -43,6 +44,12 @@ public:
     DirectoryObject* open_directory(std::uint32_t) override { return nullptr; }
     const char* type_name() override { return root_cluster != 0 ? "FAT32" : "FAT16"; }
 };
+
+FATDriver::FATHandler* NewHandler(int bits, FATDriver* driver) {
+    if (bits == 12) return new FAT12Handler(driver);
+    if (bits == 16) return new FAT16Handler(driver);
+    return new FAT32Handler(driver);
+}
 
 std::uint32_t TableSectors(int bits, std::uint32_t clusters) {
     if (bits == 12) return FAT12Handler::table_sectors(clusters, kSector);
@@ -69,13 +76,7 @@ struct Volume {
             Put(0, bits == 12 ? 0xFF8 : bits == 16 ? 0xFFF8 : 0x0FFFFFF8, copy);
             Put(1, bits == 12 ? 0xFFF : bits == 16 ? 0xFFFF : 0x0FFFFFFF, copy);
         }
-        if (bits == 12) {
-            driver->handler = new FAT12Handler(driver.get());
-        } else if (bits == 16) {
-            driver->handler = new FAT16Handler(driver.get());
-        } else {
-            driver->handler = new FAT32Handler(driver.get());
-        }
+        driver->handler = NewHandler(bits, driver.get());
     }
 
     unsigned char* table(std::uint32_t copy = 0) { return disk.sector(kReserved + copy * spf); }
@@ -224,43 +225,33 @@ TEST_P(FatTable, SetEntryWritesWidthAndKeepsEntriesZeroAndOne) {
     EXPECT_EQ(v.Get(1), r1);
 }
 
-TEST_P(FatTable, SetEntryOutsideTheVolumeIsCorrupt) {
+TEST_P(FatTable, EntriesOutsideTheVolumeAndDeviceRefusalsRaise) {
     Volume v(GetParam(), 40);
     for (std::uint32_t cluster : {0u, 1u, 42u, 0xFFFFFFFFu}) {
         EXPECT_EQ(CodeOf([&] { v.handler().set_entry(cluster, 0); }), Common::FILE_CORRUPT) << cluster;
     }
-}
-
-TEST_P(FatTable, SetEntryOnAWriteProtectedDeviceIsReadOnly) {
-    Volume v(GetParam(), 40);
     v.disk.read_only = true;
     EXPECT_EQ(CodeOf([&] { v.handler().set_entry(5, 0); }), Common::FILE_READ_ONLY);
-}
-
-TEST_P(FatTable, UnreadableTableIsAReadError) {
-    Volume v(GetParam(), 40);
-    v.disk.refuse_reads = true;
+    Volume unreadable(GetParam(), 40);
+    unreadable.disk.refuse_reads = true;
     ClusterRun run{0, 0, 2};
-    EXPECT_EQ(CodeOf([&] { v.handler().next_run(run); }), Common::FILE_READ);
+    EXPECT_EQ(CodeOf([&] { unreadable.handler().next_run(run); }), Common::FILE_READ);
 }
 
-TEST_P(FatTable, FindFreeWrapsToTheOnlyFreeCluster) {
-    Volume v(GetParam(), 50);
-    v.FillUsed();
-    v.Put(2, 0);
-    ClusterRun run{0, 0, 51};
-    ASSERT_TRUE(v.handler().find_free(run));
-    EXPECT_EQ(run.first, 2u);
-    EXPECT_EQ(run.end, 3u);
-}
-
-TEST_P(FatTable, FindFreeOnAFullTableFails) {
+TEST_P(FatTable, FindFreeOnAFullTableFailsAndWrapsToTheOnlyFreeCluster) {
     Volume v(GetParam(), 50);
     v.FillUsed();
     for (std::uint32_t start : {2u, 30u, 51u, 52u, 0u, 0xFFFFFFFFu}) {
         ClusterRun run{0, 0, start};
         EXPECT_FALSE(v.handler().find_free(run)) << start;
     }
+    Volume one(GetParam(), 50);
+    one.FillUsed();
+    one.Put(2, 0);
+    ClusterRun run{0, 0, 51};
+    ASSERT_TRUE(one.handler().find_free(run));
+    EXPECT_EQ(run.first, 2u);
+    EXPECT_EQ(run.end, 3u);
 }
 
 TEST_P(FatTable, FindFreeGivesTheFreeStretchAndWhereToGoOn) {
@@ -428,22 +419,17 @@ TEST_P(FatTable, FreeCountWithoutFSInfoIsCountedOnce) {
 }
 
 TEST_P(FatTable, FSInfoCountKeepsAllocationsAndIsWrittenAtTheEnd) {
-    Volume v(GetParam(), 200);
-    v.WriteFSInfo(100);
-    for (int i = 0; i < 3; ++i) v.driver->alloc_cluster();
-    EXPECT_EQ(v.driver->free_cluster_count(false), 97u);
-    v.driver.reset();
-    EXPECT_EQ(v.FSInfoCount(), 97u);
-    EXPECT_EQ(v.disk.sector(kFSInfo)[492], 0xFF);  // the rest of the sector stays
-}
-
-TEST_P(FatTable, FSInfoIsWrittenAtTheEndEvenIfNeverAsked) {
-    Volume v(GetParam(), 200);
-    v.WriteFSInfo(150);
-    v.driver->alloc_cluster();
-    v.driver->alloc_cluster();
-    v.driver.reset();
-    EXPECT_EQ(v.FSInfoCount(), 148u);
+    for (bool asked : {true, false}) {
+        Volume v(GetParam(), 200);
+        v.WriteFSInfo(100);
+        for (int i = 0; i < 3; ++i) v.driver->alloc_cluster();
+        if (asked) {
+            EXPECT_EQ(v.driver->free_cluster_count(false), 97u);
+        }
+        v.driver.reset();
+        EXPECT_EQ(v.FSInfoCount(), 97u) << asked;
+        EXPECT_EQ(v.disk.sector(kFSInfo)[492], 0xFF);  // the rest of the sector stays
+    }
 }
 
 TEST_P(FatTable, UnchangedCountLeavesFSInfoAlone) {
@@ -470,9 +456,7 @@ TEST_P(FatTable, BadFSInfoIsCountedOrRefused) {
         v.driver.reset();
         EXPECT_EQ(v.FSInfoCount(), 100u);  // a bad sector is never written
     }
-}
-
-TEST_P(FatTable, FSInfoCountBeyondTheVolumeIsRecounted) {
+    // A count beyond the volume is recounted.
     Volume v(GetParam(), 200);
     v.WriteFSInfo(200);
     for (std::uint32_t c = 2; c < 52; ++c) v.Put(c, 0xFFFFFFFF);
@@ -592,8 +576,6 @@ struct ToolVolume {
     int sectors_per_cluster;
 };
 
-int RunShell(const std::string& command) { return std::system(command.c_str()); }
-
 std::uint32_t Le(const std::vector<unsigned char>& b, std::size_t at, int bytes) {
     std::uint32_t value = 0;
     for (int i = 0; i < bytes; ++i) value |= std::uint32_t(b[at + i]) << (8 * i);
@@ -601,20 +583,8 @@ std::uint32_t Le(const std::vector<unsigned char>& b, std::size_t at, int bytes)
 }
 
 std::uint64_t ToolFreeBytes(const std::string& image) {
-    std::string out = image + ".free";
-    if (RunShell("mdir -i '" + image + "' :: | grep 'bytes free' | tr -cd 0-9 > '" + out + "'") != 0) return ~0ull;
-    std::ifstream in(out);
-    std::uint64_t bytes = ~0ull;
-    in >> bytes;
-    return bytes;
-}
-
-std::vector<unsigned char> ReadImage(const std::string& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    std::vector<unsigned char> bytes(static_cast<std::size_t>(in.tellg()));
-    in.seekg(0);
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
+    std::string digits = TestSupport::CaptureOutput("mdir -i '" + image + "' :: | grep 'bytes free' | tr -cd 0-9");
+    return digits.empty() ? ~0ull : std::stoull(digits);
 }
 
 TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
@@ -631,8 +601,8 @@ TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
             "' >/dev/null && head -c 7000 /dev/urandom > '" + a + "' && head -c 3000 /dev/urandom > '" + b +
             "' && head -c 40000 /dev/urandom > '" + big + "' && mcopy -i '" + image + "' '" + a + "' ::A && mcopy -i '" +
             image + "' '" + b + "' ::B && mdel -i '" + image + "' ::A && mcopy -i '" + image + "' '" + big + "' ::C";
-        ASSERT_EQ(RunShell(make), 0) << make;
-        std::vector<unsigned char> raw = ReadImage(image);
+        ASSERT_EQ(std::system(make.c_str()), 0) << make;
+        std::vector<unsigned char> raw = TestSupport::LoadFile(image);
         ASSERT_GT(raw.size(), 512u);
 
         // The geometry, from the boot sector as the published format lays it out.
@@ -661,13 +631,7 @@ TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
         driver->first_data_sector = data;
         driver->mirror_fats = fats > 1;
         driver->fsinfo_sector = c.bits == 32 ? Le(raw, 48, 2) : 0;
-        if (c.bits == 12) {
-            driver->handler = new FAT12Handler(driver.get());
-        } else if (c.bits == 16) {
-            driver->handler = new FAT16Handler(driver.get());
-        } else {
-            driver->handler = new FAT32Handler(driver.get());
-        }
+        driver->handler = NewHandler(c.bits, driver.get());
 
         // The directory entry of C, in the root's first sector.
         const std::uint32_t root = c.bits == 32 ? data + (driver->root_cluster - 2) * spc : reserved + fats * spf;
@@ -708,11 +672,8 @@ TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
         EXPECT_EQ(driver->free_cluster_count(true), expected_free);
         driver.reset();
 
-        {
-            std::ofstream out(image, std::ios::binary | std::ios::trunc);
-            out.write(reinterpret_cast<const char*>(disk.bytes.data()), disk.bytes.size());
-        }
-        raw = ReadImage(image);
+        TestSupport::StoreFile(image, disk.bytes);
+        raw = disk.bytes;
         EXPECT_EQ(std::uint64_t(ToolFreeBytes(image)), std::uint64_t(expected_free) * cluster_bytes);
         // Every copy of the table is the same.
         for (std::uint32_t copy = 1; copy < fats; ++copy) {
@@ -723,7 +684,6 @@ TEST(FatTableTools, ChainsAndFreeSpaceAgreeWithMtools) {
             EXPECT_EQ(Le(raw, Le(raw, 48, 2) * sector + 488, 4), expected_free);
         }
         std::remove(image.c_str());
-        std::remove((image + ".free").c_str());
     }
 }
 

@@ -14,6 +14,7 @@
 #include "loader/common/error_codes.h"
 #include "platform/clib/clib.h"
 #include "platform/host/simulator.h"
+#include "tests/support/raised_code.h"
 #include "tests/support/temp_folder.h"
 
 namespace {
@@ -23,14 +24,7 @@ struct Firmware {
     Firmware() { Uefi::InitializeFirmwareAccess(simulator.ImageHandle(), simulator.SystemTable()); }
 };
 
-std::uint32_t RaisedCode(void (*action)()) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
-}
+using TestSupport::RaisedCode;
 
 TEST(FirmwareFile, ImagePathFromFilePathNodes) {
     struct Case {

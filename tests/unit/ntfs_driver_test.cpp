@@ -125,20 +125,16 @@ Content& SharedContent() {
     return content;
 }
 
-TEST(NtfsDriver, ToolFeaturesAreReallyInTheContentImage) {
-    Content& content = SharedContent();
-    ASSERT_TRUE(content.made);
-    // Without these the read tests below would prove less than they claim.
-    EXPECT_NE(content.image.info("-F /holes.bin").find("$ATTRIBUTE_LIST"), std::string::npos);
-    EXPECT_NE(content.image.info("-F /z/text.txt").find("Attribute flags:\t 0x0001"), std::string::npos);
-    EXPECT_NE(content.image.info("-F /z/noise.bin").find("Attribute flags:\t 0x0001"), std::string::npos);
-    EXPECT_NE(content.image.info("-F /sparse.bin").find("Attribute flags:\t 0x8000"), std::string::npos);
-    EXPECT_NE(content.image.info("-F /tiny.txt").find("Resident: \t\t Yes"), std::string::npos);
-}
-
 TEST(NtfsDriver, ReadsEqualTheFilesTheToolsWereGiven) {
     Content& content = SharedContent();
     ASSERT_TRUE(content.made);
+    // Without these kinds of stream in the image the reads below would prove less.
+    ASSERT_NE(content.image.info("-F /holes.bin").find("$ATTRIBUTE_LIST"), std::string::npos);
+    for (const char* name : {"/z/text.txt", "/z/noise.bin"}) {
+        ASSERT_NE(content.image.info(std::string("-F ") + name).find("Attribute flags:\t 0x0001"), std::string::npos);
+    }
+    ASSERT_NE(content.image.info("-F /sparse.bin").find("Attribute flags:\t 0x8000"), std::string::npos);
+    ASSERT_NE(content.image.info("-F /tiny.txt").find("Resident: \t\t Yes"), std::string::npos);
     Volume volume(DiskOf(content.image.file.path));
     ASSERT_NE(volume.driver, nullptr);
     for (const auto& [name, data] : content.files) {
@@ -211,6 +207,8 @@ struct Geometry {
     std::uint32_t sector;
 };
 
+// Reads and changes in every geometry are the image matrix's; here the
+// volume's space, its label, and how contiguous data reaches the device.
 TEST(NtfsDriver, EveryGeometryMountsAndReads) {
     const std::string big = Pattern(1 * kMiB + 100, 3);
     const Geometry rows[] = {{"-c 512", 512}, {"-c 4096", 512}, {"-c 65536", 512}, {"-c 4096", 4096}};
@@ -218,7 +216,7 @@ TEST(NtfsDriver, EveryGeometryMountsAndReads) {
         SCOPED_TRACE(row.options);
         Image image;
         ASSERT_TRUE(image.make(std::string(row.options) + " -s " + std::to_string(row.sector) + " -L Etiqueta", 40,
-                               {{"big.bin", big}, {"small.txt", "small"}}));
+                               {{"big.bin", big}}));
         const std::vector<unsigned char> before = image.file.bytes();
         Volume volume(DiskOf(image.file.path, row.sector));
         ASSERT_NE(volume.driver, nullptr);
@@ -234,8 +232,6 @@ TEST(NtfsDriver, EveryGeometryMountsAndReads) {
         EXPECT_EQ(free, std::stoull(info.substr(at + 15)) * volume.driver->cluster_size);
         EXPECT_EQ(available, free);
         EXPECT_EQ(total, Common::LoadLE64(before.data() + 0x28) * row.sector);
-        EXPECT_TRUE(volume.read(u"/big.bin") == big);
-        EXPECT_EQ(volume.read(u"/small.txt"), "small");
 
         // Contiguous data comes in one transfer, the tail's cluster in one more.
         std::unique_ptr<FileSystemDriver::FileObject> file(volume.driver->get_directory(u"/")->open_file(u"big.bin"));
@@ -247,22 +243,6 @@ TEST(NtfsDriver, EveryGeometryMountsAndReads) {
         EXPECT_TRUE(std::string(aligned, got) == big);
         EXPECT_LE(volume.disk->reads(), 2u);
         EXPECT_EQ(volume.disk->unaligned, 0);
-
-        // A new directory, in every geometry, is where ntfsinfo looks for it.
-        file.reset();
-        std::unique_ptr<rio_dir> root(volume.driver->open_root());
-        root->make_dir(u"new");
-        EXPECT_FALSE(root->failed()) << root->error().Code();
-        std::unique_ptr<rio_file> update(root->open_for_update(u"small.txt", false));
-        std::uint64_t written = 0;
-        if (update != nullptr) update->write("x", 1, written);
-        EXPECT_EQ(written, 1u);
-        update.reset();
-        root.reset();
-        volume.unmount();
-        image.file.store(volume.disk->bytes);
-        EXPECT_NE(image.info("-F /new").find("$INDEX_ROOT"), std::string::npos);
-        EXPECT_EQ(Shell("ntfsfix -n " + image.file.path), 0);
     }
 }
 

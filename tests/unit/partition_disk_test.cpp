@@ -126,6 +126,12 @@ TEST(PartitionDisk, FindsEachPartitionByItsGuid) {
         EXPECT_EQ(disk->GetLastSector(), partition.last - partition.first);
         EXPECT_EQ(FirstBytes(*disk, 12), "partition " + std::to_string(partition.number) + std::string(1, '\0'));
     }
+    // A GUID one bit away from kRoot's names no partition.
+    std::unique_ptr<Fdisk::SimpleDisk> disk;
+    Common::Error result = EfiLoader::FindPartitionDisk(kAbsent, disk);
+    EXPECT_EQ(result.Code(), Common::DISK_NOT_FOUND);
+    EXPECT_EQ(result.Message(), u"No se pudo encontrar.");
+    EXPECT_EQ(disk, nullptr);
 }
 
 TEST(PartitionDisk, WritesLandInsideThePartition) {
@@ -153,16 +159,6 @@ TEST(PartitionDisk, WritesLandInsideThePartition) {
     ASSERT_EQ(std::fread(bytes, 1, sizeof(bytes), output), sizeof(bytes));
     pclose(output);
     EXPECT_EQ(std::string(bytes, sizeof(bytes)), "second partition, sector 3");
-}
-
-TEST(PartitionDisk, AnAbsentGuidIsNotFound) {
-    Firmware firmware;
-    firmware.Disks().Attach(Three().path);
-    std::unique_ptr<Fdisk::SimpleDisk> disk;
-    Common::Error result = EfiLoader::FindPartitionDisk(kAbsent, disk);
-    EXPECT_EQ(result.Code(), Common::DISK_NOT_FOUND);
-    EXPECT_EQ(result.Message(), u"No se pudo encontrar.");
-    EXPECT_EQ(disk, nullptr);
 }
 
 TEST(PartitionDisk, TheFirstOfTwoDevicesWithTheGuidWins) {
@@ -201,7 +197,7 @@ struct HandMadePartition {
     }
 };
 
-TEST(PartitionDisk, OnlyAGptSignatureMatches) {
+TEST(PartitionDisk, OnlyAGptSignatureMatchesAndAnUnopenableDeviceCarriesItsCause) {
     struct Case {
         std::uint8_t format;
         std::uint32_t code;
@@ -218,9 +214,7 @@ TEST(PartitionDisk, OnlyAGptSignatureMatches) {
             EXPECT_EQ(disk->GetLastSector(), 99u);
         }
     }
-}
-
-TEST(PartitionDisk, ADeviceThatCannotBeOpenedCarriesItsCause) {
+    // A matching handle without Block I/O: the refusal carries its cause.
     Firmware firmware;
     HandMadePartition partition(firmware, 2, false);
     std::unique_ptr<Fdisk::SimpleDisk> disk;

@@ -12,19 +12,12 @@
 #include "fsdriver/resizer_number_array.h"
 #include "fsdriver/volume_processing.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/raised_error.h"
 #include "tests/unit/driver_test_disk.h"
 
 namespace {
 
-// The error `action` raises, or the null error.
-Common::Error RaisedBy(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error;
-    }
-    return Common::Error();
-}
+Common::Error RaisedBy(const std::function<void()>& action) { return TestSupport::RaisedError(action); }
 
 void ExpectInternal(const Common::Error& error, const char16_t* text) {
     EXPECT_EQ(error.Code(), Common::RESIZER_INTERNAL);
