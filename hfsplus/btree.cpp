@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "hfsplus/btree_map.h"
+#include "hfsplus/btree_pending.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/node_block.h"
 #include "hfsplus/nodes_cache.h"
@@ -56,6 +57,9 @@ SpecialFileWithBTree::SpecialFileWithBTree(HFSPlusDriver* driver, std::uint32_t 
     CheckHeaderRecord();
     total = HeaderRecord().totalNodes();
     cache = std::make_unique<NodesCache>(NodesCache::kCapacity, node_size, total);
+    // Each slot holds the two largest parts of a record, each rounded up to even.
+    pending = std::make_unique<RecordBufferTree>(max_key_bytes + (max_key_bytes & 1) + max_data_bytes +
+                                                 (max_data_bytes & 1));
 }
 
 SpecialFileWithBTree::~SpecialFileWithBTree() = default;
@@ -112,9 +116,9 @@ NodeBlock& SpecialFileWithBTree::GetNode(std::uint32_t number) {
     if (IsEmpty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     if (number >= total) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if (number == 0) return *header_node;
-    // Nothing is dirty while the driver only reads, so a miss in a full
-    // cache needs no flush first; the cache refuses to evict a dirty node.
-    NodeBlock& node = cache->Acquire(number);
+    // A miss in a full cache writes the dirty nodes first, so that the
+    // eviction never meets one; they reach the disk with the object's flush.
+    NodeBlock& node = BindNode(number);
     if (!node.IsBound()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     if (!node.loaded) ReadNode(number, node);
     return node;

@@ -32,7 +32,9 @@ std::uint16_t SpecialFileWithBTreeFactory::CheckHeaderNode(std::uint32_t fork_id
     probe.Read(scratch.data(), 0, kProbeSize, got);
     if (got < kProbeSize) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
     const auto& descriptor = *reinterpret_cast<const BTNodeDescriptor*>(scratch.data());
-    if (descriptor.fLink() != 0 || descriptor.bLink() != 0 || descriptor.kind() != kHeaderNode ||
+    // The forward link is the first map node's in a tree that has outgrown
+    // its header's map record; the map's load follows and checks it.
+    if (descriptor.bLink() != 0 || descriptor.kind() != kHeaderNode ||
         descriptor.height() != 0 || descriptor.numRecords() != 3) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }

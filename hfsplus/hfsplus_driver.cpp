@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <string>
 
+#include "hfsplus/allocation_file.h"
+#include "hfsplus/attributes_file.h"
 #include "hfsplus/catalog_file.h"
+#include "hfsplus/extents_overflow.h"
 #include "hfsplus/hfsplus_directory.h"
 #include "hfsplus/hfsplus_string.h"
 #include "hfsplus/hfsplus_metadata.h"
@@ -46,6 +49,50 @@ void HFSPlusDriver::refuse_change(std::uint64_t tag) const {
 
 FileSystemDriver::DirectoryObject* HFSPlusDriver::open_directory(std::uint32_t id) {
     return new HFSPlusDirectoryObject(this, CatalogIdOfDirectory(id));
+}
+
+void HFSPlusDriver::flush_blocks() {
+    // An eviction inside the objects' flush or inside a metadata write
+    // comes back here: the blocks' pass alone then, the objects being in
+    // the middle of a change.
+    if (read_only == 0 && !flushing_metadata && metadata_writes == 0) {
+        flushing_metadata = true;
+        struct Clear {
+            bool& flag;
+            ~Clear() { flag = false; }
+        } clear{flushing_metadata};
+        flush_metadata();
+    }
+    FileSystemDriverPosix::flush_blocks();
+}
+
+void HFSPlusDriver::flush_files() {
+    HFSPlusMetadata& held = metadata();
+    if (held.attributes_file) held.attributes_file->FlushTree();
+    if (held.catalog_file) held.catalog_file->FlushTree();
+    if (held.extents_overflow_file) held.extents_overflow_file->FlushTree();
+    if (held.allocation_file) held.allocation_file->Flush();
+}
+
+void HFSPlusDriver::flush_metadata() {
+    flush_files();
+    if (metadata().volume_header) metadata().volume_header->FlushHeader();
+}
+
+void HFSPlusDriver::FlushAreas(std::set<SectorArea>& areas) {
+    for (const SectorArea& area : areas) {
+        if (area.IsEmpty()) continue;
+        DriverLockHold hold(block_lock);
+        auto block = blocks.upper_bound(area.first);
+        if (block != blocks.begin()) --block;
+        for (; block != blocks.end() && block->first <= area.last; ++block) {
+            CachedBlock* cached = block->second;
+            if (cached->dirty == 0 || cached->first + cached->count <= area.first) continue;
+            cached->dirty = 0;
+            device->Transfer(Fdisk::kTransferWrite, first_sector + cached->first, cached->data(), cached->count);
+        }
+    }
+    areas.clear();
 }
 
 HFSPlusMetadata& HFSPlusDriver::metadata() const {

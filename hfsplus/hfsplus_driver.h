@@ -3,19 +3,22 @@
 // mount: it checks the volume header, sees the journal (building the map of
 // its newest sectors, writing nothing), checks both volume headers against
 // what the journal holds, and opens the extents overflow, catalog and
-// attributes trees. It reads files and directories; until its write path
-// exists every change is refused before anything reaches the disk
-// (FILE_READ_ONLY on a volume held read only, FILE_UNSUPPORTED on the
-// others), and the volume stays byte-identical.
+// attributes trees, and loads the allocation bitmap. It reads files and
+// directories; changes of files and directories are refused until the tree
+// changes join (FILE_READ_ONLY on a volume held read only, FILE_UNSUPPORTED
+// on the others). The metadata objects write through the cache; a volume
+// that nobody changes stays byte-identical.
 //
 // A directory id is the folder's catalog node id, except that the root
 // folder (id 2) is directory id 0.
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <set>
 #include <vector>
 
 #include "fsdriver/file_system_driver_posix.h"
+#include "hfsplus/area_limits.h"
 #include "hfsplus/hfsplus_records.h"
 
 namespace hfsplus {
@@ -45,6 +48,16 @@ public:
     void refuse_if_unchangeable() override;
     DirectoryObject* open_directory(std::uint32_t id) override;
     const char* type_name() override { return "HFS+"; }
+    // The flush: the trees and the allocation file (attributes, catalog,
+    // extents overflow, allocation), then the primary header, then every
+    // dirty block. On a read-only driver, inside the objects' own flush and
+    // during a metadata write only the blocks' pass runs.
+    void flush_blocks() override;
+
+    // Writes each dirty cached block that meets an area of `areas`, in
+    // the areas' order, and empties the set. A device's refusal is dropped
+    // here, as at any flush: nobody is left to hear it.
+    void FlushAreas(std::set<SectorArea>& areas);
 
     // --- helpers of the driver's objects ---
     // How a change is refused until the write path exists.
@@ -70,6 +83,9 @@ public:
     std::uint8_t open_status = 0;
     std::uint32_t block_bytes = 0;                // allocation block size
     std::vector<unsigned char> given_bitmap;      // the mount's bitmap argument, copied
+    // Metadata writes under way. A flush that an eviction starts meanwhile
+    // writes the blocks alone: the objects are in the middle of a change.
+    std::uint32_t metadata_writes = 0;
 
 private:
     // The mount's steps, in their order; each raises on a refusal.
@@ -77,6 +93,14 @@ private:
     void open_journal(const VolumeHeader& copy);
     void open_volume_headers();
     void open_trees();
+    void open_allocation_file();
+    // The objects' part of the flush.
+    void flush_metadata();
+    void flush_files();
+    // The unmount's part on a volume that takes changes.
+    void close_volume();
+
+    bool flushing_metadata = false;  // a flush of the objects is under way
 };
 
 }  // namespace hfsplus

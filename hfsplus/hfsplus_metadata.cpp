@@ -1,5 +1,6 @@
 #include "hfsplus/hfsplus_metadata.h"
 
+#include "hfsplus/allocation_file.h"
 #include "hfsplus/attributes_file.h"
 #include "hfsplus/catalog_file.h"
 #include "hfsplus/extents_overflow.h"
@@ -28,6 +29,7 @@ HFSPlusMetadata::~HFSPlusMetadata() {
     attributes_file.reset();
     catalog_file.reset();
     extents_overflow_file.reset();
+    allocation_file.reset();
     alternate_volume_header.reset();
     volume_header.reset();
     journal.reset();
@@ -40,6 +42,7 @@ HFSPlusVolumeHeader& HFSPlusMetadata::GetVolumeHeader() const { return Present(v
 HFSPlusVolumeHeader& HFSPlusMetadata::GetAlternateVolumeHeader() const {
     return Present(alternate_volume_header, ERROR_TAG);
 }
+AllocationFile& HFSPlusMetadata::GetAllocationFile() const { return Present(allocation_file, ERROR_TAG); }
 ExtentsOverflowFile& HFSPlusMetadata::GetExtentsOverflowFile() const {
     return Present(extents_overflow_file, ERROR_TAG);
 }
@@ -50,10 +53,11 @@ bool HFSPlusMetadata::HasComponent(unsigned component) const {
     switch (component) {
     case 0: return volume_header != nullptr && alternate_volume_header != nullptr;
     case 1: return journal != nullptr;
+    case 2: return allocation_file != nullptr;
     case 3: return extents_overflow_file != nullptr;
     case 4: return catalog_file != nullptr;
     case 5: return attributes_file != nullptr;
-    default: return false;  // 2: the allocation file isn't read by this driver yet
+    default: return false;
     }
 }
 

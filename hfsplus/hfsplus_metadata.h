@@ -12,6 +12,7 @@ namespace hfsplus {
 class HFSPlusReplayItemsMap;
 class HFSPlusJournal;
 class HFSPlusVolumeHeader;
+class AllocationFile;
 class ExtentsOverflowFile;
 class CatalogFile;
 class AttributesFile;
@@ -27,6 +28,7 @@ public:
     HFSPlusJournal& GetJournal() const;
     HFSPlusVolumeHeader& GetVolumeHeader() const;
     HFSPlusVolumeHeader& GetAlternateVolumeHeader() const;
+    AllocationFile& GetAllocationFile() const;
     ExtentsOverflowFile& GetExtentsOverflowFile() const;
     CatalogFile& GetCatalogFile() const;
     AttributesFile& GetAttributesFile() const;
@@ -38,7 +40,7 @@ public:
     std::unique_ptr<HFSPlusJournal> journal;
     std::unique_ptr<HFSPlusVolumeHeader> volume_header;
     std::unique_ptr<HFSPlusVolumeHeader> alternate_volume_header;
-    // The allocation file joins here with the write path.
+    std::unique_ptr<AllocationFile> allocation_file;
     std::unique_ptr<ExtentsOverflowFile> extents_overflow_file;
     std::unique_ptr<CatalogFile> catalog_file;
     std::unique_ptr<AttributesFile> attributes_file;

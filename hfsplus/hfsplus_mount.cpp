@@ -1,10 +1,13 @@
 // The mount and the unmount. The trial of drivers hands this constructor
 // volumes of every kind, and damaged ones too: the header is checked before
 // anything is sized or placed by it, and nothing is written. A refusal
-// unwinds what was built so far through the owning members.
+// unwinds what was built so far through the owning members. The unmount of
+// a volume that was changed brings the alternate header up to date and
+// marks the volume consistent again.
 #include <cstring>
 
 #include "fsdriver/directory_object.h"
+#include "hfsplus/allocation_file.h"
 #include "hfsplus/attributes_file.h"
 #include "hfsplus/btree_factory.h"
 #include "hfsplus/catalog_file.h"
@@ -47,6 +50,7 @@ HFSPlusDriver::HFSPlusDriver(Fdisk::SimpleDisk* device, std::uint64_t first_sect
     probe_header(copy);
     open_journal(copy);
     open_volume_headers();
+    metadata_holder->allocation_file = std::make_unique<AllocationFile>(this);
     open_trees();
     opened_files_map = std::make_unique<OpenedFilesInDirectoriesMap>();
 }
@@ -87,16 +91,60 @@ void HFSPlusDriver::open_trees() {
     HFSPlusMetadata& held = metadata();
     SpecialFileWithBTreeFactory factory(this);
     held.extents_overflow_file = factory.MakeExtentsOverflowFile();
+    open_allocation_file();
     held.catalog_file = factory.MakeCatalogFile(*held.extents_overflow_file);
     held.attributes_file = factory.MakeAttributesFile(*held.extents_overflow_file);
     // No attributes file: nothing of it can be out of date on the disk.
     if (!held.attributes_file) open_status |= kAttributesClean;
+    // The trees take their growth from the allocation file.
+    held.extents_overflow_file->SetAllocationFile(held.allocation_file.get());
+    held.catalog_file->SetAllocationFile(held.allocation_file.get());
+    if (held.attributes_file) held.attributes_file->SetAllocationFile(held.allocation_file.get());
 }
 
-// Nothing is written: until the write path exists no change reaches the
-// cache, so the dismount finds nothing dirty.
+// Its extents behind the header's eight come from the overflow tree, and
+// only then can the bits be read whole.
+void HFSPlusDriver::open_allocation_file() {
+    HFSPlusMetadata& held = metadata();
+    held.extents_overflow_file->CompleteExtents(*held.allocation_file);
+    held.allocation_file->LoadBitmap();
+}
+
+// The unmount of a volume that takes changes: the files' last changes, the
+// alternate brought up to the primary, and the primary marked consistent
+// when every file reached the disk. An error here has nobody to go to: what
+// went out stays, and the volume is left marked inconsistent.
+void HFSPlusDriver::close_volume() {
+    HFSPlusMetadata& held = metadata();
+    if (!held.HasComponent(0)) return;
+    flush_files();
+    HFSPlusVolumeHeader& primary = held.GetVolumeHeader();
+    HFSPlusVolumeHeader& alternate = held.GetAlternateVolumeHeader();
+    primary.CopyChangesTo(alternate);
+    // A header that went to the disk in this mount carries the stamp, which
+    // the unmount takes back.
+    const bool changed = primary.dirty != 0 || primary.written;
+    if (changed) alternate.MarkDirty();
+    constexpr std::uint8_t kAllClean = kAllocationClean | kExtentsClean | kCatalogClean | kAttributesClean;
+    if (changed && (open_status & kAllClean) == kAllClean) {
+        primary.MarkConsistent();
+        primary.MarkDirty();
+    }
+    alternate.FlushHeader();
+    flush_metadata();
+}
+
 HFSPlusDriver::~HFSPlusDriver() {
-    dismount();
+    if (read_only == 0 && metadata_holder) {
+        try {
+            close_volume();
+        } catch (const Common::Error&) {
+        }
+    }
+    try {
+        dismount();
+    } catch (const Common::Error&) {
+    }
     // Directory objects use the catalog and the open files, so they go
     // before the metadata, the private directory with them.
     if (private_directory != nullptr) {

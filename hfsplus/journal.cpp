@@ -4,6 +4,7 @@
 
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/journal_transaction.h"
+#include "hfsplus/journaled_object.h"
 #include "hfsplus/replay_map.h"
 #include "loader/common/raise.h"
 
@@ -42,6 +43,7 @@ HFSPlusJournal::HFSPlusJournal(HFSPlusDriver* owner, const VolumeHeader& header,
     // read, and reads are plain.
     if ((journal_info.flags() & JournalInfoBlock::kNeedInit) != 0) {
         clean = true;
+        needs_init = true;
         return;
     }
     read_header();
@@ -116,8 +118,7 @@ void HFSPlusJournal::Replay(bool commit) {
     const bool holds_transactions = (attributes & kVolumeJournaled) != 0 && info_block != 0 &&
                                     journal_header.start() != journal_header.end();
     if (!holds_transactions || (!commit && !replay_items->empty())) return;
-    // Copying the journal to its places, and emptying it, is a change.
-    if (commit) driver->refuse_change(ERROR_TAG);
+    if (commit && driver->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
     HFSPlusJournalBuffer buffer(driver, journal_header, journal_info, block_size);
     HFSPlusTransactionLightIterator walk_end(journal_info.offset() + journal_header.end());
     HFSPlusTransactionIterator transaction(buffer, walk_end.GetPosition(), replay_items, commit, &dirty_areas);
@@ -125,6 +126,72 @@ void HFSPlusJournal::Replay(bool commit) {
         transaction.Transaction()->Apply();
         transaction.Step();
     }
+    if (commit) mark_empty();
+}
+
+SectorArea HFSPlusJournal::header_area() const {
+    const std::uint64_t offset = journal_info.offset();
+    if (offset % driver->sector_size != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    return SectorArea::FromCount(offset / driver->sector_size, 1);
+}
+
+// The rest of the header's sector is zero, as a fresh journal's is.
+void HFSPlusJournal::write_header() {
+    journal_header.checksum_.set(0);
+    journal_header.checksum_.set(JournalChecksum(&journal_header, sizeof(journal_header)));
+    GetBuffer sector(driver);
+    sector.SetArea(header_area());
+    sector.SetSize(sizeof(journal_header));
+    sector.Write(&journal_header, sizeof(journal_header));
+    dirty_areas.insert(header_area());
+}
+
+void HFSPlusJournal::mark_empty() {
+    journal_header.start_.set(journal_header.end());
+    write_header();
+    clean = true;
+}
+
+void HFSPlusJournal::Initialise() {
+    if (driver->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    const std::uint32_t sector = driver->sector_size;
+    JournalHeader fresh{};
+    fresh.magic_.set(JournalHeader::kMagic);
+    fresh.endian_.set(JournalHeader::kEndian);
+    fresh.start_.set(sector);
+    fresh.end_.set(sector);
+    fresh.blhdr_size_.set(HFSPlusJournalBuffer::kBufferBytes);
+    fresh.size_.set(journal_info.size());
+    fresh.jhdr_size_.set(sector);
+    journal_header = fresh;
+    write_header();
+    journal_info.flags_.set(journal_info.flags() & ~JournalInfoBlock::kNeedInit);
+    const SectorArea info_area = SectorArea::FromCount(std::uint64_t(info_block) * (block_size / sector), 1);
+    GetBuffer info(driver);
+    info.SetArea(info_area);
+    info.SetSize(sizeof(journal_info));
+    info.Write(&journal_info, sizeof(journal_info));
+    dirty_areas.insert(info_area);
+    needs_init = false;
+    clean = true;
+}
+
+void HFSPlusJournal::FlushDirtyAreas() {
+    std::set<SectorArea> header_areas;
+    const SectorArea header = header_area();
+    for (auto it = dirty_areas.begin(); it != dirty_areas.end();) {
+        if (SectorArea::Intersect(*it, header).IsEmpty()) {
+            ++it;
+        } else {
+            header_areas.insert(*it);
+            it = dirty_areas.erase(it);
+        }
+    }
+    driver->FlushAreas(dirty_areas);
+    // What the device holds back in its own cache goes out before the
+    // header that says the journal is empty.
+    driver->device->Transfer(Fdisk::kTransferFlush, 0, nullptr, 0);
+    driver->FlushAreas(header_areas);
 }
 
 }  // namespace hfsplus

@@ -3,7 +3,8 @@
 // and header are checked, and if it holds transactions they are walked once
 // to fill the replay map. Nothing is written at mount; the real replay (the
 // journal's blocks copied to their places, the header marked empty) comes
-// with the first write of the write path.
+// with the first write of a metadata object, and so does the making of a
+// journal that was never initialised.
 #include <cstdint>
 #include <set>
 
@@ -31,6 +32,15 @@ public:
     // their blocks; commit (the write path's) copies them to their places.
     void Replay(bool commit);
     bool IsClean() const { return clean; }
+    // A journal whose info block asks for a header that was never written.
+    bool NeedsInitialisation() const { return needs_init; }
+    // Writes an empty header and clears the info block's request, into the
+    // cache; FILE_UNSUPPORTED on a read-only driver.
+    void Initialise();
+    // Writes what a replay or the initialisation left dirty: the volume's
+    // sectors first, the journal's header behind them, so that a write cut
+    // short leaves a journal that the next mount replays again.
+    void FlushDirtyAreas();
 
     HFSPlusDriver* driver;  // not owned
     std::uint32_t attributes = 0;
@@ -42,8 +52,12 @@ public:
     HFSPlusReplayItemsMap* replay_items;  // not owned
     std::set<SectorArea> dirty_areas;
     bool clean = false;
+    bool needs_init = false;
 
 private:
+    SectorArea header_area() const;
+    void write_header();
+    void mark_empty();
     void read_info();
     void check_info() const;
     void read_header();

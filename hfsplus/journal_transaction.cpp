@@ -4,6 +4,7 @@
 
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/journal.h"
+#include "hfsplus/journaled_object.h"
 #include "hfsplus/replay_map.h"
 #include "loader/common/raise.h"
 
@@ -140,14 +141,26 @@ void HFSPlusTransaction::map_pass() {
         std::uint64_t done = 0;
         while (ring->HasPiece()) {
             std::uint32_t bytes = 0;
-            const SectorArea source = ring->TakePiece(nullptr, bytes);
+            const SectorArea source = ring->TakePiece(commit ? piece_buffer() : nullptr, bytes);
             const SectorArea target = SectorArea::FromCount(block.bnum() + done, source.GetCount());
-            // Copying the blocks to their places is the write path's.
-            if (commit) driver->refuse_change(ERROR_TAG);
-            replay_items->Insert(HFSPlusReplayItem(target, source));
+            if (commit) {
+                GetBuffer place(driver);
+                place.SetArea(target);
+                place.Write(piece_buffer(), bytes);
+                dirty_areas->insert(target);
+            } else {
+                replay_items->Insert(HFSPlusReplayItem(target, source));
+            }
             done += source.GetCount();
         }
     }
+}
+
+// A piece is at most one allocation block, which may be larger than the
+// walk's buffers.
+unsigned char* HFSPlusTransaction::piece_buffer() {
+    if (!piece) piece = std::make_unique<AlignedBuffer>(ring->chunk, driver->sector_size);
+    return piece->data();
 }
 
 HFSPlusTransactionIterator::HFSPlusTransactionIterator(HFSPlusJournalBuffer& walk_buffer, std::uint64_t walk_end,

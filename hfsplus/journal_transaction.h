@@ -4,7 +4,8 @@
 // in the ring by the blocks' data. Its blocks are checked first (when the
 // list asks for checksums), then mapped: each block becomes an item of the
 // replay map that says where on the volume it belongs and where in the
-// journal its newest copy lies.
+// journal its newest copy lies. A commit copies the blocks to their places
+// in the cache instead.
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -69,6 +70,7 @@ private:
     void check_pass();
     void map_pass();
     std::uint32_t gather_block(std::uint32_t bsize);
+    unsigned char* piece_buffer();
 
     HFSPlusDriver* driver;  // not owned
     const JournalHeader* journal_header;
@@ -80,6 +82,7 @@ private:
     bool bad = false;
     unsigned char* gather;
     std::vector<std::uint32_t> checksums;  // by entry, from the check pass
+    std::unique_ptr<AlignedBuffer> piece;   // a commit's copy of one piece
 };
 
 // Positions of a walk, as volume byte offsets of a block list.

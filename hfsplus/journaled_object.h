@@ -7,10 +7,16 @@
 // journal full of transactions reads as it will after replay, while nothing
 // is written.
 //
+// It is also the one place where metadata writes enter the block cache. The
+// first write empties the journal (its blocks copied to their places, its
+// header marked empty); later writes go straight to the cached sectors,
+// which reach the device at flush. Nothing of our own is journaled: the
+// volume header's inconsistent bit covers a crash while writes are pending.
+//
 // Reads go through the driver's bulk transfer, which sees what the block
-// cache holds; metadata objects keep their own buffers (B-tree nodes) and
-// never take cached blocks of their own, so they can't collide with the
-// file data blocks on the cache's grid.
+// cache holds. Writes take cached blocks on the grid of allocation blocks,
+// the grid that file data's partial blocks use, so that a sector is always
+// asked of the cache with the same count.
 #include <cstdint>
 #include <set>
 
@@ -33,6 +39,37 @@ std::uint32_t MacTimeFromMilliseconds(std::uint64_t value);
 // An HFS+ date as the framework's time, milliseconds since 1970.
 std::int64_t MillisecondsFromMacTime(std::uint32_t date);
 
+// Copies bytes into the cached sectors of an area, marking them dirty. The
+// first copy of a mount passes the driver's first-write gate, whose refusal
+// is FILE_READ_ONLY.
+class GetBuffer {
+public:
+    explicit GetBuffer(HFSPlusDriver* driver) : driver(driver) {}
+    // FILE_UNSUPPORTED for an empty area.
+    void SetArea(const SectorArea& area);
+    // The area's sectors are zeroed before the bytes go in, `bytes` being at
+    // most the area's size (FILE_UNSUPPORTED above it).
+    void SetSize(std::uint64_t bytes);
+    // Copies `bytes` bytes to byte `offset` of the area. FILE_UNSUPPORTED for
+    // null data, 0 bytes or bytes that leave the area.
+    void Write(const void* data, std::uint64_t bytes, std::uint64_t offset = 0);
+
+private:
+    HFSPlusDriver* driver;  // not owned
+    SectorArea area;
+    bool zero = false;
+};
+
+// The cached blocks that hold sectors of the volume lie on the grid of
+// allocation blocks; the last one is cut by the volume's end. Not an area:
+// sector 0 alone is a unit where a block holds one sector.
+struct CacheUnit {
+    std::uint64_t first;
+    std::uint64_t count;
+    std::uint64_t end() const { return first + count; }
+};
+CacheUnit CacheUnitOf(const HFSPlusDriver& driver, std::uint64_t sector);
+
 class JournaledFileSystemObject : public FileSystemDriver::FileObject {
 public:
     explicit JournaledFileSystemObject(HFSPlusDriver* driver);
@@ -41,7 +78,6 @@ public:
     // --- the framework's file operations ---
     std::uint64_t sector_at(std::uint64_t position) override;
     void read(void* buffer, std::uint64_t position, std::uint64_t size, std::uint64_t& got) override;
-    // Metadata changes come with the write path: refused until then.
     void write(const void* buffer, std::uint64_t position, std::uint64_t size, std::uint64_t& written) override;
     void set_size(std::uint64_t size) override;   // FILE_UNSUPPORTED
     void set_times(std::uint64_t, std::uint64_t, std::uint64_t) override;  // FILE_UNSUPPORTED
@@ -52,8 +88,21 @@ public:
     // the object's sectors end early. FILE_READ when a journal item covers
     // only part of a run that the map cut.
     void Read(void* buffer, std::uint64_t position, std::uint64_t count, std::uint64_t& read_count);
+    // Writes `count` bytes at `position` into the cached sectors, which stay
+    // dirty until Flush. FILE_UNSUPPORTED on a read-only driver, for a null
+    // buffer or a range that leaves the object's size (it grows first). The
+    // first write replays a journal that isn't empty and empties it.
+    void Write(const void* buffer, std::uint64_t position, std::uint64_t count, std::uint64_t& written);
+    // Gives the cached sectors of `source` the place `target` without
+    // copying them through the caller; they are dirty from then on.
+    // FILE_UNSUPPORTED for a read-only driver, an empty side, equal areas
+    // or areas of different length.
+    void MoveSectors(const SectorArea& source, const SectorArea& target);
     // Writes the dirty areas out and clears the dirty mark.
     void Flush();
+    // Empties a journal that isn't, before the first change: its blocks go
+    // to their places and its header, emptied, follows them to the disk.
+    void CommitJournal();
     virtual void MarkDirty() { dirty = 1; }
     void AddDirtyArea(const SectorArea& area);
     // The sectors that hold the object from byte `position` on, to the end
@@ -74,6 +123,10 @@ private:
     // Reads one run of whole sectors that the map cut, from the journal's
     // copy where it has one. `out` is aligned on the sector size.
     void read_run(unsigned char* out, const SectorArea& area, const HFSPlusReplayItem& item);
+    void check_change(const void* buffer, std::uint64_t position, std::uint64_t count);
+    void note_change();
+    // Moves one piece of `length` sectors that the map didn't cut.
+    void move_piece(std::uint64_t source, std::uint64_t target, std::uint64_t length);
 };
 
 }  // namespace hfsplus

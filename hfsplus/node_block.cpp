@@ -111,4 +111,75 @@ std::uint32_t NodeBlock::GetChild(std::uint16_t index) const {
     return Common::LoadBE32(child);
 }
 
+void NodeBlock::SetOffset(std::uint16_t slot, std::uint16_t value) {
+    Common::StoreBE16(data + node_size - 2 * (static_cast<std::size_t>(slot) + 1), value);
+}
+
+void NodeBlock::SetRecordCount(std::uint16_t count) { Common::StoreBE16(data + 10, count); }
+
+void NodeBlock::Initialise(std::int8_t kind, std::uint8_t height, std::uint32_t backward_link) {
+    if (data == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    std::memset(data, 0, node_size);
+    Common::StoreBE32(data + 4, backward_link);
+    data[8] = static_cast<unsigned char>(kind);
+    data[9] = height;
+    SetOffset(0, kDescriptorSize);
+    loaded = 1;
+    dirty = 1;
+}
+
+void NodeBlock::Clear() {
+    if (data == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    std::memset(data, 0, node_size);
+    dirty = 1;
+}
+
+void NodeBlock::SetForwardLink(std::uint32_t link) {
+    GetDescriptor();
+    Common::StoreBE32(data, link);
+    dirty = 1;
+}
+
+void NodeBlock::SetBackwardLink(std::uint32_t link) {
+    GetDescriptor();
+    Common::StoreBE32(data + 4, link);
+    dirty = 1;
+}
+
+void NodeBlock::InsertRecordAt(std::uint16_t index, const unsigned char* bytes, std::uint16_t size) {
+    const std::uint16_t count = GetRecordCount();
+    if (index > count || (size & 1) != 0 || size == 0 || !HasRoomFor(size)) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    const std::uint16_t at = Offset(index);
+    const std::uint16_t end = Offset(count);
+    std::memmove(data + at + size, data + at, end - at);
+    std::memcpy(data + at, bytes, size);
+    for (std::uint16_t slot = static_cast<std::uint16_t>(count + 1); slot > index; --slot) {
+        SetOffset(slot, static_cast<std::uint16_t>(Offset(static_cast<std::uint16_t>(slot - 1)) + size));
+    }
+    SetRecordCount(static_cast<std::uint16_t>(count + 1));
+    dirty = 1;
+}
+
+void NodeBlock::RemoveRecordAt(std::uint16_t index) {
+    const std::uint16_t count = GetRecordCount();
+    const std::uint16_t size = GetRecordSize(index);
+    const std::uint16_t at = Offset(index);
+    const std::uint16_t end = Offset(count);
+    std::memmove(data + at, data + at + size, end - at - size);
+    std::memset(data + end - size, 0, size);
+    for (std::uint16_t slot = index; slot < count; ++slot) {
+        SetOffset(slot, static_cast<std::uint16_t>(Offset(static_cast<std::uint16_t>(slot + 1)) - size));
+    }
+    SetOffset(count, 0);
+    SetRecordCount(static_cast<std::uint16_t>(count - 1));
+    dirty = 1;
+}
+
+unsigned char* NodeBlock::RecordBytes(std::uint16_t index) {
+    GetRecord(index);
+    return data + Offset(index);
+}
+
 }  // namespace hfsplus

@@ -94,6 +94,24 @@ public:
     // Index records: the child node number behind the key.
     std::uint32_t GetChild(std::uint16_t index) const;
 
+    // --- changes; each keeps the offsets contiguous, the free-space offset
+    // behind the last record, and leaves the node dirty ---
+    // An empty node of `kind` and `height`, its buffer zeroed, loaded.
+    void Initialise(std::int8_t kind, std::uint8_t height, std::uint32_t backward_link);
+    // A freed node: its bytes zeroed, dirty so that the zeros reach the disk.
+    void Clear();
+    void SetForwardLink(std::uint32_t link);
+    void SetBackwardLink(std::uint32_t link);
+    // Puts `size` bytes in as record `index` (at most the count), moving the
+    // later ones up. FILE_CORRUPT when they don't fit or `size` is odd.
+    void InsertRecordAt(std::uint16_t index, const unsigned char* bytes, std::uint16_t size);
+    // Closes the gap of record `index` and zeroes the bytes freed at the top.
+    void RemoveRecordAt(std::uint16_t index);
+    // The bytes of a record for the caller to change in place (map records).
+    unsigned char* RecordBytes(std::uint16_t index);
+    // Whether a record of `size` bytes has room, its offset entry included.
+    bool HasRoomFor(std::size_t size) const { return size + 2 <= GetFreeSize(); }
+
     std::uint32_t number;
     std::uint16_t node_size;
     unsigned char* data = nullptr;  // the buffer while bound
@@ -103,6 +121,8 @@ public:
 
 private:
     std::uint16_t Offset(std::uint16_t slot) const;
+    void SetOffset(std::uint16_t slot, std::uint16_t value);
+    void SetRecordCount(std::uint16_t count);
     // Where the data of a record starts: behind the key and, for an odd key
     // length, its pad byte. FILE_CORRUPT when that leaves the record.
     std::size_t DataOffset(std::uint16_t index) const;

@@ -15,6 +15,11 @@ NodesCache::NodesCache(std::uint8_t capacity, std::uint16_t node_size, std::uint
     for (std::uint8_t i = 0; i < capacity; ++i) entries[i].buffer = i;
 }
 
+void NodesCache::Resize(std::uint32_t count) {
+    if (count < node_count) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    node_count = count;
+}
+
 NodeBlock* NodesCache::Find(std::uint32_t number) const {
     auto found = nodes.find(number);
     return found == nodes.end() ? nullptr : found->second.get();

@@ -35,6 +35,9 @@ public:
     // The node known by number, bound or not; null when never asked for.
     NodeBlock* Find(std::uint32_t number) const;
 
+    // The tree has grown to `count` nodes; FILE_UNSUPPORTED for fewer.
+    void Resize(std::uint32_t count);
+
     bool full() const { return is_full != 0; }
     std::uint8_t capacity() const { return static_cast<std::uint8_t>(entries.size()); }
     // The node at a place of the list, kFreeEntry when the place is free.

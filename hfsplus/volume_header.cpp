@@ -1,6 +1,7 @@
 #include "hfsplus/volume_header.h"
 
 #include <cstdint>
+#include <cstring>
 
 #include "hfsplus/hfsplus_driver.h"
 #include "loader/common/raise.h"
@@ -10,6 +11,9 @@ namespace hfsplus {
 namespace {
 
 bool PowerOfTwo(std::uint32_t value) { return value != 0 && (value & (value - 1)) == 0; }
+
+// What a volume last mounted here says in lastMountedVersion.
+constexpr unsigned char kMountedVersion[4] = {'M', 'O', 'R', 'V'};
 
 // The special files' forks in the order they are checked.
 constexpr std::uint32_t kCheckedForks[] = {kAllocationFileId, kExtentsFileId, kCatalogFileId, kAttributesFileId,
@@ -68,6 +72,56 @@ HFSPlusVolumeHeader::HFSPlusVolumeHeader(HFSPlusDriver* driver, std::uint32_t in
     }
     check_forks();
     note_state();
+    if (driver->read_only == 0 && index == kPrimary) stamp();
+}
+
+// Boot folders in the finder words make the system that set them keep the
+// in-use bit as it is; other volumes show it cleared while mounted here.
+void HFSPlusVolumeHeader::stamp() {
+    VolumeHeader& copy = header();
+    std::uint32_t attributes = copy.attributes();
+    if (copy.finderInfo(0) == 0 && copy.finderInfo(1) == 0 && copy.finderInfo(5) == 0) {
+        attributes &= ~kVolumeUnmounted;
+    }
+    copy.attributes_.set(attributes | kVolumeInconsistent);
+    std::memcpy(copy.lastMountedVersion_, kMountedVersion, sizeof(copy.lastMountedVersion_));
+    copy.modifyDate_.set(MacLocalTimeNow());
+    copy.writeCount_.set(copy.writeCount() + 1);
+}
+
+void HFSPlusVolumeHeader::FlushHeader() {
+    if (dirty != 0 && driver->read_only == 0) {
+        std::uint64_t count = 0;
+        Write(bytes, 0, sizeof(bytes), count);
+        if (count < sizeof(bytes)) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+        JournaledFileSystemObject::Flush();
+        written = true;
+    }
+    dirty = 0;
+}
+
+void HFSPlusVolumeHeader::CopyChangesTo(HFSPlusVolumeHeader& alternate) const {
+    const VolumeHeader& from = header();
+    VolumeHeader& to = alternate.header();
+    to.modifyDate_ = from.modifyDate_;
+    to.fileCount_ = from.fileCount_;
+    to.folderCount_ = from.folderCount_;
+    to.freeBlocks_ = from.freeBlocks_;
+    to.nextAllocation_ = from.nextAllocation_;
+    to.nextCatalogID_ = from.nextCatalogID_;
+    to.writeCount_ = from.writeCount_;
+    to.encodingsBitmap_ = from.encodingsBitmap_;
+    std::memcpy(to.finderInfo_, from.finderInfo_, sizeof(to.finderInfo_));
+    to.allocationFile_ = from.allocationFile_;
+    to.extentsFile_ = from.extentsFile_;
+    to.catalogFile_ = from.catalogFile_;
+    to.attributesFile_ = from.attributesFile_;
+    to.startupFile_ = from.startupFile_;
+}
+
+void HFSPlusVolumeHeader::MarkConsistent() {
+    VolumeHeader& copy = header();
+    copy.attributes_.set((copy.attributes() | kVolumeUnmounted) & ~kVolumeInconsistent);
 }
 
 SectorArea HFSPlusVolumeHeader::Locate(std::uint64_t position) {

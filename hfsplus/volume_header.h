@@ -3,6 +3,13 @@
 // 1024 of the volume, the alternate 1024 bytes before its end. Its bytes
 // are read through the journal, so a header that a transaction changed is
 // seen as changed.
+//
+// On a volume that takes changes the primary is stamped at mount, in
+// memory: marked in use and inconsistent, with this system's version and a
+// new write count. The first change marks it dirty, so the stamp reaches
+// the disk with the change's flush; the unmount marks it consistent again
+// and copies what changed to the alternate. A crash in between leaves the
+// volume inconsistent, and the next mount serves it read only.
 #include <cstdint>
 
 #include "hfsplus/hfsplus_records.h"
@@ -32,6 +39,17 @@ public:
     SectorArea Locate(std::uint64_t position) override;
     std::uint64_t OffsetInSector(std::uint64_t position) override;
 
+    // Writes the 512 bytes if they are dirty, then the dirty areas; on a
+    // read-only driver it only forgets the mark. FILE_WRITE for a short write.
+    void FlushHeader();
+    void flush_file() override { FlushHeader(); }
+    // The unmount's copy to the alternate: counts, dates of change, the
+    // finder words and the forks; not the attributes, the version, the
+    // journal, the other dates, the geometry or the clump sizes.
+    void CopyChangesTo(HFSPlusVolumeHeader& alternate) const;
+    // The unmount's last word on a volume all of whose files reached the disk.
+    void MarkConsistent();
+
     const VolumeHeader& header() const { return *reinterpret_cast<const VolumeHeader*>(bytes); }
     VolumeHeader& header() { return *reinterpret_cast<VolumeHeader*>(bytes); }
 
@@ -39,10 +57,12 @@ public:
     std::uint32_t index;
     std::uint64_t device_sectors;
     std::uint64_t volume_byte = 0;  // where the header starts on the volume
+    bool written = false;           // the header went to the disk in this mount
 
 private:
     void check_forks() const;
     void note_state();
+    void stamp();
 };
 
 }  // namespace hfsplus

@@ -353,7 +353,8 @@ TEST(HFSPlusAllocationFile, FilesGrowAndShrinkOnAMkfsVolume) {
 
     // A failed write of the bits keeps the mark; with nothing clear the
     // next allocation is the block count.
-    EXPECT_EQ(RaisedCode([&] { allocation->Flush(); }) == 0, allocation->dirty == 0);
+    const bool flushed = RaisedCode([&] { allocation->Flush(); }) == 0;
+    EXPECT_EQ(flushed, allocation->dirty == 0);
     const std::vector<unsigned char> full_bits(bitmap.byte_count(), 0xFF);
     AllocationFile full(&made.driver(), full_bits.data(), full_bits.size());
     full.MarkDirty();

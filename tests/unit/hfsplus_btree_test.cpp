@@ -398,6 +398,10 @@ TEST_F(ManyFiles, DamagedNodesAreCorruptNotHangs) {
         {"total nodes past the fork",
          [&](std::vector<unsigned char>& b) { Common::StoreBE32(&b[tree.node(0) + 14 + 22], 0x7FFFFFFF); }},
         {"root of leaf kind", [&](std::vector<unsigned char>& b) { b[tree.node(root) + 8] = 0xFF; }},
+        {"header linked to a leaf as its map node",
+         [&](std::vector<unsigned char>& b) { Common::StoreBE32(&b[tree.node(0)], first_leaf); }},
+        {"header linked past the total nodes",
+         [&](std::vector<unsigned char>& b) { Common::StoreBE32(&b[tree.node(0)], 0x00FFFFFF); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
