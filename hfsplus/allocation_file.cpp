@@ -28,21 +28,6 @@ BlockArea AreaOf(const ExtentDescriptor& extent) {
 
 }  // namespace
 
-void MergeLastPairs(ExtentsDescriptorArray& extents) {
-    std::vector<BlockArea> list;
-    for (std::uint32_t i = 0; i < extents.extent_count(); ++i) list.push_back(AreaOf(extents.GetExtent(i)));
-    for (std::size_t upper = list.size(); upper-- > 1;) {
-        BlockArea& lower = list[upper - 1];
-        const BlockArea& above = list[upper];
-        if (lower.IsEmpty() || above.IsEmpty() || std::uint64_t(lower.last) + 1 != above.first) continue;
-        lower.last = above.last;
-        list.erase(list.begin() + static_cast<std::ptrdiff_t>(upper));
-        if (upper-- == 1) break;  // the walk goes on two places down
-    }
-    extents.Clear();
-    for (const BlockArea& area : list) extents.AddArea(area);
-}
-
 AllocationFile::AllocationFile(HFSPlusDriver* driver)
     : AllocationFile(driver, driver->given_bitmap.empty() ? nullptr : driver->given_bitmap.data(),
                      driver->given_bitmap.size()) {}
@@ -125,7 +110,7 @@ bool AllocationFile::ExtendFile(std::uint32_t file_id, std::uint32_t blocks, Ext
     if (!Allocate(blocks, extents, kNoUnit)) return false;
     TakeFreeBlocks(found.block_count());
     extents.AddAll(found);
-    MergeLastPairs(extents);
+    extents.MergeLastPairs();
     MarkDirty();
     return true;
 }
@@ -140,7 +125,7 @@ bool AllocationFile::ExtendTreeFile(SpecialFile& file) {
     if (!Allocate(blocks, file.extents, file.GetAllocationUnit())) return false;
     ExtentsDescriptorArray grown(file.extents);
     grown.AddAll(found);
-    MergeLastPairs(grown);
+    grown.MergeLastPairs();
     if (overflow_tree && grown.extent_count() > kOverflowExtents) {
         GiveBackFound();
         return false;
@@ -176,7 +161,7 @@ const ExtentsDescriptorArray& AllocationFile::Relocate(std::uint32_t blocks, con
     if (total == 0 || total > bitmap_->clear_count()) return answer;
     if (!Allocate(static_cast<std::uint32_t>(total), answer, unit)) return answer;
     ExtentsDescriptorArray list(found);
-    MergeLastPairs(list);
+    list.MergeLastPairs();
     if (list.extent_count() > most_extents) {
         GiveBackFound();
         return answer;

@@ -99,9 +99,4 @@ private:
     BlockArea result;
 };
 
-// Joins neighbours from the last pair of the list down: a pair where the
-// lower extent ends where the upper one starts becomes one, and the walk
-// goes on two places down.
-void MergeLastPairs(ExtentsDescriptorArray& extents);
-
 }  // namespace hfsplus

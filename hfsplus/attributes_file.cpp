@@ -1,6 +1,14 @@
 #include "hfsplus/attributes_file.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "hfsplus/allocation_file.h"
 #include "hfsplus/extents_overflow.h"
+#include "hfsplus/hfsplus_driver.h"
+#include "hfsplus/hfsplus_metadata.h"
+#include "hfsplus/journaled_object.h"
+#include "hfsplus/volume_header.h"
 #include "hfsplus/node_block.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/raise.h"
@@ -164,6 +172,104 @@ void AttributesFile::GetForkExtents(std::uint32_t file_id, const HFSPlusString& 
         if (extents.block_count() == before) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
     if (extents.block_count() > total_blocks) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+}
+
+void AttributesFile::CheckChange() const {
+    CheckValid();
+    if (driver->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+}
+
+void AttributesFile::FreeList(ExtentsDescriptorArray& list) {
+    if (list.extent_count() != 0) driver->metadata().GetAllocationFile().FreeExtents(list);
+    list.Clear();
+}
+
+// Records go one at a time, each found again from the file's first key: a
+// deletion may merge nodes, and a fresh search never follows a stale link.
+// A fork record (start block 0) sorts before its extents records, and the
+// next name's records behind them, so the list of one fork is complete
+// when the next fork or inline record comes.
+void AttributesFile::DeleteAttributes(std::uint32_t file_id) {
+    CheckChange();
+    ExtentsDescriptorArray list;
+    std::uint64_t total = 0;
+    std::uint32_t previous = 0;
+    const std::uint32_t most = leaf_records();
+    for (std::uint32_t deleted = 0;; ++deleted) {
+        const RecordPosition position = FindFirst(file_id, 0, HFSPlusString());
+        if (!position.IsValid()) break;
+        if (deleted >= most) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        NodeBlock& node = GetLeafAt(position);
+        const std::size_t key_size = node.GetKeySize(position.index);
+        const KeyView key = ViewKey(node.GetKey(position.index), key_size);
+        std::size_t size = 0;
+        const unsigned char* data = node.GetRecordData(position.index, size);
+        const std::uint32_t type = size >= 4 ? Common::LoadBE32(data) : 0;
+        if (type == kAttrInlineData) {
+            FreeList(list);
+        } else if (type == kAttrForkData && size >= sizeof(AttrForkData)) {
+            FreeList(list);
+            const ForkData& fork = reinterpret_cast<const AttrForkData*>(data)->theFork();
+            total = fork.totalBlocks();
+            list.Append(&fork.extent(0), kExtentsPerRecord);
+        } else if (type == kAttrExtents && size >= sizeof(AttrExtents)) {
+            if (previous == 0 || previous == kAttrInlineData || key.start_block != list.block_count()) {
+                Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+            }
+            list.Append(&reinterpret_cast<const AttrExtents*>(data)->extent(0), kExtentsPerRecord);
+        } else {
+            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        }
+        if (total < list.block_count()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        std::vector<unsigned char> key_copy(node.GetKey(position.index), node.GetKey(position.index) + key_size);
+        DeleteRecord(key_copy.data(), key_copy.size(), position);
+        previous = type;
+    }
+    if (previous == 0) return;  // nothing was there
+    FreeList(list);
+    MarkDirty();
+}
+
+void AttributesFile::InsertAttribute(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
+                                     const unsigned char* record, std::size_t size) {
+    unsigned char key[kMaxKeySize];
+    const std::size_t key_size = BuildKey(key, file_id, start_block, name);
+    InsertRecord(key, key_size, record, size, 1);
+    MarkDirty();
+}
+
+void AttributesFile::AddForkAttribute(std::uint32_t file_id, const HFSPlusString& name, const ForkData& fork) {
+    CheckChange();
+    AttrForkData record{};
+    record.recordType_.set(kAttrForkData);
+    record.theFork_ = fork;
+    InsertAttribute(file_id, 0, name, reinterpret_cast<const unsigned char*>(&record), sizeof(record));
+}
+
+void AttributesFile::AddExtentsAttribute(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
+                                         const ExtentDescriptor (&extents)[kExtentsPerRecord]) {
+    CheckChange();
+    AttrExtents record{};
+    record.recordType_.set(kAttrExtents);
+    std::copy(extents, extents + kExtentsPerRecord, record.extents_);
+    InsertAttribute(file_id, start_block, name, reinterpret_cast<const unsigned char*>(&record), sizeof(record));
+}
+
+void AttributesFile::AddInlineAttribute(std::uint32_t file_id, const HFSPlusString& name, const void* data,
+                                        std::uint32_t size) {
+    CheckChange();
+    if (data == nullptr || size == 0 || size > kInlineLimit) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    record_buffer.assign(sizeof(AttrInlineData) + size, 0);
+    auto& head = *reinterpret_cast<AttrInlineData*>(record_buffer.data());
+    head.recordType_.set(kAttrInlineData);
+    head.attrSize_.set(size);
+    std::memcpy(record_buffer.data() + sizeof(AttrInlineData), data, size);
+    InsertAttribute(file_id, 0, name, record_buffer.data(), record_buffer.size());
+}
+
+void AttributesFile::FlushTree() {
+    if (dirty != 0 && driver->read_only == 0) volume_header->header().modifyDate_.set(MacLocalTimeNow());
+    SpecialFileWithBTree::FlushTree();
 }
 
 }  // namespace hfsplus

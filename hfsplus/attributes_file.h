@@ -37,6 +37,19 @@ public:
     // Completes `extents` (holding the fork's eight) from extents records.
     void GetForkExtents(std::uint32_t file_id, const HFSPlusString& name, ExtentsDescriptorArray& extents);
 
+    // --- changes: FILE_READ_ONLY on a read-only driver ---
+    // Removes every attribute of a file and frees the blocks of its fork
+    // attributes. FILE_CORRUPT for an extents record out of step with its
+    // fork record, and for a record of an unknown form.
+    void DeleteAttributes(std::uint32_t file_id);
+    void AddForkAttribute(std::uint32_t file_id, const HFSPlusString& name, const ForkData& fork);
+    // FILE_UNSUPPORTED for no data or more than the inline limit.
+    void AddInlineAttribute(std::uint32_t file_id, const HFSPlusString& name, const void* data, std::uint32_t size);
+    void AddExtentsAttribute(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
+                             const ExtentDescriptor (&extents)[kExtentsPerRecord]);
+    // Stamps the volume header's modifyDate when there is something to write.
+    void FlushTree() override;
+
     int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
     // FILE_UNSUPPORTED for a name above 127 characters.
     static std::size_t BuildKey(unsigned char* out, std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name);
@@ -48,6 +61,14 @@ private:
     const unsigned char* GetRecordOf(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
                                      std::uint32_t type, std::size_t& size);
     void CheckValid() const;
+    void CheckChange() const;
+    void InsertAttribute(std::uint32_t file_id, std::uint32_t start_block, const HFSPlusString& name,
+                         const unsigned char* record, std::size_t size);
+    // Frees the blocks of the list and empties it.
+    void FreeList(ExtentsDescriptorArray& list);
+
+    // The record of an inline attribute on its way in.
+    std::vector<unsigned char> record_buffer;
 };
 
 }  // namespace hfsplus

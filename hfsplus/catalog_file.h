@@ -2,7 +2,9 @@
 // The catalog: the B-tree of files and folders over fork 4, with catalog
 // keys (parent id, then the folding name order), four record types, lookup
 // by id through thread records and by name, hard links and symbolic links.
-// Reading only; creation, deletion and renames join with the write path.
+// Entries are made, removed and renamed here with their threads, the
+// parent's valence and the volume header's counts; hard links go through
+// the inode files of the private directory.
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,6 +13,7 @@
 #include "hfsplus/catalog_record.h"
 #include "hfsplus/hfsplus_string.h"
 #include "hfsplus/record_position.h"
+#include "loader/common/raise.h"
 
 namespace hfsplus {
 
@@ -51,6 +54,52 @@ public:
     // The inode record of link number `number`: by id, else by its name in
     // the private directory.
     CatalogRecord FindInodeRecord(std::uint32_t number);
+    // Whether (parent, name) has an entry; other failures of the lookup go on.
+    bool IsTaken(std::uint32_t parent, const HFSPlusString& name);
+
+    // --- changes; each raises FILE_READ_ONLY on a read-only driver before
+    // it touches anything ---
+    // An entry of a new id: the record and its thread, the parent's valence
+    // and the header's counts. A parent that isn't a folder is FILE_CREATE.
+    // The made record is given back.
+    CatalogRecord CreateFileEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent);
+    CatalogRecord CreateFolderEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent);
+    // FILE_UNSUPPORTED for a type other than "slnk", or "hlnk" for a link.
+    CatalogRecord CreateSymlinkEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent,
+                                     std::uint32_t type = kSymlinkType);
+    CatalogRecord CreateHardLinkEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent,
+                                      std::uint32_t inode, std::uint32_t type = kHardLinkType);
+    // A file or folder record put in as it is, its own id and all.
+    CatalogRecord CreateEntryFromRecord(const CatalogRecord& record, const HFSPlusString& name, std::uint32_t parent);
+    // The next free catalog id; FILE_DISK_FULL when none is left.
+    std::uint32_t AllocateCatalogId();
+
+    // FILE_EXISTS for a name that is there; the new record is given back.
+    CatalogRecord CreateFile(const HFSPlusString& name, std::uint32_t parent);
+    void CreateDirectory(const HFSPlusString& name, std::uint32_t parent);
+    CatalogRecord CreateSymlink(const HFSPlusString& name, std::uint32_t parent);
+    // A second name for a file: the first link moves the file into the
+    // private directory as its inode and leaves links at both names.
+    void CreateHardLink(const HFSPlusString& source_name, std::uint32_t source_parent, const HFSPlusString& new_name,
+                        std::uint32_t new_parent);
+
+    // The record and thread of `id` at (parent, name) taken out, the
+    // parent's valence lowered; the two below lower the header's count too.
+    void DeleteEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent);
+    void DeleteFileEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent);
+    void DeleteFolderEntry(std::uint32_t id, const HFSPlusString& name, std::uint32_t parent);
+    // A file with its blocks, or a hard link (the inode goes with its last
+    // link); an empty folder. FILE_DELETE for what may not go.
+    void DeleteFile(const HFSPlusString& name, std::uint32_t parent);
+    void DeleteFolder(const HFSPlusString& name, std::uint32_t parent);
+    // A new name, a new parent or both; an existing entry at the new place
+    // is FILE_RENAME, unless it is the very same name.
+    void Rename(const HFSPlusString& old_name, std::uint32_t old_parent, const HFSPlusString& new_name,
+                std::uint32_t new_parent);
+    // The record copied over the one of `id` in its node; FILE_CORRUPT for
+    // a record of another type or id.
+    void WriteFileRecord(std::uint32_t id, const CatalogRecord& record);
+    void WriteFolderRecord(std::uint32_t id, const CatalogRecord& record);
 
     // --- the family's key-dependent operations (see btree.h) ---
     int CompareKeys(const unsigned char* a, std::size_t a_size, const unsigned char* b, std::size_t b_size) const override;
@@ -75,6 +124,34 @@ private:
     // The thread record of `id`, which must be one; FILE_NOT_FOUND else.
     CatalogRecord GetThread(std::uint32_t id);
     void CheckValid() const;
+
+    // --- the changes' steps ---
+    void CheckChange() const;
+    // The folder record of `parent`; `failure` when it is no folder.
+    CatalogRecord ParentFolder(std::uint32_t parent, const Common::Failure& failure);
+    // A zeroed file or folder record of `id`, dated now, with the parent's
+    // text encoding.
+    CatalogRecord NewRecord(std::uint16_t type, std::uint32_t id, const CatalogRecord& parent);
+    // Puts in the record and its thread, counts the child in.
+    CatalogRecord AddEntry(const CatalogRecord& record, const HFSPlusString& name, CatalogRecord parent);
+    // Adds `delta` to the parent's valence (and its folder count, where it
+    // keeps one) and stores it.
+    void CountChild(CatalogRecord parent, bool folder, int delta);
+    void CountInHeader(bool folder, int delta);
+    void WriteRecord(std::uint32_t id, const CatalogRecord& record, std::uint16_t type);
+    // Finds the leaf record with this exact key and takes it out;
+    // FILE_CORRUPT when it isn't there.
+    void RemoveKey(std::uint32_t parent, const HFSPlusString& name);
+    // The private directory's id, 0 when the volume has none.
+    std::uint32_t PrivateDirectoryIdOrZero();
+    std::uint32_t EnsurePrivateDirectory();
+    // FILE_RENAME when `folder` is `parent` or one of its ancestors.
+    void CheckNotInside(std::uint32_t folder, std::uint32_t parent);
+    // A file's forks: both lists of extents, then the blocks freed and the
+    // overflow records taken out.
+    void LoadForks(const CatalogRecord& record, ExtentsDescriptorArray& data, ExtentsDescriptorArray& resource);
+    void FreeForks(std::uint32_t id, const ExtentsDescriptorArray& data, const ExtentsDescriptorArray& resource);
+    void DeleteLinkTarget(const CatalogRecord& link);
 };
 
 }  // namespace hfsplus

@@ -27,6 +27,9 @@ struct CatalogRecord {
     const HFSPlusCatalogFolder& folder() const { return *reinterpret_cast<const HFSPlusCatalogFolder*>(bytes); }
     const HFSPlusCatalogFile& file() const { return *reinterpret_cast<const HFSPlusCatalogFile*>(bytes); }
     const HFSPlusCatalogThread& thread() const { return *reinterpret_cast<const HFSPlusCatalogThread*>(bytes); }
+    // The same for a change of the copy; the caller knows the type.
+    HFSPlusCatalogFolder& folder() { return *reinterpret_cast<HFSPlusCatalogFolder*>(bytes); }
+    HFSPlusCatalogFile& file() { return *reinterpret_cast<HFSPlusCatalogFile*>(bytes); }
     // The folder's or the file's own id; 0 for a thread.
     std::uint32_t id() const { return is_folder() ? folder().folderID() : is_file() ? file().fileID() : 0; }
     // The type bits of fileMode (folder and file records alike).

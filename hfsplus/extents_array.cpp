@@ -99,4 +99,93 @@ std::uint32_t ExtentsDescriptorArray::GetBlocksBefore(std::uint32_t group) const
     return starts[static_cast<std::size_t>(first)];
 }
 
+std::vector<BlockArea> ExtentsDescriptorArray::Areas() const {
+    std::vector<BlockArea> areas;
+    areas.reserve(order.size());
+    for (const ExtentDescriptor* extent : order) {
+        areas.push_back(BlockArea::FromCount(extent->startBlock(), extent->blockCount()));
+    }
+    return areas;
+}
+
+void ExtentsDescriptorArray::Assign(const std::vector<BlockArea>& areas) {
+    Clear();
+    for (const BlockArea& area : areas) AddArea(area);
+}
+
+void ExtentsDescriptorArray::Merge() {
+    std::vector<BlockArea> list = Areas();
+    auto ends_at = [](const BlockArea& lower, const BlockArea& upper) {
+        return std::uint64_t(lower.last) + 1 == upper.first;
+    };
+    for (std::size_t index = 1; index < list.size();) {
+        const BlockArea moved = list[index];
+        if (moved.first >= list[index - 1].first) {
+            if (ends_at(list[index - 1], moved)) {
+                list[index - 1].last = moved.last;
+                list.erase(list.begin() + static_cast<std::ptrdiff_t>(index));
+            } else {
+                ++index;
+            }
+            continue;
+        }
+        // The last descriptor below it that starts below it takes it.
+        std::size_t below = index - 1;
+        while (below > 0 && list[below - 1].first >= moved.first) --below;
+        list.erase(list.begin() + static_cast<std::ptrdiff_t>(index));
+        if (below > 0 && ends_at(list[below - 1], moved)) {
+            // The descriptor that moved up into its place is looked at next.
+            list[below - 1].last = moved.last;
+            continue;
+        }
+        list.insert(list.begin() + static_cast<std::ptrdiff_t>(below), moved);
+        ++index;
+    }
+    Assign(list);
+}
+
+void ExtentsDescriptorArray::MergeLastPairs() {
+    std::vector<BlockArea> list = Areas();
+    for (std::size_t upper = list.size(); upper-- > 1;) {
+        BlockArea& lower = list[upper - 1];
+        const BlockArea& above = list[upper];
+        if (lower.IsEmpty() || above.IsEmpty() || std::uint64_t(lower.last) + 1 != above.first) continue;
+        lower.last = above.last;
+        list.erase(list.begin() + static_cast<std::ptrdiff_t>(upper));
+        if (upper-- == 1) break;  // the walk goes on two places down
+    }
+    Assign(list);
+}
+
+void ExtentsDescriptorArray::RemoveLast() {
+    blocks -= order.back()->blockCount();
+    order.pop_back();
+    starts.pop_back();
+    storage.pop_back();  // the list's order is the storage's
+}
+
+void ExtentsDescriptorArray::TruncateTo(std::uint32_t kept, ExtentsDescriptorArray& freed) {
+    if (kept == blocks) return;
+    if (kept > blocks) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    while (blocks > kept) {
+        if (order.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        ExtentDescriptor& last = *order.back();
+        const std::uint32_t start = last.startBlock();
+        const std::uint32_t count = last.blockCount();
+        if (start == 0 || count == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+        const std::uint32_t first_block = starts.back();
+        if (first_block >= kept) {
+            freed.AddArea(BlockArea::FromCount(start, count));
+            RemoveLast();
+            continue;
+        }
+        const std::uint32_t stays = kept - first_block;
+        freed.AddArea(BlockArea::FromCount(start + stays, count - stays));
+        last.blockCount_.set(stays);
+        blocks -= count - stays;
+    }
+    if (blocks != kept) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    freed.Merge();
+}
+
 }  // namespace hfsplus

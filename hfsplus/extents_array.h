@@ -34,10 +34,28 @@ public:
     // The file block at which group `group` starts.
     std::uint32_t GetBlocksBefore(std::uint32_t group) const;
 
+    // Joins neighbours and sorts while it joins: a descriptor that starts
+    // below the one before it moves down behind the last one that starts
+    // below it, and joins that one if it ends where it starts.
+    void Merge();
+    // Joins neighbours from the last pair down, without sorting: a pair
+    // whose lower extent ends where the upper one starts becomes one, and
+    // the walk goes on two places down.
+    void MergeLastPairs();
+    // Keeps the first `kept` file blocks and appends the rest to `freed`,
+    // merged. FILE_CORRUPT above the block count, for an empty descriptor
+    // on the way, and when the cut doesn't end exactly at `kept`.
+    void TruncateTo(std::uint32_t kept, ExtentsDescriptorArray& freed);
+
     std::uint32_t extent_count() const { return static_cast<std::uint32_t>(order.size()); }
     std::uint32_t block_count() const { return blocks; }
 
 private:
+    // Rebuilds the list from areas in file order.
+    void Assign(const std::vector<BlockArea>& areas);
+    std::vector<BlockArea> Areas() const;
+    void RemoveLast();
+
     std::deque<ExtentDescriptor> storage;       // addresses stay put
     std::vector<ExtentDescriptor*> order;       // file order
     std::vector<std::uint32_t> starts;          // file block at which each extent starts
