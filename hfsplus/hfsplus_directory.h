@@ -7,8 +7,11 @@
 // object in the private directory.
 //
 // Listings leave out the private directory and, in the root, the journal's
-// two files; a lookup by name still reaches them. Every change is refused
-// before anything is touched until the volume's write path exists.
+// two files; a lookup by name still reaches them. Changes keep to the rules
+// of the volume: no dot names, the journal's files and the private
+// directory untouched, no file that is open deleted, emptied or moved away,
+// and each change dates the folder's access first. A read-only volume
+// refuses them all with FILE_READ_ONLY before anything is touched.
 #include <cstdint>
 #include <string>
 
@@ -20,6 +23,7 @@ namespace hfsplus {
 
 class HFSPlusDriver;
 class HFSPlusFileObject;
+struct EntryChange;
 
 class HFSPlusAbstractDirectoryObject : public FileSystemDriver::DirectoryObject {
 public:
@@ -49,7 +53,7 @@ public:
     FileObject* open_file(IteratorObject& entry) override;
     FileObject* open_file(const file_identifier& entry) override;
 
-    // Changes, refused until the write path exists.
+    // Changes.
     FileObject* create_file(const std::u16string& name) override;
     void remove_file(const std::u16string& name) override;
     void remove_directory_entry(const std::u16string& name) override;
@@ -80,6 +84,35 @@ public:
     HFSPlusFileObject* OpenInode(std::uint32_t link_id);
     // The live object of a file of this folder; null when it has none.
     HFSPlusFileObject* FindOpenFile(std::uint32_t file_id) const;
+
+    // Adds the inline attribute `attribute` (1 to 127 characters, not
+    // Finder information nor the resource fork: FILE_UNSUPPORTED, as on a
+    // volume without an attributes tree) to the entry `name`, a hard link's
+    // to its inode, and flags the owner's record as having attributes.
+    // FILE_EXISTS when it has one of that name already.
+    void AddInlineAttribute(const std::u16string& name, const std::u16string& attribute, const void* data,
+                            std::uint32_t size);
+
+    // --- the changes' common steps ---
+    // FILE_READ_ONLY on a read-only volume; else the folder's accessDate
+    // becomes now. The first change of every changing operation.
+    void TouchDirectory();
+    // Whether the entry `name` may go: no root, private directory or folder
+    // with children, no file open here, no last link of an open inode.
+    bool CanDelete(const std::u16string& name);
+    // `name` in this folder becomes a link to `existing` in `source`.
+    void MakeLink(const std::u16string& name, HFSPlusDirectoryObject& source, const std::u16string& existing);
+    // The live object of a file in any folder that has a directory object.
+    HFSPlusFileObject* FindOpenFileIn(std::uint32_t folder, std::uint32_t file_id) const;
+    // Whether the inode of the hard link `link` is open in its folder.
+    bool IsInodeOpen(const CatalogRecord& link);
+    // Whether `name` here is a hard link to the inode `inode_number`.
+    bool IsLinkTo(const std::u16string& name, std::uint32_t inode_number);
+    // A rename's new name here: free, or (`own_id` not 0) the moved entry
+    // itself found again; FILE_EXISTS otherwise.
+    void CheckRenameTarget(const std::u16string& name, std::uint32_t own_id);
+    // A change of ownership, mode, security or dates of the entry `name`.
+    void ChangeEntry(const std::u16string& name, const EntryChange& change);
 
     HFSPlusDriver* hfs;  // not owned
     std::uint32_t catalog_id;

@@ -41,10 +41,8 @@ int HFSPlusDriver::compare_identifiers(const file_identifier& a, const file_iden
     return CompareBinary(left_name.data(), left_name.size(), right_name.data(), right_name.size());
 }
 
-void HFSPlusDriver::refuse_if_unchangeable() { refuse_change(ERROR_TAG); }
-
-void HFSPlusDriver::refuse_change(std::uint64_t tag) const {
-    Common::Raise(tag, read_only != 0 ? Common::Failures::FILE_READ_ONLY : Common::Failures::FILE_UNSUPPORTED);
+void HFSPlusDriver::refuse_if_unchangeable() {
+    if (read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
 }
 
 FileSystemDriver::DirectoryObject* HFSPlusDriver::open_directory(std::uint32_t id) {

@@ -3,11 +3,10 @@
 // mount: it checks the volume header, sees the journal (building the map of
 // its newest sectors, writing nothing), checks both volume headers against
 // what the journal holds, and opens the extents overflow, catalog and
-// attributes trees, and loads the allocation bitmap. It reads files and
-// directories; changes of files and directories are refused until the tree
-// changes join (FILE_READ_ONLY on a volume held read only, FILE_UNSUPPORTED
-// on the others). The metadata objects write through the cache; a volume
-// that nobody changes stays byte-identical.
+// attributes trees, and loads the allocation bitmap. Its files and
+// directories read and take changes; a volume held read only refuses every
+// change with FILE_READ_ONLY. The metadata objects write through the cache;
+// a volume that nobody changes stays byte-identical.
 //
 // A directory id is the folder's catalog node id, except that the root
 // folder (id 2) is directory id 0.
@@ -60,14 +59,11 @@ public:
     void FlushAreas(std::set<SectorArea>& areas);
 
     // --- helpers of the driver's objects ---
-    // How a change is refused until the write path exists.
-    [[noreturn]] void refuse_change(std::uint64_t tag) const;
     HFSPlusMetadata& metadata() const;
     OpenedFilesInDirectoriesMap& opened_files() const;
-    // The folder "HFS+ Private Data" of the root, opened on first use;
-    // FILE_NOT_FOUND... as the read side allows: a read-only driver (and,
-    // until the write path, every driver) raises FILE_READ_ONLY or
-    // FILE_UNSUPPORTED when it doesn't exist.
+    // The folder "HFS+ Private Data" of the root, opened on first use and
+    // made there when it doesn't exist; FILE_READ_ONLY for a missing one on
+    // a read-only driver.
     HFSPlusDirectoryObject& GetPrivateDirectory();
     std::uint32_t block_size() const { return block_bytes; }
     std::uint32_t sectors_per_block() const { return block_bytes / sector_size; }

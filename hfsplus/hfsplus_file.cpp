@@ -63,21 +63,6 @@ void HFSPlusFileObject::read(void* buffer, std::uint64_t position, std::uint64_t
     content->Read(buffer, position, size, got);
 }
 
-void HFSPlusFileObject::write(const void*, std::uint64_t, std::uint64_t, std::uint64_t& written) {
-    written = 0;
-    driver->refuse_change(ERROR_TAG);
-}
-
-void HFSPlusFileObject::set_size(std::uint64_t) { driver->refuse_change(ERROR_TAG); }
-
-void HFSPlusFileObject::set_times(std::uint64_t, std::uint64_t, std::uint64_t) { driver->refuse_change(ERROR_TAG); }
-
-void HFSPlusFileObject::SetSecurity(const void*, std::uint32_t) { driver->refuse_change(ERROR_TAG); }
-
-void HFSPlusFileObject::SetPermissions(std::uint32_t) { driver->refuse_change(ERROR_TAG); }
-
-void HFSPlusFileObject::SetOwner(std::uint32_t, std::uint32_t) { driver->refuse_change(ERROR_TAG); }
-
 void HFSPlusFileObject::flush_file() {
     if (link) return (**link).flush_file();
     content->Flush();

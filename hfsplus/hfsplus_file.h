@@ -11,8 +11,9 @@
 // link's hold counts there too: an inode's object that the framework also
 // opened by its "iNode" name outlives both kinds of holder, never just one.
 //
-// Every change is refused before anything is touched until the volume's
-// write path exists.
+// Changes go through the FileContent: the data fork's bytes and size, and
+// the catalog record's ownership, mode, security block and dates. A
+// read-only volume refuses them with FILE_READ_ONLY.
 #include <cstdint>
 #include <memory>
 
@@ -26,6 +27,24 @@ class HFSPlusDriver;
 class HFSPlusDirectoryObject;
 class FileContent;
 class HFSPlusFileObject;
+
+// A change of the fields that folder and file records share: the 16-byte
+// permissions block, the mode, the owner and group, or the dates.
+struct EntryChange {
+    enum class What { kSecurity, kPermissions, kOwner, kTimes };
+    What what = What::kSecurity;
+    const unsigned char* security = nullptr;  // 16 bytes, for kSecurity
+    std::uint32_t first = 0;   // mode; owner; contentModDate
+    std::uint32_t second = 0;  // group; createDate
+    std::uint32_t third = 0;   // accessDate
+};
+// FILE_CORRUPT for a size other than 16 or no data.
+EntryChange SecurityChange(const void* data, std::uint32_t size);
+EntryChange TimesChange(std::uint64_t modified, std::uint64_t created, std::uint64_t accessed);
+// The change applied to a folder or file record, with attributeModDate now
+// and, when `touch_access`, accessDate now too (but for a change of times,
+// which brings its own).
+void ApplyEntryChange(CatalogRecord& record, const EntryChange& change, bool touch_access);
 
 // A hard link's hold on its inode's object: one more link standing on it.
 class HFSPlusFileReference {
@@ -67,6 +86,12 @@ public:
 
     // The object that holds the content: this one, or a hard link's inode's.
     HFSPlusFileObject& Target();
+    // The record's change through the content, on the object that holds it.
+    void ChangeRecord(const EntryChange& change);
+    // After this plain file became a hard link under `link_record`: the
+    // object now stands for the link, its content being the inode's, which
+    // its directory's open files know under the new id.
+    void BecomeLink(const CatalogRecord& link_record);
 
     std::uint32_t file_id;
     std::uint8_t hard_link = 0;
