@@ -6,7 +6,9 @@
 #include "hfsplus/allocation_file.h"
 #include "hfsplus/btree.h"
 #include "hfsplus/btree_map.h"
+#include "hfsplus/extents_overflow.h"
 #include "hfsplus/hfsplus_driver.h"
+#include "hfsplus/hfsplus_metadata.h"
 #include "hfsplus/nodes_cache.h"
 #include "hfsplus/volume_header.h"
 #include "loader/common/raise.h"
@@ -54,9 +56,9 @@ void SpecialFileWithBTree::StoreFork(std::uint32_t new_nodes, std::uint32_t old_
     MarkDirty();
 }
 
-// Extents past the eight of the fork would need records in the overflow
-// tree, which the tree's growth doesn't write: the new blocks go back and
-// the file stays as it was.
+// The extents overflow tree can't hold its own file's extents: growth in
+// place that would take a ninth gives its blocks back, and the file stays
+// as it was.
 void SpecialFileWithBTree::GiveBackGrowth(const ExtentsDescriptorArray& old_extents) {
     ExtentsDescriptorArray added;
     for (std::uint32_t block = old_extents.block_count(); block < extents.block_count();) {
@@ -66,7 +68,7 @@ void SpecialFileWithBTree::GiveBackGrowth(const ExtentsDescriptorArray& old_exte
     }
     extents = old_extents;
     allocation->FreeExtents(added);
-    Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
 }
 
 void SpecialFileWithBTree::ExtendTree() {
@@ -79,18 +81,14 @@ void SpecialFileWithBTree::ExtendTree() {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
     const std::uint32_t old_extent_count = extents.extent_count();
-    // The overflow tree would have to store extents that it can't place
-    // yet: a file that needs more than its eight is refused before a block
-    // is taken.
     const ExtentsDescriptorArray old_extents(extents);
     if (allocation->ExtendTreeFile(*this)) {
-        if (extents.extent_count() > kOverflowExtents) GiveBackGrowth(old_extents);
+        if (fork_id == kExtentsFileId && extents.extent_count() > kOverflowExtents) GiveBackGrowth(old_extents);
     } else {
+        // The allocation file keeps a moved extents overflow file within
+        // its eight extents; an empty answer means no room.
         const ExtentsDescriptorArray moved(allocation->RelocateTreeFile(*this));
         if (moved.extent_count() == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
-        // A moved file takes the fewest extents the volume has room for;
-        // more than eight would need the overflow tree's records.
-        if (moved.extent_count() > kOverflowExtents) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         CopyFromOldPlace(old_extents, moved);
         extents = moved;
     }
@@ -98,6 +96,13 @@ void SpecialFileWithBTree::ExtendTree() {
     cache->Resize(total);
     map->Resize(total);
     StoreFork(new_nodes, old_extent_count, old_clump);
+    // Extents past the fork's eight live in the overflow tree; a file moved
+    // into eight or fewer leaves no record of its old place there.
+    ExtentsOverflowFile& overflow = driver->metadata().GetExtentsOverflowFile();
+    if (old_extent_count > kOverflowExtents && extents.extent_count() <= kOverflowExtents) {
+        overflow.DeleteRecords(fork_id, kDataFork);
+    }
+    overflow.WriteOverflowExtents(*this);
 }
 
 }  // namespace hfsplus

@@ -18,6 +18,7 @@
 #include "hfsplus/volume_header.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -26,14 +27,10 @@ namespace {
 
 using namespace hfsplus;
 using TestSupport::RaisedCode;
+using TestSupport::HfsplusFsckComplaints;
 using Volume = TestSupport::Volume<HFSPlusDriver, TryHFSPlusDriver>;
 
 int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
-
-std::string FsckComplaints(const std::string& image) {
-    if (Shell("fsck.hfsplus -fn " + image) == 0) return "";
-    return TestSupport::CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
-}
 
 std::vector<unsigned char> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
@@ -85,7 +82,7 @@ void SetReadRemove(const VolumeCase& c) {
                     image.path),
               0);
     Shell("fsck.hfsplus -fy " + image.path);
-    ASSERT_EQ(FsckComplaints(image.path), "");
+    ASSERT_EQ(HfsplusFsckComplaints(image.path), "");
     const std::vector<unsigned char> upper = Bytes("first value"), lower = Bytes("second, longer value");
     std::uint32_t free_before = 0;
     ExtentsDescriptorArray blocks;
@@ -112,7 +109,7 @@ void SetReadRemove(const VolumeCase& c) {
                   }),
                   Common::FILE_EXISTS);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     {
         Volume volume(image.path);
         ASSERT_NE(volume.driver, nullptr);
@@ -141,7 +138,7 @@ void SetReadRemove(const VolumeCase& c) {
         EXPECT_EQ(FreeBlocks(driver), free_before);
         EXPECT_EQ(attributes.leaf_records(), 0u);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
 }
 
 TEST(HFSPlusAttributesWrite, SetReadBackAndRemoved) {

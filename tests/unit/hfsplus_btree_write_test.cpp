@@ -23,6 +23,7 @@
 #include "hfsplus/volume_header.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -31,15 +32,11 @@ namespace {
 
 using namespace hfsplus;
 using TestSupport::RaisedCode;
+using TestSupport::HfsplusFsckComplaints;
+using TestSupport::ListOf;
 using Volume = TestSupport::Volume<HFSPlusDriver, TryHFSPlusDriver>;
 
 int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
-
-// Empty when fsck.hfsplus finds the volume clean, else what it says.
-std::string FsckComplaints(const std::string& image) {
-    if (Shell("fsck.hfsplus -fn " + image) == 0) return "";
-    return TestSupport::CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
-}
 
 // Names long enough that a few fill a node: the tree grows levels after
 // some dozens of files.
@@ -70,12 +67,6 @@ struct FileRecords {
         for (std::size_t c = 0; c < name.size(); ++c) Common::StoreBE16(&thread[10 + 2 * c], name[c]);
     }
 };
-
-ExtentsDescriptorArray ListOf(const std::vector<BlockArea>& areas) {
-    ExtentsDescriptorArray list;
-    for (const BlockArea& area : areas) list.AddArea(area);
-    return list;
-}
 
 // The order in which the files go in and come out: spread over the key
 // range, so that records land in front of, inside and behind the nodes.
@@ -112,13 +103,7 @@ struct CatalogCase {
 
 void GrowAndShrink(const CatalogCase& c) {
     TestSupport::ImageFile image;
-    ASSERT_EQ(Shell(std::string("truncate -s ") + c.size + " " + image.path + " && mkfs.hfsplus " + c.mkfs +
-                    " -v Grow -n c=4096 " + image.path),
-              0);
-    // mkfs.hfsplus leaves the root of a case-sensitive volume without its
-    // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
-    Shell("fsck.hfsplus -fy " + image.path);
-    ASSERT_EQ(FsckComplaints(image.path), "");
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, c.size, std::string(c.mkfs) + " -n c=4096"));
     constexpr std::uint32_t kFirstId = 100;
     std::uint32_t records_before = 0;
     std::uint32_t nodes_before = 0;
@@ -146,7 +131,7 @@ void GrowAndShrink(const CatalogCase& c) {
                   Common::FILE_EXISTS);
         EXPECT_EQ(catalog.leaf_records(), records_before + 2 * c.files);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     const std::u16string seventh = FileName(7);
     EXPECT_NE(TestSupport::CaptureOutput("fls " + image.path).find(std::string(seventh.begin(), seventh.end())),
               std::string::npos);
@@ -176,7 +161,7 @@ void GrowAndShrink(const CatalogCase& c) {
         EXPECT_EQ(RaisedCode([&] { catalog.GetRecord(kRootFolderId, HFSPlusString(FileName(3))); }),
                   Common::FILE_NOT_FOUND);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_EQ(TestSupport::CaptureOutput("fls " + image.path).find("file-"), std::string::npos);
 }
 
@@ -229,7 +214,7 @@ TEST(HFSPlusBTreeWrite, TreeGrowsPastItsMapRecord) {
         EXPECT_EQ(extents.root(), 0u);
         EXPECT_EQ(extents.free_nodes(), extents.total_nodes() - 2);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     Volume volume(image.path);
     ASSERT_NE(volume.driver, nullptr);
     ExtentsOverflowFile& extents = volume.driver->metadata().GetExtentsOverflowFile();
@@ -238,10 +223,37 @@ TEST(HFSPlusBTreeWrite, TreeGrowsPastItsMapRecord) {
     EXPECT_FALSE(extents.GetMap().IsAllocated(map_node + 1));
 }
 
-// Free space cut into pieces of one clump: the extents tree takes one per
-// growth until it holds the eight extents it may have; then, with a large
-// area freed, its next growth moves it whole there. The blocks held back
-// for the test go back before the unmount.
+// The largest free run cut up (on these small volumes, the one behind the
+// catalog and the extents tree): first `large` clumps, held until the test
+// frees them, then `pieces` runs of one clump, each with a held block in
+// front. A tree that grows in place searches only behind its last extent,
+// so the pieces are what it finds there, and the large area only a move
+// takes. `kept` is what the test gives back before the unmount.
+struct CutFreeSpace {
+    TestSupport::BlockAreas kept;
+    BlockArea large;
+
+    CutFreeSpace(AllocationFile& allocation, std::uint32_t clump, std::uint32_t pieces, std::uint32_t large_clumps) {
+        kept = TestSupport::HoldAllFree(allocation);
+        const auto largest = std::max_element(kept.begin(), kept.end(), [](const BlockArea& a, const BlockArea& b) {
+            return a.GetCount() < b.GetCount();
+        });
+        const BlockArea all = *largest;
+        kept.erase(largest);
+        EXPECT_GT(all.GetCount(), (pieces + large_clumps) * (clump + 1));
+        large = BlockArea::FromCount(all.first, large_clumps * clump);
+        std::uint32_t at = large.last + 1;
+        for (std::uint32_t piece = 0; piece < pieces; ++piece, at += clump + 1) {
+            kept.emplace_back(at, at);
+            allocation.FreeExtents(ListOf({BlockArea::FromCount(at + 1, clump)}));
+        }
+        kept.emplace_back(at, all.last);
+    }
+};
+
+// The extents tree takes one piece per growth until it holds the eight
+// extents it may have; then, with the large area freed, its next growth
+// moves it whole there.
 TEST(HFSPlusBTreeWrite, TreeMovesWhenItCantGrowInPlace) {
     TestSupport::ImageFile image;
     ASSERT_EQ(Shell("truncate -s 32M " + image.path + " && mkfs.hfsplus -v Move -c e=16 -n c=4096,e=4096 " + image.path), 0);
@@ -250,38 +262,17 @@ TEST(HFSPlusBTreeWrite, TreeMovesWhenItCantGrowInPlace) {
         ASSERT_NE(volume.driver, nullptr);
         ExtentsOverflowFile& extents = volume.driver->metadata().GetExtentsOverflowFile();
         AllocationFile& allocation = volume.driver->metadata().GetAllocationFile();
-        const std::uint32_t clump = extents.fork().clumpSize() / volume.driver->block_size();
-        // Every free run held, the first for the pieces below.
-        std::vector<BlockArea> kept;
-        while (allocation.bitmap().clear_count() != 0) {
-            ExtentsDescriptorArray held;
-            ASSERT_TRUE(allocation.ExtendFile(16, allocation.bitmap().FindFirstClearRun().GetCount(), held));
-            for (std::uint32_t i = 0; i < held.extent_count(); ++i) {
-                const ExtentDescriptor& extent = held.GetExtent(i);
-                kept.emplace_back(extent.startBlock(), extent.startBlock() + extent.blockCount() - 1);
-            }
-        }
-        const BlockArea all = kept.front();
-        kept.erase(kept.begin());
-        ASSERT_GT(all.GetCount(), 20 * clump);
-        // Pieces of a clump with a block held between them, then a large area.
-        std::uint32_t at = all.first;
-        for (int piece = 0; piece < 7; ++piece, at += clump + 1) {
-            allocation.FreeExtents(ListOf({BlockArea(at, at + clump - 1)}));
-            kept.emplace_back(at + clump, at + clump);
-        }
-        const BlockArea large(at + clump, at + 12 * clump);
-        kept.emplace_back(at, at + clump - 1);
-        kept.emplace_back(large.last + 1, all.last);
+        const CutFreeSpace space(allocation, extents.fork().clumpSize() / volume.driver->block_size(), 7, 11);
+        // All behind the last piece is held: an eighth growth finds no room.
         for (int growth = 0; growth < 7; ++growth) extents.ExtendTree();
         ASSERT_EQ(extents.extents.extent_count(), 8u);
         const std::uint32_t total = extents.total_nodes();
         EXPECT_EQ(RaisedCode([&] { extents.ExtendTree(); }), Common::FILE_DISK_FULL);
         EXPECT_EQ(extents.total_nodes(), total);
-        allocation.FreeExtents(ListOf({large}));
+        allocation.FreeExtents(ListOf({space.large}));
         extents.ExtendTree();
         EXPECT_EQ(extents.extents.extent_count(), 1u);
-        EXPECT_GE(extents.extents.GetExtent(0).startBlock(), large.first);
+        EXPECT_GE(extents.extents.GetExtent(0).startBlock(), space.large.first);
         EXPECT_GT(extents.total_nodes(), total);
         EXPECT_EQ(extents.fork().totalBlocks(), extents.extents.block_count());
         // A record put in and found again where the moved tree now lies.
@@ -293,9 +284,62 @@ TEST(HFSPlusBTreeWrite, TreeMovesWhenItCantGrowInPlace) {
         const RecordPosition found = extents.FindPosition(key, key_size, 1);
         EXPECT_EQ(extents.GetLeafAt(found).GetKeySize(found.index), key_size);
         extents.DeleteRecord(key, key_size, found);
-        for (const BlockArea& area : kept) allocation.FreeExtents(ListOf({area}));
+        TestSupport::GiveBack(allocation, space.kept);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
+}
+
+// The catalog grown piece by piece past the eight extents of its fork: the
+// rest go into the extents overflow tree, where fsck and a fresh mount find
+// them; moved whole into one extent, it leaves no record there.
+TEST(HFSPlusBTreeWrite, CatalogGrowsIntoOverflowRecords) {
+    TestSupport::ImageFile image;
+    ASSERT_EQ(Shell("truncate -s 32M " + image.path + " && mkfs.hfsplus -v Spill -c c=16 -n c=4096 " + image.path), 0);
+    constexpr std::uint32_t kGrowths = 11;
+    std::uint32_t total = 0;
+    {
+        Volume volume(image.path);
+        ASSERT_NE(volume.driver, nullptr);
+        CatalogFile& catalog = volume.driver->metadata().GetCatalogFile();
+        AllocationFile& allocation = volume.driver->metadata().GetAllocationFile();
+        const CutFreeSpace space(allocation, catalog.fork().clumpSize() / volume.driver->block_size(), kGrowths, 20);
+        ASSERT_LT(catalog.extents.GetExtent(0).startBlock(), space.large.first);
+        for (std::uint32_t growth = 0; growth < kGrowths; ++growth) catalog.ExtendTree();
+        ASSERT_GT(catalog.extents.extent_count(), 8u);
+        total = catalog.total_nodes();
+        TestSupport::GiveBack(allocation, space.kept);
+        allocation.FreeExtents(ListOf({space.large}));
+    }
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
+    {
+        Volume volume(image.path);
+        ASSERT_NE(volume.driver, nullptr);
+        CatalogFile& catalog = volume.driver->metadata().GetCatalogFile();
+        EXPECT_EQ(catalog.total_nodes(), total);
+        EXPECT_EQ(catalog.extents.block_count(), catalog.fork().totalBlocks());
+        // The volume had no overflow record before: the catalog's are all.
+        EXPECT_GT(catalog.extents.extent_count(), 8u);
+        EXPECT_EQ(volume.driver->metadata().GetExtentsOverflowFile().leaf_records(),
+                  (catalog.extents.extent_count() + 7) / 8 - 1);
+        // Nothing free in front of the first extent or behind the last: the
+        // next growth moves the file, into the large area between them.
+        const std::uint32_t first = catalog.extents.GetExtent(0).startBlock();
+        const ExtentDescriptor& last = catalog.extents.GetExtent(catalog.extents.extent_count() - 1);
+        const std::uint32_t behind = last.startBlock() + last.blockCount();
+        Bitmap& bitmap = volume.driver->metadata().GetAllocationFile().bitmap();
+        TestSupport::BlockAreas held;
+        for (const Bitmap::Key& key : bitmap.runs_by_length()) {
+            if (key.run.first >= behind || key.run.first < first) held.push_back(key.run);
+        }
+        for (const BlockArea& area : held) bitmap.SetRange(area, true);
+        catalog.ExtendTree();
+        EXPECT_EQ(catalog.extents.extent_count(), 1u);
+        for (const BlockArea& area : held) bitmap.SetRange(area, false);
+    }
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
+    Volume volume(image.path);
+    ASSERT_NE(volume.driver, nullptr);
+    EXPECT_EQ(volume.driver->metadata().GetExtentsOverflowFile().leaf_records(), 0u);
 }
 
 // Records put into and taken out of one node buffer: offsets, free size

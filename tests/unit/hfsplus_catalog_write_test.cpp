@@ -17,6 +17,7 @@
 #include "hfsplus/hfsplus_metadata.h"
 #include "hfsplus/volume_header.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -25,28 +26,14 @@ namespace {
 
 using namespace hfsplus;
 using TestSupport::RaisedCode;
+using TestSupport::HfsplusFsckComplaints;
 using Volume = TestSupport::Volume<HFSPlusDriver, TryHFSPlusDriver>;
 
 HFSPlusString N(const std::u16string& name) { return HFSPlusString(name); }
 
-std::string Fsck(const std::string& image) {
-    if (TestSupport::RunQuietly("fsck.hfsplus -fn " + image) == 0) return "";
-    return TestSupport::CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
-}
-
 std::string Fls(const std::string& image) { return TestSupport::CaptureOutput("fls -rp " + image + " 2>&1"); }
 
 bool Lists(const std::string& listing, const std::string& line) { return listing.find(line) != std::string::npos; }
-
-void MakeVolume(const TestSupport::ImageFile& image, const std::string& options) {
-    ASSERT_EQ(TestSupport::RunQuietly("truncate -s 128M " + image.path + " && mkfs.hfsplus " + options +
-                                      " -v Cat " + image.path),
-              0);
-    // mkfs.hfsplus leaves the root of a case-sensitive volume without its
-    // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
-    TestSupport::RunQuietly("fsck.hfsplus -fy " + image.path);
-    ASSERT_EQ(Fsck(image.path), "");
-}
 
 CatalogFile& Catalog(Volume& volume) { return volume.driver->metadata().GetCatalogFile(); }
 const VolumeHeader& Header(Volume& volume) { return volume.driver->metadata().GetVolumeHeader().header(); }
@@ -82,7 +69,7 @@ const VolumeCase kVolumes[] = {
 
 void MakeRenameRemove(const VolumeCase& c) {
     TestSupport::ImageFile image;
-    MakeVolume(image, c.mkfs);
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "128M", c.mkfs));
     std::uint32_t files = 0, folders = 0, docs = 0, note = 0, symlink = 0, inner = 0;
     {
         Volume volume(image.path);
@@ -119,7 +106,7 @@ void MakeRenameRemove(const VolumeCase& c) {
         EXPECT_EQ(Header(volume).fileCount(), files + 3 + kMany + (c.case_sensitive ? 1 : 0));
         EXPECT_EQ(Header(volume).folderCount(), folders + 2);
     }
-    EXPECT_EQ(Fsck(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     const std::string listing = Fls(image.path);
     EXPECT_TRUE(Lists(listing, "d/d " + std::to_string(docs) + ":\tdocs")) << listing;
     EXPECT_TRUE(Lists(listing, "r/r " + std::to_string(note) + ":\tdocs/moved.txt")) << listing;
@@ -149,7 +136,7 @@ void MakeRenameRemove(const VolumeCase& c) {
         EXPECT_EQ(Header(volume).folderCount(), folders);
         EXPECT_EQ(RaisedCode([&] { catalog.FindThread(note); }), Common::FILE_NOT_FOUND);
     }
-    EXPECT_EQ(Fsck(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_FALSE(Lists(Fls(image.path), "docs"));
 }
 
@@ -178,7 +165,7 @@ std::uint32_t FileWithBlocks(Volume& volume, const std::u16string& name, std::ui
 
 TEST(HFSPlusCatalogWrite, HardLinksThroughThePrivateDirectory) {
     TestSupport::ImageFile image;
-    MakeVolume(image, "-J");
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "128M", "-J"));
     std::uint32_t inode = 0, free_before = 0, files = 0;
     {
         Volume volume(image.path);
@@ -207,7 +194,7 @@ TEST(HFSPlusCatalogWrite, HardLinksThroughThePrivateDirectory) {
         EXPECT_EQ(RaisedCode([&] { catalog.CreateHardLink(N(u"other"), kRootFolderId, N(u"x"), other); }),
                   Common::FILE_CREATE);
     }
-    EXPECT_EQ(Fsck(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     const std::string listing = Fls(image.path);
     for (const char* name : {"\tfirst", "\tother/second", "\tthird"}) EXPECT_TRUE(Lists(listing, name)) << listing;
     EXPECT_TRUE(Lists(TestSupport::CaptureOutput("istat " + image.path + " " + std::to_string(inode)),
@@ -228,14 +215,14 @@ TEST(HFSPlusCatalogWrite, HardLinksThroughThePrivateDirectory) {
         EXPECT_EQ(Header(volume).fileCount(), files);
         EXPECT_EQ(Valence(catalog, catalog.GetPrivateDirectoryId()), 0u);
     }
-    EXPECT_EQ(Fsck(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
 }
 
 // Every refusal is met before the first change: the image stays
 // byte-identical through all of them.
 TEST(HFSPlusCatalogWrite, RefusalsChangeNothing) {
     TestSupport::ImageFile image;
-    MakeVolume(image, "");
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "128M", ""));
     std::uint32_t full = 0;
     {
         Volume volume(image.path);
@@ -291,7 +278,7 @@ TEST(HFSPlusCatalogWrite, RefusalsChangeNothing) {
 // of the ids, the search starts again at 16. Without reuse the end is full.
 TEST(HFSPlusCatalogWrite, CatalogIds) {
     TestSupport::ImageFile image;
-    MakeVolume(image, "-J");  // ids 16 and 17 are the journal's files
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "128M", "-J"));  // ids 16 and 17 are the journal's files
     Volume volume(image.path);
     ASSERT_NE(volume.driver, nullptr);
     CatalogFile& catalog = Catalog(volume);

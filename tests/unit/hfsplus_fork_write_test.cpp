@@ -24,6 +24,7 @@
 #include "hfsplus/volume_header.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -32,29 +33,15 @@ namespace {
 
 using namespace hfsplus;
 using TestSupport::RaisedCode;
+using TestSupport::HfsplusFsckComplaints;
+using TestSupport::ListOf;
+using TestSupport::AreasOf;
+using TestSupport::HoldAllFree;
+using TestSupport::GiveBack;
 using Volume = TestSupport::Volume<HFSPlusDriver, TryHFSPlusDriver>;
-using Areas = std::vector<BlockArea>;
+using Areas = TestSupport::BlockAreas;
 
 int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
-
-std::string FsckComplaints(const std::string& image) {
-    if (Shell("fsck.hfsplus -fn " + image) == 0) return "";
-    return TestSupport::CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
-}
-
-ExtentsDescriptorArray ListOf(const Areas& areas) {
-    ExtentsDescriptorArray list;
-    for (const BlockArea& area : areas) list.AddArea(area);
-    return list;
-}
-
-Areas AreasOf(const ExtentsDescriptorArray& list) {
-    Areas areas;
-    for (std::uint32_t i = 0; i < list.extent_count(); ++i) {
-        areas.push_back(BlockArea::FromCount(list.GetExtent(i).startBlock(), list.GetExtent(i).blockCount()));
-    }
-    return areas;
-}
 
 struct ListCase {
     const char* what;
@@ -148,22 +135,6 @@ std::uint32_t FreeBlocks(HFSPlusDriver& driver) {
     return driver.metadata().GetVolumeHeader().header().freeBlocks();
 }
 
-// Every free block held by a holder file, so that the test decides where
-// the next allocation lands. Answers the runs held.
-Areas HoldAllFree(AllocationFile& allocation) {
-    Areas held;
-    while (allocation.bitmap().clear_count() != 0) {
-        ExtentsDescriptorArray list;
-        if (!allocation.ExtendFile(16, allocation.bitmap().FindFirstClearRun().GetCount(), list)) break;
-        for (const BlockArea& area : AreasOf(list)) held.push_back(area);
-    }
-    return held;
-}
-
-void GiveBack(AllocationFile& allocation, const Areas& held) {
-    for (const BlockArea& area : held) allocation.FreeExtents(ListOf({area}));
-}
-
 // The block numbers that sleuthkit's istat lists for a file's data fork,
 // one by one or as "first-last".
 std::vector<std::uint32_t> DataForkBlocks(const std::string& image, std::uint32_t id) {
@@ -199,7 +170,7 @@ void GrowIntoOverflowAndBack(const VolumeCase& c) {
                     " -v Fork -n c=4096 " + image.path),
               0);
     Shell("fsck.hfsplus -fy " + image.path);  // sets the root's folder-count flag of a case-sensitive volume
-    ASSERT_EQ(FsckComplaints(image.path), "");
+    ASSERT_EQ(HfsplusFsckComplaints(image.path), "");
     std::string data;
     std::uint32_t free_before = 0;
     std::uint64_t shrunk = 0;
@@ -238,7 +209,7 @@ void GrowIntoOverflowAndBack(const VolumeCase& c) {
         GiveBack(allocation, held);
         EXPECT_EQ(FreeBlocks(driver), free_before - kPieces);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_EQ(TestSupport::CaptureOutput("icat " + image.path + " " + std::to_string(kFileId)), data);
     std::vector<std::uint32_t> starts;
     for (const BlockArea& piece : pieces) starts.push_back(piece.first);
@@ -262,7 +233,7 @@ void GrowIntoOverflowAndBack(const VolumeCase& c) {
         EXPECT_EQ(ReadAll(*content), data.substr(0, shrunk));
         EXPECT_EQ(FreeBlocks(driver), free_before - 6);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_EQ(TestSupport::CaptureOutput("icat " + image.path + " " + std::to_string(kFileId)),
               data.substr(0, shrunk));
     {
@@ -275,7 +246,7 @@ void GrowIntoOverflowAndBack(const VolumeCase& c) {
         EXPECT_EQ(content->data_extents.extent_count(), 0u);
         EXPECT_EQ(FreeBlocks(*volume.driver), free_before);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_EQ(TestSupport::CaptureOutput("icat " + image.path + " " + std::to_string(kFileId)), "");
 }
 
@@ -331,7 +302,7 @@ TEST(HFSPlusForkWrite, FileMovesWholeWhenItCantGrowInPlace) {
         // The two old blocks went back when the file moved; the holder's go now.
         GiveBack(allocation, held);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
     EXPECT_EQ(TestSupport::CaptureOutput("icat " + image.path + " " + std::to_string(kFileId)), data);
     EXPECT_EQ(DataForkBlocks(image.path, kFileId), (std::vector<std::uint32_t>{gap.first, gap.first + 1, gap.first + 2}));
 }
@@ -348,7 +319,7 @@ TEST(HFSPlusForkWrite, RefusalsChangeNothing) {
         MakeFile(*volume.driver, kFileId, u"plain");
         MakeFile(*volume.driver, kFileId + 1, u"locked", 0x0001);
     }
-    ASSERT_EQ(FsckComplaints(image.path), "");
+    ASSERT_EQ(HfsplusFsckComplaints(image.path), "");
     const std::vector<unsigned char> before = image.bytes();
     const std::string bytes(5000, 'x');
     std::uint64_t written = 0;
@@ -390,7 +361,7 @@ TEST(HFSPlusForkWrite, RefusalsChangeNothing) {
         EXPECT_EQ(0, std::memcmp(after.bytes + 28, record.bytes + 28, 248 - 28));  // and behind it
         EXPECT_EQ(content->record_dirty, 0);
     }
-    EXPECT_EQ(FsckComplaints(image.path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/hfsplus_metadata.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -26,26 +27,11 @@ namespace {
 
 using namespace hfsplus;
 using TestSupport::RaisedCode;
+using TestSupport::HfsplusFsckComplaints;
 using Volume = TestSupport::Volume<HFSPlusDriver, TryHFSPlusDriver>;
 using FileObject = FileSystemDriver::FileObject;
 using DirectoryObject = FileSystemDriver::DirectoryObject;
 
-int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
-
-std::string FsckComplaints(const std::string& image) {
-    if (Shell("fsck.hfsplus -fn " + image) == 0) return "";
-    return TestSupport::CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
-}
-
-bool MakeVolume(const std::string& path, const std::string& size, const std::string& options) {
-    if (Shell("truncate -s " + size + " " + path + " && mkfs.hfsplus " + options + " -v Objects " + path) != 0) {
-        return false;
-    }
-    // mkfs.hfsplus leaves the root of a case-sensitive volume without its
-    // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
-    Shell("fsck.hfsplus -fy " + path);
-    return FsckComplaints(path).empty();
-}
 
 // The catalog id sleuthkit gives the entry at `path` ("d/name"), 0 if none.
 std::string InodeOf(const std::string& image, const std::string& path) {
@@ -91,7 +77,7 @@ TEST(HfsPlusObjectWrite, ChangesPassTheCheckersAndReadBack) {
     for (const VolumeCase& c : kVolumes) {
         SCOPED_TRACE(c.what);
         TestSupport::ImageFile image;
-        ASSERT_TRUE(MakeVolume(image.path, c.size, c.mkfs));
+        ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, c.size, c.mkfs));
         {
             Volume volume(image.path);
             ASSERT_NE(volume.driver, nullptr);
@@ -129,7 +115,7 @@ TEST(HfsPlusObjectWrite, ChangesPassTheCheckersAndReadBack) {
             EXPECT_FALSE(root.failed()) << root.error().Code();
             volume.unmount();
         }
-        EXPECT_EQ(FsckComplaints(image.path), "");
+        EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
         const std::string names = TestSupport::CaptureOutput("fls -r -p " + image.path);
         for (const char* present : {"d/moved.txt", "d/large.bin", "hard.bin", "sym", "d/sub", "over.bin"}) {
             EXPECT_NE(names.find(std::string("\t") + present + "\n"), std::string::npos) << present << "\n" << names;
@@ -181,7 +167,7 @@ TEST(HfsPlusObjectWrite, ChangesPassTheCheckersAndReadBack) {
 // "sub" with "inner.txt", empty folder "empty".
 struct Populated {
     Populated() {
-        ok = MakeVolume(image.path, "128M", "-J");
+        ok = TestSupport::MakeHfsplusVolume(image.path, "128M", "-J");
         if (!ok) return;
         Volume volume(image.path);
         volume.root->make_dir(u"sub");
@@ -191,7 +177,7 @@ struct Populated {
         WriteNew(volume, u"sub/inner.txt", "inner");
         ok = !volume.root->failed();
         volume.unmount();
-        ok = ok && FsckComplaints(image.path).empty();
+        ok = ok && HfsplusFsckComplaints(image.path).empty();
     }
     TestSupport::ImageFile image;
     bool ok = false;
@@ -278,7 +264,7 @@ TEST(HfsPlusObjectWrite, OpenFilesNamesAndRefusals) {
         root->set_times(u"sub", 1000000000000ull, 946684800000ull, 1000000005000ull);
         volume.unmount();
     }
-    EXPECT_EQ(FsckComplaints(path), "");
+    EXPECT_EQ(HfsplusFsckComplaints(path), "");
     Volume again(path);
     ASSERT_NE(again.driver, nullptr);
     EXPECT_EQ(again.read(u"a.txt"), "betaA!");

@@ -1,0 +1,66 @@
+#pragma once
+// HFS+ volumes made by mkfs.hfsplus and judged by fsck.hfsplus, and the
+// free space of a mounted volume held back so that a test decides where
+// the next allocation lands.
+#include <string>
+#include <vector>
+
+#include "hfsplus/allocation_file.h"
+#include "hfsplus/area_limits.h"
+#include "hfsplus/extents_array.h"
+#include "tests/support/shell.h"
+
+namespace TestSupport {
+
+// Empty when fsck.hfsplus finds the volume clean, else what it says.
+inline std::string HfsplusFsckComplaints(const std::string& image) {
+    if (RunQuietly("fsck.hfsplus -fn " + image) == 0) return "";
+    return CaptureOutput("fsck.hfsplus -fn " + image + " 2>&1") + "(unclean)";
+}
+
+// A volume of `size` (as truncate takes it) by mkfs.hfsplus with `options`;
+// false when a tool failed or the new volume isn't clean.
+inline bool MakeHfsplusVolume(const std::string& path, const std::string& size, const std::string& options) {
+    if (RunQuietly("truncate -s " + size + " " + path + " && mkfs.hfsplus " + options + " -v Test " + path) != 0) {
+        return false;
+    }
+    // mkfs.hfsplus leaves the root of a case-sensitive volume without its
+    // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
+    RunQuietly("fsck.hfsplus -fy " + path);
+    return HfsplusFsckComplaints(path).empty();
+}
+
+using BlockAreas = std::vector<hfsplus::BlockArea>;
+
+inline hfsplus::ExtentsDescriptorArray ListOf(const BlockAreas& areas) {
+    hfsplus::ExtentsDescriptorArray list;
+    for (const hfsplus::BlockArea& area : areas) list.AddArea(area);
+    return list;
+}
+
+inline BlockAreas AreasOf(const hfsplus::ExtentsDescriptorArray& list) {
+    BlockAreas areas;
+    for (std::uint32_t i = 0; i < list.extent_count(); ++i) {
+        const hfsplus::ExtentDescriptor& extent = list.GetExtent(i);
+        areas.emplace_back(extent.startBlock(), extent.startBlock() + extent.blockCount() - 1);
+    }
+    return areas;
+}
+
+// Every free block held by a holder file, largest runs first as the search
+// finds them. Answers the runs held.
+inline BlockAreas HoldAllFree(hfsplus::AllocationFile& allocation) {
+    BlockAreas held;
+    while (allocation.bitmap().clear_count() != 0) {
+        hfsplus::ExtentsDescriptorArray list;
+        if (!allocation.ExtendFile(16, allocation.bitmap().FindFirstClearRun().GetCount(), list)) break;
+        for (const hfsplus::BlockArea& area : AreasOf(list)) held.push_back(area);
+    }
+    return held;
+}
+
+inline void GiveBack(hfsplus::AllocationFile& allocation, const BlockAreas& held) {
+    for (const hfsplus::BlockArea& area : held) allocation.FreeExtents(ListOf({area}));
+}
+
+}  // namespace TestSupport
