@@ -29,7 +29,7 @@ bool IsReservedAttribute(const std::u16string& name) {
 
 void HFSPlusDirectoryObject::AddInlineAttribute(const std::u16string& name, const std::u16string& attribute,
                                                 const void* data, std::uint32_t size) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     if (attribute.empty() || attribute.size() > kMaxAttributeName || IsReservedAttribute(attribute) ||
         !hfs->metadata().HasComponent(kAttributesComponent)) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);

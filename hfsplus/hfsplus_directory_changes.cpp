@@ -49,7 +49,7 @@ std::string TargetBytes(const std::u16string& target) {
 }  // namespace
 
 void HFSPlusDirectoryObject::TouchDirectory() {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     CatalogFile& catalog = hfs->metadata().GetCatalogFile();
     CatalogRecord record = catalog.GetRecordById(catalog_id);
     if (!record.is_folder()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
@@ -58,7 +58,7 @@ void HFSPlusDirectoryObject::TouchDirectory() {
 }
 
 FileSystemDriver::FileObject* HFSPlusDirectoryObject::create_file(const std::u16string& name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     CheckNewName(name, Common::Failures::FILE_CREATE);
     // Emptying the journal's files would lose the volume's journal.
     if (IsJournalName(name, catalog_id)) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
@@ -82,7 +82,7 @@ FileSystemDriver::FileObject* HFSPlusDirectoryObject::create_file(const std::u16
 }
 
 void HFSPlusDirectoryObject::remove_file(const std::u16string& name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     if (IsDotName(name) || IsJournalName(name, catalog_id)) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     TouchDirectory();
     CatalogFile& catalog = hfs->metadata().GetCatalogFile();
@@ -107,7 +107,7 @@ void HFSPlusDirectoryObject::remove_file(const std::u16string& name) {
 }
 
 void HFSPlusDirectoryObject::remove_directory_entry(const std::u16string& name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     if (IsDotName(name)) Common::Raise(ERROR_TAG, Common::Failures::FILE_DELETE);
     TouchDirectory();
     const CatalogRecord record = GetChild(name);
@@ -121,7 +121,7 @@ void HFSPlusDirectoryObject::remove_directory_entry(const std::u16string& name) 
 }
 
 void HFSPlusDirectoryObject::make_directory(const std::u16string& name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     CheckNewName(name, Common::Failures::FILE_CREATE);
     TouchDirectory();
     CatalogRecord record;
@@ -136,7 +136,7 @@ void HFSPlusDirectoryObject::make_directory(const std::u16string& name) {
 }
 
 void HFSPlusDirectoryObject::symlink_entry(const std::u16string& name, const std::u16string& target) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     CheckNewName(name, Common::Failures::FILE_CREATE);
     if (target.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
     TouchDirectory();
@@ -154,7 +154,7 @@ void HFSPlusDirectoryObject::symlink_entry(const std::u16string& name, const std
 
 void HFSPlusDirectoryObject::rename_entry(const std::u16string& name, DirectoryObject& target,
                                           const std::u16string& new_name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     auto* to = dynamic_cast<HFSPlusDirectoryObject*>(&target);
     // The journal's files are found by their names in the root.
     if (IsDotName(name) || to == nullptr || to->hfs != hfs || IsJournalName(name, catalog_id) ||

@@ -66,7 +66,7 @@ bool HFSPlusDirectoryObject::CanDelete(const std::u16string& name) {
 // and the name the link is to get there.
 void HFSPlusDirectoryObject::link_entry(const std::u16string& name, DirectoryObject& target,
                                         const std::u16string& new_name) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     auto* to = dynamic_cast<HFSPlusDirectoryObject*>(&target);
     if (to == nullptr || to->hfs != hfs) Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
     to->MakeLink(new_name, *this, name);
@@ -74,7 +74,7 @@ void HFSPlusDirectoryObject::link_entry(const std::u16string& name, DirectoryObj
 
 void HFSPlusDirectoryObject::MakeLink(const std::u16string& name, HFSPlusDirectoryObject& source,
                                       const std::u16string& existing) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     if (name.empty() || name.size() > kMaxNameLength || IsDotName(name) || IsDotName(existing)) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CREATE);
     }

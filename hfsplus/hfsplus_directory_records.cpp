@@ -32,7 +32,7 @@ void HFSPlusDirectoryObject::ChangeEntry(const std::u16string& name, const Entry
 }
 
 void HFSPlusDirectoryObject::set_security(const std::u16string& name, const void* data, std::uint32_t size) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     ChangeEntry(name, SecurityChange(data, size));
 }
 
@@ -41,7 +41,7 @@ void HFSPlusDirectoryObject::set_attributes(const std::u16string&, std::uint32_t
 }
 
 void HFSPlusDirectoryObject::set_permissions(const std::u16string& name, std::uint32_t value) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     EntryChange change;
     change.what = EntryChange::What::kPermissions;
     change.first = value & 0xFFFF;
@@ -49,7 +49,7 @@ void HFSPlusDirectoryObject::set_permissions(const std::u16string& name, std::ui
 }
 
 void HFSPlusDirectoryObject::set_owner(const std::u16string& name, std::uint32_t owner, std::uint32_t group) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     EntryChange change;
     change.what = EntryChange::What::kOwner;
     change.first = owner;
@@ -59,7 +59,7 @@ void HFSPlusDirectoryObject::set_owner(const std::u16string& name, std::uint32_t
 
 void HFSPlusDirectoryObject::set_times(const std::u16string& name, std::uint64_t modified, std::uint64_t created,
                                        std::uint64_t accessed) {
-    if (hfs->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    hfs->refuse_if_unchangeable();
     ChangeEntry(name, TimesChange(modified, created, accessed));
 }
 

@@ -41,8 +41,13 @@ int HFSPlusDriver::compare_identifiers(const file_identifier& a, const file_iden
     return CompareBinary(left_name.data(), left_name.size(), right_name.data(), right_name.size());
 }
 
+// The volume's soundness is proved once, before its first change; a volume
+// that fails keeps failing, as nothing of it has changed.
 void HFSPlusDriver::refuse_if_unchangeable() {
     if (read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    if (sound_for_changes) return;
+    metadata().CheckSoundForChanges(*this);
+    sound_for_changes = true;
 }
 
 FileSystemDriver::DirectoryObject* HFSPlusDriver::open_directory(std::uint32_t id) {

@@ -97,6 +97,7 @@ private:
     void close_volume();
 
     bool flushing_metadata = false;  // a flush of the objects is under way
+    bool sound_for_changes = false;  // proved by the first change of the mount
 };
 
 }  // namespace hfsplus

@@ -71,17 +71,19 @@ void HFSPlusFileObject::write(const void* buffer, std::uint64_t position, std::u
                               std::uint64_t& written) {
     written = 0;
     if (link) return (**link).write(buffer, position, size, written);
+    driver->refuse_if_unchangeable();
     content->Write(buffer, position, size, written);
 }
 
 void HFSPlusFileObject::set_size(std::uint64_t size) {
     if (link) return (**link).set_size(size);
+    driver->refuse_if_unchangeable();
     content->SetSize(size);
 }
 
 void HFSPlusFileObject::ChangeRecord(const EntryChange& change) {
     if (link) return (**link).ChangeRecord(change);
-    if (driver->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
+    driver->refuse_if_unchangeable();
     CatalogFile& catalog = driver->metadata().GetCatalogFile();
     CatalogRecord record = catalog.GetRecordById(file_id);
     if (!record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);

@@ -17,6 +17,8 @@ class ExtentsOverflowFile;
 class CatalogFile;
 class AttributesFile;
 
+class HFSPlusDriver;
+
 class HFSPlusMetadata {
 public:
     HFSPlusMetadata();
@@ -35,6 +37,9 @@ public:
     // 0 both headers, 1 journal, 2 allocation file, 3 extents overflow file,
     // 4 catalog, 5 attributes file; any other number answers false.
     bool HasComponent(unsigned component) const;
+    // FILE_CORRUPT when the allocation file or a tree's map doesn't mark in
+    // use what the volume's structures take, or its free count disagrees.
+    void CheckSoundForChanges(const HFSPlusDriver& driver) const;
 
     std::unique_ptr<HFSPlusReplayItemsMap> replay_items;
     std::unique_ptr<HFSPlusJournal> journal;

@@ -120,6 +120,9 @@ void HFSPlusJournal::Replay(bool commit) {
     if (!holds_transactions || (!commit && !replay_items->empty())) return;
     if (commit && driver->read_only != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ_ONLY);
     HFSPlusJournalBuffer buffer(driver, journal_header, journal_info, block_size);
+    const std::uint32_t sector = driver->sector_size;
+    buffer.info_sectors = SectorArea::FromCount(std::uint64_t(info_block) * (block_size / sector), block_size / sector);
+    buffer.journal_sectors = SectorArea::FromCount(journal_info.offset() / sector, journal_info.size() / sector);
     HFSPlusTransactionLightIterator walk_end(journal_info.offset() + journal_header.end());
     HFSPlusTransactionIterator transaction(buffer, walk_end.GetPosition(), replay_items, commit, &dirty_areas);
     while (transaction.GetPosition() != walk_end.GetPosition()) {

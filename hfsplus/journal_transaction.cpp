@@ -33,6 +33,7 @@ HFSPlusTransaction::HFSPlusTransaction(HFSPlusJournalBuffer& buffer, HFSPlusRepl
     : driver(buffer.driver),
       journal_header(buffer.journal_header),
       ring(&buffer.ring),
+      walk(&buffer),
       list(buffer.list()),
       replay_items(items),
       commit(commit_blocks),
@@ -79,13 +80,22 @@ void HFSPlusTransaction::check_sizes() const {
         const BlockInfo& block = entry(i);
         if (block.bsize() % sector != 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
         blocks += block.bsize();
-        if (block.bnum() == BlockInfo::kSkipped) continue;
-        const std::uint64_t sectors = block.bsize() / sector;
-        if (block.bnum() >= driver->volume_sectors || sectors > driver->volume_sectors - block.bnum()) {
-            Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
-        }
+        if (block.bnum() != BlockInfo::kSkipped) check_target(block);
     }
     if (journal_header->blhdr_size() + blocks != used) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+}
+
+void HFSPlusTransaction::check_target(const BlockInfo& block) const {
+    const std::uint64_t sectors = block.bsize() / driver->sector_size;
+    if (sectors == 0) return;
+    if (block.bnum() >= driver->volume_sectors || sectors > driver->volume_sectors - block.bnum()) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
+    const SectorArea target = SectorArea::FromCount(block.bnum(), sectors);
+    if (!SectorArea::Intersect(target, walk->info_sectors).IsEmpty() ||
+        !SectorArea::Intersect(target, walk->journal_sectors).IsEmpty()) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    }
 }
 
 void HFSPlusTransaction::Apply() {

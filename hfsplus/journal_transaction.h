@@ -38,6 +38,10 @@ public:
     const JournalHeader* journal_header;
     const JournalInfoBlock* journal_info;
     HFSPlusJournalCircularBuffer ring;
+    // The journal's own sectors, its info block's and its header and ring:
+    // a transaction may not put a block there.
+    SectorArea info_sectors;
+    SectorArea journal_sectors;
 
 private:
     // The device takes only buffers on sector boundaries.
@@ -67,6 +71,9 @@ private:
     unsigned count() const { return header().num_blocks(); }
     void read_list();
     void check_sizes() const;
+    // FILE_CORRUPT for a block whose sectors leave the volume or fall on
+    // the journal itself: replayed, it would overwrite what the walk reads.
+    void check_target(const BlockInfo& block) const;
     void check_pass();
     void map_pass();
     std::uint32_t gather_block(std::uint32_t bsize);
@@ -75,6 +82,7 @@ private:
     HFSPlusDriver* driver;  // not owned
     const JournalHeader* journal_header;
     HFSPlusJournalCircularBuffer* ring;
+    const HFSPlusJournalBuffer* walk;
     unsigned char* list;
     HFSPlusReplayItemsMap* replay_items;  // not owned
     bool commit;

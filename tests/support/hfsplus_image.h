@@ -2,6 +2,8 @@
 // HFS+ volumes made by mkfs.hfsplus and judged by fsck.hfsplus, and the
 // free space of a mounted volume held back so that a test decides where
 // the next allocation lands.
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -28,6 +30,14 @@ inline bool MakeHfsplusVolume(const std::string& path, const std::string& size, 
     // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
     RunQuietly("fsck.hfsplus -fy " + path);
     return HfsplusFsckComplaints(path).empty();
+}
+
+// Our journal writer for tests, built beside the test binary.
+inline std::string HfsJournalWriter() {
+    char self[4096] = {};
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    const std::string path(self, length > 0 ? static_cast<std::size_t>(length) : 0);
+    return path.substr(0, path.rfind('/') + 1) + "hfs_journal_writer";
 }
 
 using BlockAreas = std::vector<hfsplus::BlockArea>;

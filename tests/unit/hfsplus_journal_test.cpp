@@ -25,6 +25,7 @@
 #include "hfsplus/volume_header.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/temp_folder.h"
@@ -256,14 +257,6 @@ struct ImageBytes {
     std::string path;
 };
 
-// The writer, built beside this test.
-std::string Writer() {
-    char self[4096] = {};
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string path(self, length > 0 ? length : 0);
-    return path.substr(0, path.rfind('/') + 1) + "hfs_journal_writer";
-}
-
 int Shell(const std::string& command) { return TestSupport::RunQuietly(command); }
 
 // A big-endian number into a patch of the volume, most significant byte first.
@@ -282,7 +275,9 @@ struct JournaledVolume {
         const std::vector<unsigned char> info_bytes = bytes.read(info_offset, sizeof(info));
         std::memcpy(&info, info_bytes.data(), sizeof(info));
     }
-    bool write(const std::string& arguments) const { return Shell(Writer() + " " + path + " " + arguments) == 0; }
+    bool write(const std::string& arguments) const {
+        return Shell(TestSupport::HfsJournalWriter() + " " + path + " " + arguments) == 0;
+    }
 
     TestSupport::TempFolder folder;
     std::string path;
@@ -310,7 +305,7 @@ std::size_t FieldWidth(std::size_t offset) { return offset >= 8 && offset < 32 ?
 TEST(HfsplusJournal, MountRefusesJournalsThatLie) {
     JournaledVolume base(1024);
     ASSERT_TRUE(base.made);
-    ASSERT_TRUE(base.write("")) << "the writer initialises the journal: " << Writer();
+    ASSERT_TRUE(base.write("")) << "the writer initialises the journal: " << TestSupport::HfsJournalWriter();
     const std::uint64_t header_at = base.info.offset();
     const std::vector<unsigned char> good_header = base.bytes.read(header_at, kSector);
     const std::vector<unsigned char> good_info = base.bytes.read(base.info_offset, kSector);

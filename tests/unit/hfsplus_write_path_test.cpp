@@ -23,6 +23,7 @@
 #include "hfsplus/journal.h"
 #include "hfsplus/volume_header.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/volume_fixture.h"
@@ -67,14 +68,6 @@ std::uint64_t GetLE64(const Bytes& bytes, std::uint64_t at) {
     std::uint64_t value = 0;
     for (int i = 7; i >= 0; --i) value = value << 8 | bytes[at + i];
     return value;
-}
-
-// The writer, built beside this test.
-std::string Writer() {
-    char self[4096] = {};
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    const std::string path(self, length > 0 ? length : 0);
-    return path.substr(0, path.rfind('/') + 1) + "hfs_journal_writer";
 }
 
 // Header fields by their byte offsets in the volume header.
@@ -136,8 +129,8 @@ std::string PendingTransactions(Image& image, const std::string& extra) {
     TestSupport::StoreFile(image.file.folder.Path() + "/vh", header);
     TestSupport::StoreFile(image.file.folder.Path() + "/node", node);
     const std::string dir = image.file.folder.Path();
-    return Writer() + " " + extra + " " + image.file.path + " 2:" + dir + "/vh " + std::to_string(leaf / kSector) +
-           ":" + dir + "/node";
+    return TestSupport::HfsJournalWriter() + " " + extra + " " + image.file.path + " 2:" + dir + "/vh " +
+           std::to_string(leaf / kSector) + ":" + dir + "/node";
 }
 
 // A metadata object's bytes rewritten as they are: a change that changes
