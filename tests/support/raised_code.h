@@ -2,18 +2,13 @@
 // The code of the Common::Error an action raises, 0 when it raises none.
 #include <cstdint>
 
-#include "loader/common/error.h"
+#include "tests/support/raised_error.h"
 
 namespace TestSupport {
 
 template <typename Action>
 std::uint32_t RaisedCode(Action action) {
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        return error.Code();
-    }
-    return 0;
+    return RaisedError(action).Code();
 }
 
 }  // namespace TestSupport
