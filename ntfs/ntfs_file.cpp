@@ -27,6 +27,32 @@ NTFSFile::~NTFSFile() {
     stream_.reset();
 }
 
+namespace {
+
+// A transfer split as splitTransfer gives it: the head and the tail through
+// the cache, the middle straight between the caller's buffer and the
+// device. `done` grows after each piece, so that an error in a later piece
+// leaves the count of what went through.
+template <typename Parts, typename Bytes, typename Cached, typename Direct>
+void TransferByParts(const Parts& parts, std::uint64_t position, std::uint64_t length, Bytes* bytes,
+                     std::uint64_t& done, Cached cached, Direct direct) {
+    if (parts.middle == 0) {
+        done = cached(position, length, bytes);
+        return;
+    }
+    if (parts.head != 0) {
+        done = cached(position, parts.head, bytes);
+        if (done != parts.head) return;
+    }
+    const std::uint64_t middle = direct(position + parts.head, parts.middle, bytes + parts.head);
+    done += std::min(middle, parts.middle);
+    if (middle < parts.middle || parts.tail == 0) return;
+    const std::uint64_t tail_at = parts.head + parts.middle;
+    done += cached(position + tail_at, parts.tail, bytes + tail_at);
+}
+
+}  // namespace
+
 void NTFSFile::read(void* buffer, std::uint64_t position, std::uint64_t length, std::uint64_t& got) {
     got = 0;
     const std::uint64_t size = stream_->size();
@@ -34,20 +60,12 @@ void NTFSFile::read(void* buffer, std::uint64_t position, std::uint64_t length, 
     const std::uint64_t wanted = std::min(length, size - position);
     if (wanted == 0) return;
     auto* out = static_cast<unsigned char*>(buffer);
-    const TransferParts parts = splitTransfer(position, wanted, out, false);
-    if (parts.middle == 0) {
-        got = stream_->read(position, wanted, out);
-        return;
-    }
-    if (parts.head != 0) {
-        got = stream_->read(position, parts.head, out);
-        if (got != parts.head) return;
-    }
-    const std::uint64_t direct = stream_->readSectors(position + parts.head, parts.middle, out + parts.head);
-    got += std::min(direct, parts.middle);
-    if (direct < parts.middle || parts.tail == 0) return;
-    const std::uint64_t tail_at = parts.head + parts.middle;
-    got += stream_->read(position + tail_at, parts.tail, out + tail_at);
+    TransferByParts(
+        splitTransfer(position, wanted, out, false), position, wanted, out, got,
+        [&](std::uint64_t at, std::uint64_t count, unsigned char* into) { return stream_->read(at, count, into); },
+        [&](std::uint64_t at, std::uint64_t count, unsigned char* into) {
+            return stream_->readSectors(at, count, into);
+        });
 }
 
 void NTFSFile::write(const void* buffer, std::uint64_t position, std::uint64_t length, std::uint64_t& written) {
@@ -66,20 +84,14 @@ void NTFSFile::write(const void* buffer, std::uint64_t position, std::uint64_t l
 
 void NTFSFile::writeParts(const unsigned char* in, std::uint64_t position, std::uint64_t length,
                           std::uint64_t& written) {
-    const TransferParts parts = splitTransfer(position, length, in, true);
-    if (parts.middle == 0) {
-        written = stream_->write(position, length, in);
-        return;
-    }
-    if (parts.head != 0) {
-        written = stream_->write(position, parts.head, in);
-        if (written != parts.head) return;
-    }
-    const std::uint64_t direct = stream_->writeSectors(position + parts.head, parts.middle, in + parts.head);
-    written += std::min(direct, parts.middle);
-    if (direct < parts.middle || parts.tail == 0) return;
-    const std::uint64_t tail_at = parts.head + parts.middle;
-    written += stream_->write(position + tail_at, parts.tail, in + tail_at);
+    TransferByParts(
+        splitTransfer(position, length, in, true), position, length, in, written,
+        [&](std::uint64_t at, std::uint64_t count, const unsigned char* from) {
+            return stream_->write(at, count, from);
+        },
+        [&](std::uint64_t at, std::uint64_t count, const unsigned char* from) {
+            return stream_->writeSectors(at, count, from);
+        });
 }
 
 NTFSFile::TransferParts NTFSFile::splitTransfer(std::uint64_t position, std::uint64_t length, const void* buffer,
