@@ -7,6 +7,7 @@
 # find it clean afterwards.
 #
 #   tests/images/hfsplus_guest/make_images.sh BUILD_DIR
+#   tests/images/hfsplus_guest/make_images.sh --read-back BUILD_DIR OUT VOLUME...
 #
 # Prints, as its last line, the folder that holds for each row ROW:
 #   ROW.img        the volume
@@ -16,9 +17,19 @@
 # The folder is BUILD_DIR/hfsplus-images/KEY, KEY a hash of the guest's
 # scripts, this one and the kernel's version: a second run with nothing
 # changed finds it and boots nothing.
+#
+# With --read-back, one guest mounts each VOLUME (written by our driver)
+# read-only with the Linux driver, and OUT receives for each NAME.img
+# among them NAME.tar and NAME.manifest as above, and read.log, the
+# guest's log, "read" as its last line when every volume was read.
 set -u
 
-if [ $# -ne 1 ]; then
+MODE=fill
+if [ "${1:-}" = --read-back ]; then
+    MODE=read-back
+    shift
+    [ $# -ge 3 ] || { echo "usage: $0 --read-back BUILD_DIR OUT VOLUME..." >&2; exit 2; }
+elif [ $# -ne 1 ]; then
     echo "usage: $0 BUILD_DIR" >&2
     exit 2
 fi
@@ -27,6 +38,10 @@ KERNEL_SCRIPTS=$(cd "$HERE/../../e2e/kernel" && pwd)
 mkdir -p "$1" || exit 2
 BUILD_DIR=$(cd "$1" && pwd) || exit 2
 GUEST=$BUILD_DIR/hfsplus-guest
+# Two matrices may ask at once (ctest runs tests side by side): one fills,
+# the other waits and then finds the volumes made.
+exec 9>"$BUILD_DIR/hfsplus-guest.lock"
+flock 9
 mkdir -p "$GUEST" || exit 1
 
 # The mkfs options are one word, ':' standing for a space. A data clump
@@ -51,7 +66,7 @@ read -r PACKAGE VERSION < "$BUILD_DIR/e2e-kernel/kernel.txt" || exit 1
 KEY=$(cat "$0" "$HERE/init" "$HERE/fill.sh" "$HERE/xattr.c" "$BUILD_DIR/e2e-kernel/kernel.txt" |
       sha256sum | cut -c 1-16)
 IMAGES=$BUILD_DIR/hfsplus-images/$KEY
-if [ -f "$IMAGES/complete" ]; then
+if [ "$MODE" = fill ] && [ -f "$IMAGES/complete" ]; then
     echo "$IMAGES"
     exit 0
 fi
@@ -124,17 +139,49 @@ fetch_busybox() {
     mv "$GUEST/busybox-unpack/bin/busybox" "$GUEST/busybox" && rm -rf "$GUEST/busybox-unpack"
 }
 
+# make_initramfs OUT: each run its own tree, so that a filling and a
+# read-back may run side by side.
 make_initramfs() {
-    local tree=$GUEST/tree
-    rm -rf "$tree"
+    local tree
+    tree=$(mktemp -d "$GUEST/tree.XXXXXX") || return 1
     mkdir -p "$tree/bin" "$tree/modules" || return 1
     cp "$HERE/init" "$tree/init" && chmod 755 "$tree/init" || return 1
     cp "$HERE/fill.sh" "$tree/fill.sh" || return 1
     cp "$GUEST/busybox" "$tree/bin/busybox" || return 1
     gcc -static -Os -o "$tree/bin/xattr" "$HERE/xattr.c" || return 1
     cp "$GUEST/modules"/*.ko "$tree/modules/" && cp "$GUEST/modules/modules.order" "$tree/" || return 1
-    (cd "$tree" && find . | cpio --quiet -o -H newc -R 0:0) > "$GUEST/initrd.img" || return 1
+    (cd "$tree" && find . | cpio --quiet -o -H newc -R 0:0) > "$1" || return 1
     rm -rf "$tree"
+}
+
+# boot_guest CONSOLE ARGUMENTS DISK...: the guest, told ARGUMENTS on its
+# kernel command line, with each DISK as a virtio disk in order.
+boot_guest() {
+    local console=$1 arguments=$2 disk drives=()
+    shift 2
+    for disk in "$@"; do drives+=(-drive "file=$disk,format=raw,if=virtio"); done
+    timeout -k 5 900 qemu-system-x86_64 -machine q35,accel=$ACCEL -m 512 -smp 1 \
+        -display none -serial stdio -nic none -no-reboot \
+        -kernel "$KERNEL" -initrd "$WORK/initrd.img" \
+        -append "console=ttyS0 quiet panic=-1 $arguments" "${drives[@]}" \
+        < /dev/null > "$console" 2>&1
+}
+
+# read_back OUT VOLUME...: the Linux driver's reading of each volume, in
+# one boot: the guest names them by their place, 0 to N-1.
+read_back() {
+    local out=$1 answer=$WORK/answer.img number=0 volume name
+    shift
+    mkdir -p "$out" && truncate -s 1G "$answer" || return 1
+    boot_guest "$WORK/read.console" "hfsread=$#" "$@" "$answer"
+    tar -x -f "$answer" -C "$WORK" 2>/dev/null
+    cp "$WORK/read.log" "$out/read.log" 2>/dev/null || { tail -n 20 "$WORK/read.console" >&2; return 1; }
+    for volume in "$@"; do
+        name=$(basename "$volume" .img)
+        mv "$WORK/$number.tar" "$out/$name.tar" 2>/dev/null && mv "$WORK/$number.manifest" "$out/$name.manifest" 2>/dev/null
+        number=$((number + 1))
+    done
+    [ "$(tail -n 1 "$out/read.log")" = read ]
 }
 
 # fill_row NAME BLOCK MKFS MIB MOUNT TREES: the row's volume in $WORK.
@@ -149,12 +196,8 @@ fill_row() {
     mkfs.hfsplus -v "$name" -b "$block" $options "$image" > "$WORK/$name.mkfs" 2>&1 ||
         { cat "$WORK/$name.mkfs" >&2; return 1; }
     echo "hfsplus guest: filling $name ($ACCEL, at $((SECONDS - started)) s)" >&2
-    timeout -k 5 900 qemu-system-x86_64 -machine q35,accel=$ACCEL -m 512 -smp 1 \
-        -display none -serial stdio -nic none -no-reboot \
-        -kernel "$KERNEL" -initrd "$GUEST/initrd.img" \
-        -append "console=ttyS0 quiet panic=-1 hfsrow=$name hfsblock=$block hfstrees=$trees${mount:+ hfsmount=$mount}" \
-        -drive "file=$image,format=raw,if=virtio" -drive "file=$answer,format=raw,if=virtio" \
-        < /dev/null > "$WORK/$name.console" 2>&1
+    boot_guest "$WORK/$name.console" "hfsrow=$name hfsblock=$block hfstrees=$trees${mount:+ hfsmount=$mount}" \
+        "$image" "$answer"
     mkdir -p "$WORK/$name.out" || return 1
     tar -x -f "$answer" -C "$WORK/$name.out" 2>/dev/null
     rm -f "$answer"
@@ -187,17 +230,23 @@ ACCEL=${HFSPLUS_GUEST_ACCEL:-tcg}
 
 fetch_modules || exit 1
 fetch_busybox || exit 1
-make_initramfs || exit 1
-
 mkdir -p "$BUILD_DIR/hfsplus-images" || exit 1
 WORK=$(mktemp -d "$BUILD_DIR/hfsplus-images/making.XXXXXX") || exit 1
 trap 'rm -rf "$WORK"' EXIT
+make_initramfs "$WORK/initrd.img" || exit 1
+if [ "$MODE" = read-back ]; then
+    out=$2
+    shift 2
+    read_back "$out" "$@"
+    exit
+fi
 started=$SECONDS
 echo "$ROWS" | while read -r name block mkfs mib mount trees; do
     [ -n "$name" ] || continue
     fill_row "$name" "$block" "$mkfs" "$mib" "$mount" "$trees" || exit 1
 done || exit 1
 echo "hfsplus guest: all volumes filled in $((SECONDS - started)) s" >&2
+rm -f "$WORK/initrd.img"
 touch "$WORK/complete"
 rm -rf "$IMAGES"
 mv "$WORK" "$IMAGES" || exit 1
