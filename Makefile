@@ -44,6 +44,7 @@ bench: all
 	bench/ntfs_read.sh $(BUILD)
 	bench/ntfs_write.sh $(BUILD)
 	bench/hfsplus_read.sh $(BUILD)
+	bench/hfsplus_write.sh $(BUILD)
 
 check: deps
 	$(MAKE) unit

@@ -75,6 +75,13 @@ private:
     void CheckChange() const;
     void MarkArea(const SectorArea& area);
     void Grow(std::uint64_t old_size, std::uint64_t new_size);
+    // The blocks that a size of `new_size` needs beyond the list, in place
+    // or with the whole file moved.
+    void TakeBlocks(std::uint64_t old_size, std::uint64_t new_size);
+    // A write that ends past the end: the blocks taken, and zero only where
+    // the write leaves them (the gap in front of it, the rest of its last
+    // block), so that its whole blocks go to the device once.
+    void GrowForWrite(std::uint64_t old_size, std::uint64_t position, std::uint64_t end);
     void Shrink(std::uint64_t old_size, std::uint64_t new_size);
     // Zeroes the bytes from `from` to `to`, block by block through the cache.
     void ZeroRange(std::uint64_t from, std::uint64_t to);

@@ -53,13 +53,21 @@ void FileContent::Write(const void* buffer, std::uint64_t position, std::uint64_
     CheckChange();
     // The file covers what is written, wherever the write starts.
     const std::uint64_t end = position + count;
-    if (record.file().dataFork().logicalSize() < end) SetSize(end);
+    const std::uint64_t old_size = record.file().dataFork().logicalSize();
+    if (old_size < end) GrowForWrite(old_size, position, end);
     const auto* in = static_cast<const unsigned char*>(buffer);
-    while (position < end) {
-        const std::uint64_t bytes = WritePiece(in, position, end);
-        in += bytes;
-        position += bytes;
-        written += bytes;
+    try {
+        while (position < end) {
+            const std::uint64_t bytes = WritePiece(in, position, end);
+            in += bytes;
+            position += bytes;
+            written += bytes;
+        }
+    } catch (const Common::Error&) {
+        // Blocks taken for the write and not reached by it would show
+        // whatever they held before: they read as zero instead.
+        if (old_size < end) ZeroRange(std::max(position, old_size), end);
+        throw;
     }
     record = driver->metadata().GetCatalogFile().GetRecordById(file_id);
     ChangeFile(record).contentModDate_.set(MacTimeNow());
@@ -125,25 +133,35 @@ void FileContent::Shrink(std::uint64_t old_size, std::uint64_t new_size) {
     data_extents_dirty = 1;
 }
 
+void FileContent::Grow(std::uint64_t old_size, std::uint64_t new_size) {
+    TakeBlocks(old_size, new_size);
+    ZeroRange(old_size, new_size);
+}
+
+void FileContent::GrowForWrite(std::uint64_t old_size, std::uint64_t position, std::uint64_t end) {
+    TakeBlocks(old_size, end);
+    if (position > old_size) ZeroRange(old_size, position);
+    if (end % block_size != 0) ZeroRange(end, end + 1);
+    StoreSize(driver->metadata().GetCatalogFile().GetRecordById(file_id), end);
+}
+
 // The list may hold more blocks than the old size needs (a maker's
 // preallocation); only the blocks still missing are asked for.
-void FileContent::Grow(std::uint64_t old_size, std::uint64_t new_size) {
+void FileContent::TakeBlocks(std::uint64_t old_size, std::uint64_t new_size) {
     const std::uint64_t needed = BlocksFor(new_size, block_size);
-    if (needed > data_extents.block_count()) {
-        const std::uint64_t difference = needed - data_extents.block_count();
-        if (difference > UINT32_MAX) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
-        const auto blocks = static_cast<std::uint32_t>(difference);
-        AllocationFile& allocation = driver->metadata().GetAllocationFile();
-        if (!allocation.ExtendFile(file_id, blocks, data_extents)) {
-            if (old_size == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
-            const ExtentsDescriptorArray moved(allocation.AllocateWholeFile(file_id, blocks, data_extents));
-            if (moved.extent_count() == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
-            RelocateContents(data_extents, moved);
-            data_extents = moved;
-        }
-        data_extents_dirty = 1;
+    if (needed <= data_extents.block_count()) return;
+    const std::uint64_t difference = needed - data_extents.block_count();
+    if (difference > UINT32_MAX) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+    const auto blocks = static_cast<std::uint32_t>(difference);
+    AllocationFile& allocation = driver->metadata().GetAllocationFile();
+    if (!allocation.ExtendFile(file_id, blocks, data_extents)) {
+        if (old_size == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+        const ExtentsDescriptorArray moved(allocation.AllocateWholeFile(file_id, blocks, data_extents));
+        if (moved.extent_count() == 0) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
+        RelocateContents(data_extents, moved);
+        data_extents = moved;
     }
-    ZeroRange(old_size, new_size);
+    data_extents_dirty = 1;
 }
 
 void FileContent::ZeroRange(std::uint64_t from, std::uint64_t to) {

@@ -307,6 +307,44 @@ TEST(HFSPlusForkWrite, FileMovesWholeWhenItCantGrowInPlace) {
     EXPECT_EQ(DataForkBlocks(image.path, kFileId), (std::vector<std::uint32_t>{gap.first, gap.first + 1, gap.first + 2}));
 }
 
+// A write that starts past the end of a file, onto blocks that held other
+// bytes: the gap in front of it and the rest of its last block read as
+// zero, in the file and on the disk.
+TEST(HFSPlusForkWrite, WritePastTheEndLeavesZerosAroundIt) {
+    TestSupport::ImageFile image;
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "16M", ""));
+    // Every free block filled with 0xEE, as blocks of removed files are.
+    const std::string runs = "blkls -f hfs -A -l " + image.path +
+                             " | awk -F '|' '$2 == \"f\" { if ($1 != last + 1) { if (n) print first, n; first = $1; n = 0 }"
+                             " n++; last = $1 } END { if (n) print first, n }'";
+    ASSERT_EQ(Shell(runs + " | while read -r first n; do head -c $((n * 4096)) /dev/zero | tr '\\0' '\\356' | dd of=" +
+                    image.path + " bs=4096 seek=$first conv=notrunc status=none; done"),
+              0);
+    const std::string data = TestSupport::Pattern(100, 3);
+    std::uint32_t block = 0;
+    {
+        Volume volume(image.path);
+        ASSERT_NE(volume.driver, nullptr);
+        block = volume.driver->block_size();
+        MakeFile(*volume.driver, kFileId, u"late");
+        auto content = Content(*volume.driver, kFileId);
+        std::uint64_t written = 0;
+        content->Write(data.data(), 3 * block + 10, data.size(), written);
+        EXPECT_EQ(written, data.size());
+        EXPECT_EQ(ReadAll(*content), std::string(3 * block + 10, '\0') + data);
+        content->Flush();
+    }
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
+    const std::vector<std::uint32_t> blocks = DataForkBlocks(image.path, kFileId);
+    ASSERT_EQ(blocks.size(), 4u);
+    const std::vector<unsigned char> bytes = image.bytes();
+    const auto block_text = [&](std::uint32_t number) {
+        return std::string(bytes.begin() + std::uint64_t(number) * block, bytes.begin() + std::uint64_t(number + 1) * block);
+    };
+    EXPECT_EQ(block_text(blocks[3]).substr(110), std::string(block - 110, '\0'));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(block_text(blocks[i]), std::string(block, '\0'));
+}
+
 // Refusals come before any change: a read-only driver, a locked file, a
 // file of size 0 that finds no room; a resize to the present size only
 // touches the access date.
