@@ -83,6 +83,13 @@ public:
     // Grows the tree's file by its clump, in place if the allocation file
     // can, else by moving it whole.
     virtual void ExtendTree();
+    // Grows the tree's file until `count` nodes are free, so that a change
+    // that needs them can't run out half way; raises, with the nodes as
+    // they were, when the volume has no room.
+    void ReserveNodes(std::uint32_t count);
+    // The most nodes one insertion can take: two at every level it splits,
+    // and a new root.
+    std::uint32_t InsertionReserve() const { return 2 * (std::uint32_t(depth()) + 1); }
     // Writes the header node, the dirty nodes and the map parts, then the
     // object's dirty areas.
     virtual void FlushTree();

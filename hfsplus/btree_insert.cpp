@@ -38,6 +38,9 @@ void SpecialFileWithBTree::InsertRecord(const unsigned char* key, std::size_t ke
                                         std::size_t data_size, unsigned level) {
     CheckWritable();
     if (level < 1) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    // Every node the insertion may split into is there before the first
+    // node changes: a tree that can't grow refuses with nothing touched.
+    if (insert_depth == 0) ReserveNodes(InsertionReserve());
     Nesting nesting(insert_depth, *pending);
     RecordBufferArray& array = pending->Level(level);
     if (!array.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
@@ -69,6 +72,14 @@ void SpecialFileWithBTree::InsertRecord(const unsigned char* key, std::size_t ke
         SplitPath(position, level, KindOfLevel(level));
     }
     if (level == 1) ChangeHeader().leafRecords_.set(leaf_records() + 1);
+}
+
+void SpecialFileWithBTree::ReserveNodes(std::uint32_t count) {
+    while (free_nodes() < count) {
+        const std::uint32_t before = free_nodes();
+        ExtendTree();
+        if (free_nodes() <= before) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
+    }
 }
 
 bool SpecialFileWithBTree::IsAppendPosition(const RecordPosition& position, unsigned level) {

@@ -293,4 +293,42 @@ TEST(HFSPlusCatalogWrite, CatalogIds) {
     volume.driver->read_only = 1;  // nothing of this reaches the disk
 }
 
+// A catalog that runs out of nodes on a volume with no block left: each
+// change that would need a node it can't get is refused before it touches
+// the tree, a rename included, and every entry made before stays.
+TEST(HFSPlusCatalogWrite, FullCatalogOnAFullVolumeRefusesWhole) {
+    TestSupport::ImageFile image;
+    ASSERT_TRUE(TestSupport::MakeHfsplusVolume(image.path, "16M", ""));
+    unsigned made = 0;
+    {
+        Volume volume(image.path);
+        ASSERT_NE(volume.driver, nullptr);
+        CatalogFile& catalog = Catalog(volume);
+        AllocationFile& allocation = volume.driver->metadata().GetAllocationFile();
+        const TestSupport::BlockAreas held = TestSupport::HoldAllFree(allocation);
+        std::uint32_t code = 0;
+        while (code == 0 && made < 5000) {
+            code = RaisedCode([&] { catalog.CreateFile(N(LongName(made)), kRootFolderId); });
+            if (code == 0) ++made;
+        }
+        // The allocation file has no clump for the tree: the code it gives
+        // for that.
+        EXPECT_EQ(code, Common::FILE_CORRUPT);
+        EXPECT_GT(made, 10u);
+        EXPECT_EQ(Valence(catalog, kRootFolderId), made);
+        const std::u16string longer = LongName(made) + u"-renamed";
+        const std::uint32_t renamed =
+            RaisedCode([&] { catalog.Rename(N(LongName(0)), kRootFolderId, N(longer), kRootFolderId); });
+        EXPECT_TRUE(renamed == 0 || renamed == Common::FILE_CORRUPT) << renamed;
+        const std::u16string& kept = renamed == 0 ? longer : LongName(0);
+        EXPECT_EQ(RaisedCode([&] { catalog.GetRecord(kRootFolderId, N(kept)); }), 0u);
+        EXPECT_EQ(Valence(catalog, kRootFolderId), made);
+        TestSupport::GiveBack(allocation, held);
+    }
+    EXPECT_EQ(HfsplusFsckComplaints(image.path), "");
+    Volume volume(image.path);
+    ASSERT_NE(volume.driver, nullptr);
+    EXPECT_EQ(Valence(Catalog(volume), kRootFolderId), made);
+}
+
 }  // namespace
