@@ -32,6 +32,8 @@ endif()
 # `make powercut` runs the full one.
 file(GLOB MORVANE_POWERCUT_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/powercut/*.cpp)
 add_executable(powercut ${MORVANE_POWERCUT_SOURCES})
+# The journaled HFS+ rows leave their pending transaction with this tool.
+add_dependencies(powercut hfs_journal_writer)
 target_link_libraries(powercut PRIVATE morvane_host)
 target_compile_options(powercut PRIVATE ${MORVANE_HOST_WARNINGS})
 # Under the sanitizers the driver's run and walk at each cut are several

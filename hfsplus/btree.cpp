@@ -46,6 +46,8 @@ void CopyLimit(KeyAndNodeIndexRecord& limit, const NodeBlock& node, std::uint16_
 SpecialFileWithBTree::SpecialFileWithBTree(HFSPlusDriver* driver, std::uint32_t fork_id, std::uint16_t node_size,
                                            std::uint32_t max_key_size, std::uint32_t max_data_size)
     : SpecialFile(driver, fork_id), max_key_bytes(max_key_size), max_data_bytes(max_data_size) {
+    placed_start = fork().extent(0).startBlock();
+    placed_blocks = fork().totalBlocks();
     if (fork().totalBlocks() == 0) return;
     if (!IsNodeSize(node_size)) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     header_buffer = std::make_unique<AlignedBuffer>(node_size);
@@ -130,6 +132,7 @@ void SpecialFileWithBTree::ReadNode(std::uint32_t number, NodeBlock& node) {
     if (got < node_bytes) Common::Raise(ERROR_TAG, Common::Failures::FILE_READ);
     LoadMark mark(node);
     node.CheckLayout(max_key_bytes);
+    disk_counts.emplace(number, node.GetRecordCount());
     const BTNodeDescriptor& descriptor = node.GetDescriptor();
     if (!node.description) {
         auto description = std::make_unique<NodeBlockDescription>();

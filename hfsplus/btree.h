@@ -9,7 +9,10 @@
 #include "fsdriver/aligned_buffer.h"
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "hfsplus/record_position.h"
 #include "hfsplus/special_file.h"
@@ -147,6 +150,12 @@ private:
     std::uint8_t CleanBit() const;
     // Writes the dirty nodes that hold buffers, so that any may be evicted.
     void WriteCachedNodes();
+    static constexpr unsigned kHeaderRank = 0x101;
+    static constexpr unsigned kFreedRank = kHeaderRank + 1;
+    unsigned FlushRank(std::uint32_t number, const NodeBlock& node) const;
+    void FlushNodes(unsigned rank);
+    // The volume header and the allocation file first when the file grew in place.
+    void WriteGrownFork();
     std::uint32_t GetLastNodeOfLevel(unsigned level);
     bool IsAppendPosition(const RecordPosition& position, unsigned level);
     bool RootHasSibling();
@@ -188,6 +197,14 @@ private:
     std::uint8_t map_dirty = 0;
     unsigned insert_depth = 0;  // nesting of InsertRecord
     AllocationFile* allocation = nullptr;  // not owned
+    // The file's first block and its length as the volume header on the disk has them.
+    std::uint32_t placed_start = 0;
+    std::uint32_t placed_blocks = 0;
+    // Nodes written into the cache since the last flush: their rank in its
+    // order, and their record count.
+    std::map<std::uint32_t, std::pair<unsigned, std::uint16_t>> unflushed;
+    std::map<std::uint32_t, std::uint16_t> disk_counts;  // records of nodes as the disk has them
+    std::set<std::uint32_t> fresh;  // nodes allocated since the last flush
 };
 
 }  // namespace hfsplus

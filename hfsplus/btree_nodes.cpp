@@ -2,8 +2,10 @@
 // the tree has outgrown its map records), a node put behind another on its
 // level, the header record's changes, and the write-back of nodes, the
 // header node and the map parts through the object.
+#include <set>
 #include <vector>
 
+#include "hfsplus/allocation_file.h"
 #include "hfsplus/btree.h"
 #include "hfsplus/btree_map.h"
 #include "hfsplus/btree_pending.h"
@@ -89,6 +91,7 @@ void SpecialFileWithBTree::WriteNode(std::uint32_t number, NodeBlock& node) {
     Write(node.data, static_cast<std::uint64_t>(number) * node_bytes, node_bytes, written);
     if (written < node_bytes) Common::Raise(ERROR_TAG, Common::Failures::FILE_WRITE);
     node.SetDirty(false);
+    unflushed.insert_or_assign(number, std::make_pair(FlushRank(number, node), node.GetRecordCount()));
 }
 
 void SpecialFileWithBTree::WriteCachedNodes() {
@@ -112,6 +115,12 @@ void SpecialFileWithBTree::WriteMapParts() {
     }
 }
 
+// A cut in the middle of a flush leaves what reached the disk: the nodes
+// go from the bottom up, and the header node last. An index record then
+// never leads to a node whose records haven't arrived (a search sent to a
+// node left of its record walks right to it; one sent past it finds
+// nothing), and the header's counts and map bits never count a node that
+// isn't written.
 void SpecialFileWithBTree::FlushTree() {
     if (IsEmpty() || dirty == 0) return;
     if (driver->read_only != 0) {
@@ -123,15 +132,88 @@ void SpecialFileWithBTree::FlushTree() {
         header_node->SetDirty(true);
         if (map->part_count() == 1) map_dirty = 0;
     }
-    if (header_node->IsDirty()) WriteNode(0, *header_node);
     WriteCachedNodes();
     if (map_dirty != 0) WriteMapParts();
     map_dirty = 0;
+    if (header_node->IsDirty()) WriteNode(0, *header_node);
+    WriteGrownFork();
+    std::set<unsigned> ranks;
+    for (const auto& [number, noted] : unflushed) ranks.insert(noted.first);
+    for (unsigned rank : ranks) {
+        if (rank < kHeaderRank) FlushNodes(rank);
+    }
+    FlushNodes(kHeaderRank);
+    FlushNodes(kFreedRank);
+    fresh.clear();
     volume_header->header().modifyDate_.set(MacLocalTimeNow());
     volume_header->MarkDirty();
     Flush();
     dirty = 0;
     driver->open_status |= CleanBit();
+}
+
+// Leaves first, then each index level, then the other kinds (map nodes),
+// the header node, and behind it the nodes freed: a merge empties a node
+// only once the records it gave up stand in their new node. On each level
+// the nodes allocated since the last flush go first: nothing on the disk
+// leads to them yet, and the records a split moved into them are there
+// before the node they left drops them. Then the nodes that hold fewer
+// records than the disk has, then the rest: a record that a rename moves
+// to another node leaves its old one first, so that a cut between the two
+// leaves it missing, which the checker repairs, rather than twice with one
+// catalog id, which it can't.
+unsigned SpecialFileWithBTree::FlushRank(std::uint32_t number, const NodeBlock& node) const {
+    if (number == 0) return kHeaderRank;
+    if (map && !map->IsAllocated(number)) return kFreedRank;
+    const std::int8_t kind = node.GetDescriptor().kind();
+    const unsigned level = 3u * node.GetDescriptor().height();
+    if ((kind != kLeafNode && kind != kIndexNode) || level == 0 || level >= kHeaderRank - 1) return kHeaderRank - 1;
+    if (fresh.count(number) != 0) return level - 2;
+    auto known = disk_counts.find(number);
+    return known != disk_counts.end() && node.GetRecordCount() < known->second ? level - 1 : level;
+}
+
+// The sectors of the written nodes of one rank go to the disk, and
+// nothing else: nodes written into the cache earlier, to free their
+// buffers, wait for their own rank.
+void SpecialFileWithBTree::FlushNodes(unsigned rank) {
+    const std::uint64_t sector = driver->sector_size;
+    std::set<SectorArea> areas;
+    for (auto node = unflushed.begin(); node != unflushed.end();) {
+        if (node->second.first != rank) {
+            ++node;
+            continue;
+        }
+        std::uint64_t position = static_cast<std::uint64_t>(node->first) * node_bytes;
+        std::uint64_t rest = (position % sector + node_bytes + sector - 1) / sector;
+        while (rest > 0) {
+            const SectorArea area = Locate(position).KeepFirst(rest);
+            if (area.IsEmpty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+            areas.insert(area);
+            rest -= area.GetCount();
+            position += area.GetCount() * sector - position % sector;
+        }
+        disk_counts.insert_or_assign(node->first, node->second.second);
+        node = unflushed.erase(node);
+    }
+    driver->FlushAreas(areas);
+}
+
+// A file grown in place reaches the disk in the volume header, its new
+// blocks marked in use, before any node: a cut then leaves a file longer
+// than its tree, which a check takes, and never a node linked to one past
+// the file's end, or a header node counting such nodes, which no mount
+// takes. A file moved whole keeps the other order: all its nodes stand in
+// the new place before the volume header sends anyone there.
+void SpecialFileWithBTree::WriteGrownFork() {
+    const ForkData& now = fork();
+    const bool moved = now.extent(0).startBlock() != placed_start;
+    if (now.totalBlocks() != placed_blocks && !moved) {
+        if (allocation != nullptr) allocation->Flush();
+        volume_header->FlushHeader();
+    }
+    placed_start = now.extent(0).startBlock();
+    placed_blocks = now.totalBlocks();
 }
 
 void SpecialFileWithBTree::AddMapNode(std::uint32_t previous) {
@@ -161,6 +243,7 @@ std::uint32_t SpecialFileWithBTree::AllocateNode(std::int8_t kind, std::uint8_t 
     if (number == BTreeMap::kNone || number == 0 || number >= total || free_nodes() == 0) {
         Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
     }
+    fresh.insert(number);
     BTHeaderRec& header = ChangeHeader();
     if (kind == kLeafNode) {
         if (header.rootNode() == 0) {

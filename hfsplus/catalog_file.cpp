@@ -131,7 +131,15 @@ CatalogRecord CatalogFile::GetThread(std::uint32_t id) {
 RecordPosition CatalogFile::FindById(std::uint32_t id) {
     const CatalogRecord thread = GetThread(id);
     const HFSPlusString name = HFSPlusString::FromDisk(thread.thread().nodeName(), thread.size - kThreadNameOffset);
-    return FindByKey(thread.thread().parentID(), name);
+    // A thread that names no record is damage, not an absent id: a rename
+    // cut short between the node of the record and the node of its thread
+    // leaves one, and its file, listed in its folder, must read as corrupt.
+    try {
+        return FindByKey(thread.thread().parentID(), name);
+    } catch (const Common::Error& error) {
+        if (error.Code() != Common::FILE_NOT_FOUND) throw;
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT, error);
+    }
 }
 
 CatalogRecord CatalogFile::CopyRecord(NodeBlock& node, std::uint16_t index) const {

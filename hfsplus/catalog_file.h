@@ -28,7 +28,8 @@ public:
     // The leaf position of (parent, name); FILE_NOT_FOUND when absent.
     RecordPosition FindByKey(std::uint32_t parent, const HFSPlusString& name);
     RecordPosition FindThread(std::uint32_t id);
-    // Through the thread record of `id`; FILE_NOT_FOUND when either is absent.
+    // Through the thread record of `id`; FILE_NOT_FOUND without a thread,
+    // FILE_CORRUPT when the thread names a record that isn't there.
     RecordPosition FindById(std::uint32_t id);
     // Copies of the record at a position, by key, by id. FILE_CORRUPT for a
     // record whose size doesn't fit its type.

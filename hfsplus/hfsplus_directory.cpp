@@ -25,6 +25,20 @@ const the_identifier& KnownIdentifier(const file_identifier& entry) {
     return *known;
 }
 
+// An opened object is found again by its id, through its thread: a
+// folder's thread always exists, a file's when its flags say so. A record
+// whose thread is missing (a change cut short between the node of the
+// record and the node of its thread) is damage, not an absent name.
+void CheckThreadOf(CatalogFile& catalog, const CatalogRecord& record) {
+    if (!record.is_folder() && (record.file().flags() & kThreadExists) == 0) return;
+    try {
+        catalog.FindThread(record.id());
+    } catch (const Common::Error& error) {
+        if (error.Code() != Common::FILE_NOT_FOUND) throw;
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT, error);
+    }
+}
+
 }  // namespace
 
 HFSPlusDirectoryObject::HFSPlusDirectoryObject(HFSPlusDriver* driver, std::uint32_t catalog_id)
@@ -63,12 +77,14 @@ std::uint32_t HFSPlusDirectoryObject::lookup_directory(const std::u16string& nam
     // No folder below another has the root's id or a special file's: such
     // an id would turn the walk back to the root or off the tree.
     if (record.id() < kFirstUserCatalogId) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    CheckThreadOf(hfs->metadata().GetCatalogFile(), record);
     return HFSPlusDriver::DirectoryIdOfCatalogId(record.id());
 }
 
 FileSystemDriver::FileObject* HFSPlusDirectoryObject::open_file(const std::u16string& name) {
     const CatalogRecord record = GetChild(name);
     if (!record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    CheckThreadOf(hfs->metadata().GetCatalogFile(), record);
     return OpenRecord(record);
 }
 

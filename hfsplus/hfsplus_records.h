@@ -63,6 +63,7 @@ constexpr std::uint16_t kModeSocket = 0xC000;
 
 // Catalog file record flags, and Finder flags.
 constexpr std::uint16_t kFileLocked = 0x0001;
+constexpr std::uint16_t kThreadExists = 0x0002;
 constexpr std::uint16_t kFinderInvisible = 0x4000;
 
 // Four-character codes of Finder info.

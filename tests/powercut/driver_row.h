@@ -47,6 +47,11 @@ std::vector<DriverRow> NtfsRows();
 // the whole directory then reads as corrupt until a full check disk runs,
 // and ntfsfix neither sees nor mends it. These rows tolerate torn blocks.
 std::vector<DriverRow> NtfsSmallSectorRows();
+// HFS+ from xorriso's volumes on 512-byte sectors: one plain, one journaled
+// whose journal holds a transaction that every scenario's first write
+// replays. xorriso makes blocks of 512 or 2048 bytes only, and a catalog
+// node spans several sectors of them: these rows tolerate torn blocks.
+std::vector<DriverRow> HfsplusRows();
 
 // Every row, in the order of the report; `strict` keeps only the rows that
 // tolerate no torn block.

@@ -9,6 +9,7 @@ std::vector<DriverRow> DriverRows(bool strict) {
     for (DriverRow& row : NtfsRows()) rows.push_back(std::move(row));
     if (strict) return rows;
     for (DriverRow& row : NtfsSmallSectorRows()) rows.push_back(std::move(row));
+    for (DriverRow& row : HfsplusRows()) rows.push_back(std::move(row));
     return rows;
 }
 
