@@ -86,13 +86,16 @@ public:
     // Grows the tree's file by its clump, in place if the allocation file
     // can, else by moving it whole.
     virtual void ExtendTree();
-    // Grows the tree's file until `count` nodes are free, so that a change
-    // that needs them can't run out half way; raises, with the nodes as
-    // they were, when the volume has no room.
-    void ReserveNodes(std::uint32_t count);
-    // The most nodes one insertion can take: two at every level it splits,
-    // and a new root.
-    std::uint32_t InsertionReserve() const { return 2 * (std::uint32_t(depth()) + 1); }
+    // Grows the tree's file until `wanted` nodes are free, so that a change
+    // that needs them can't run out half way. A tree that can't grow goes
+    // on with what it has when at least `least` nodes are free (a tight
+    // catalog on a full volume still takes changes that split one node);
+    // else the growth's refusal stands, with the nodes as they were.
+    void ReserveNodes(std::uint32_t wanted, std::uint32_t least);
+    // The nodes one insertion takes at most: a split spills a node's
+    // records into one new node at each level, a new root above, and one
+    // spare for a record that lands where neither half has room.
+    std::uint32_t InsertionReserve() const { return std::uint32_t(depth()) + 2; }
     // Writes the header node, the dirty nodes and the map parts, then the
     // object's dirty areas.
     virtual void FlushTree();
@@ -160,6 +163,7 @@ private:
     bool IsAppendPosition(const RecordPosition& position, unsigned level);
     bool RootHasSibling();
     bool FitsAt(NodeBlock& node, std::uint16_t index, std::size_t size);
+    bool MayTakeNodes(const RecordPosition& position, unsigned level, bool append, std::size_t size);
     std::uint16_t FindSplitPoint(NodeBlock& node, std::size_t size);
     void InsertPending(NodeBlock& node, std::uint16_t index, RecordBufferArray& array);
     // Takes records from the front of the array while they fit behind the last.

@@ -32,15 +32,14 @@ private:
 
 std::int8_t KindOfLevel(unsigned level) { return level == 1 ? kLeafNode : kIndexNode; }
 
+
 }  // namespace
 
 void SpecialFileWithBTree::InsertRecord(const unsigned char* key, std::size_t key_size, const unsigned char* data,
                                         std::size_t data_size, unsigned level) {
     CheckWritable();
     if (level < 1) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
-    // Every node the insertion may split into is there before the first
-    // node changes: a tree that can't grow refuses with nothing touched.
-    if (insert_depth == 0) ReserveNodes(InsertionReserve());
+    const bool outermost = insert_depth == 0;
     Nesting nesting(insert_depth, *pending);
     RecordBufferArray& array = pending->Level(level);
     if (!array.empty()) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
@@ -64,6 +63,16 @@ void SpecialFileWithBTree::InsertRecord(const unsigned char* key, std::size_t ke
             Common::Raise(ERROR_TAG, Common::Failures::FILE_EXISTS);
         }
     }
+    // Every node the insertion may split into is there before the first
+    // node changes: a tree that can't grow refuses with nothing touched.
+    if (outermost && MayTakeNodes(position, level, append, size)) {
+        try {
+            ReserveNodes(InsertionReserve(), InsertionReserve());
+        } catch (const Common::Error&) {
+            array.Clear();
+            throw;
+        }
+    }
     if (append) {
         AppendPath(level, KindOfLevel(level));
     } else if (FitsAt(GetNode(position.node), position.index, size)) {
@@ -74,10 +83,24 @@ void SpecialFileWithBTree::InsertRecord(const unsigned char* key, std::size_t ke
     if (level == 1) ChangeHeader().leafRecords_.set(leaf_records() + 1);
 }
 
-void SpecialFileWithBTree::ReserveNodes(std::uint32_t count) {
-    while (free_nodes() < count) {
+// Whether the record may not go into its node as it stands: a new node,
+// a split, or a root over a single leaf.
+bool SpecialFileWithBTree::MayTakeNodes(const RecordPosition& position, unsigned level, bool append, std::size_t size) {
+    if (!append) return !FitsAt(GetNode(position.node), position.index, size);
+    const bool fresh = level == 1 ? (first_leaf() == 0 || last_leaf() == 0) : depth() < 2;
+    if (fresh || GetNodeDescription(root()).kind == kLeafNode) return true;
+    return !GetNode(GetLastNodeOfLevel(level)).HasRoomFor(size);
+}
+
+void SpecialFileWithBTree::ReserveNodes(std::uint32_t wanted, std::uint32_t least) {
+    while (free_nodes() < wanted) {
         const std::uint32_t before = free_nodes();
-        ExtendTree();
+        try {
+            ExtendTree();
+        } catch (const Common::Error&) {
+            if (free_nodes() >= least) return;
+            throw;
+        }
         if (free_nodes() <= before) Common::Raise(ERROR_TAG, Common::Failures::FILE_DISK_FULL);
     }
 }

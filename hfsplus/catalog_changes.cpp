@@ -99,9 +99,9 @@ void CatalogFile::Rename(const HFSPlusString& old_name, std::uint32_t old_parent
     const CatalogRecord record = GetRecord(old_parent, old_name);
     if (!record.is_folder() && !record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
     ParentFolder(new_parent, Common::Failures::FILE_RENAME);
-    // The new entry's nodes are taken before the old entry goes, so that a
-    // full volume refuses the rename instead of losing the file.
-    ReserveNodes(2 * InsertionReserve());
+    // The nodes the new entry and its thread may take are made ready, if
+    // the tree can grow, before the old entry goes.
+    ReserveNodes(2 * InsertionReserve(), 0);
     if (record.is_folder()) {
         if (record.id() == private_id) Common::Raise(ERROR_TAG, Common::Failures::FILE_RENAME);
         CheckNotInside(record.id(), new_parent);

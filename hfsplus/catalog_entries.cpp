@@ -145,8 +145,6 @@ CatalogRecord CatalogFile::CreateEntryFromRecord(const CatalogRecord& record, co
 
 CatalogRecord CatalogFile::AddEntry(const CatalogRecord& record, const HFSPlusString& name, CatalogRecord parent) {
     const std::uint32_t parent_id = parent.id();
-    // The record and its thread: room for both before the first goes in.
-    ReserveNodes(2 * InsertionReserve());
     unsigned char key[sizeof(HFSPlusCatalogKey)];
     const std::size_t key_size = BuildKey(key, parent_id, name);
     InsertRecord(key, key_size, record.bytes, record.size, 1);

@@ -327,6 +327,19 @@ bool AddTransaction(const std::string& image) {
     return written;
 }
 
+// xorriso gives the catalog a clump smaller than its node, so that it
+// could never grow: both headers get a clump of four nodes instead.
+bool SetCatalogClump(Bytes& image) {
+    Bytes catalog;
+    std::uint64_t at = 0, node = 0;
+    if (!SpecialFile(image, kCatalogFork, catalog, at) || !Get(catalog, kNodeSizeInHeaderNode, 2, node) || node == 0) {
+        return false;
+    }
+    constexpr std::uint64_t kClumpInFork = 8;
+    return Put(image, kHeader + kCatalogFork + kClumpInFork, 4, 4 * node) &&
+           Put(image, image.size() - 1024 + kCatalogFork + kClumpInFork, 4, 4 * node);
+}
+
 // xorriso's volume of `folder` (a copy with the journal files for the
 // journaled row), made writable as said above.
 bool MakeVolume(const std::string& folder, const std::string& image, unsigned block, std::uint64_t room,
@@ -346,7 +359,7 @@ bool MakeVolume(const std::string& folder, const std::string& image, unsigned bl
     std::uint64_t info_block = 0;
     if (journaled && !AddJournal(image, bytes, info_block)) return false;
     if (!AddRoom(bytes, room) || !AddAttributesFile(image, bytes, made_blocks) ||
-        !SetAttributes(bytes, journaled, info_block)) {
+        !SetAttributes(bytes, journaled, info_block) || !SetCatalogClump(bytes)) {
         return false;
     }
     TestSupport::StoreFile(image, bytes);
