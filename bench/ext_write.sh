@@ -59,20 +59,6 @@ LABEL=(
     [raw]='dd conv=notrunc of the same bytes into free blocks'
 )
 
-# raw_runs IMAGE read|write: dd over each run, the file's bytes in order.
-raw_runs() {
-    local offset bytes done=0
-    while read -r offset bytes; do
-        if [ "$2" = write ]; then
-            dd if="$FILE" of="$1" bs=1M conv=notrunc iflag=skip_bytes,count_bytes oflag=seek_bytes \
-                skip="$done" seek="$offset" count="$bytes" status=none || return 1
-        else
-            dd if="$1" bs=1M iflag=skip_bytes,count_bytes skip="$offset" count="$bytes" status=none || return 1
-        fi
-        done=$((done + bytes))
-    done <"$WORK/runs"
-}
-
 # write_way WAY IMAGE: the host file onto IMAGE, written that way.
 write_way() {
     case $1 in

@@ -25,6 +25,22 @@
 # shellcheck disable=SC2034
 TRACE=()
 
+# raw_runs IMAGE read|write: dd over each run of free blocks that the
+# script listed in $WORK/runs ("IMAGE_OFFSET BYTES" a line), $FILE's bytes
+# in order.
+raw_runs() {
+    local offset bytes done=0
+    while read -r offset bytes; do
+        if [ "$2" = write ]; then
+            dd if="$FILE" of="$1" bs=1M conv=notrunc iflag=skip_bytes,count_bytes oflag=seek_bytes \
+                skip="$done" seek="$offset" count="$bytes" status=none || return 1
+        else
+            dd if="$1" bs=1M iflag=skip_bytes,count_bytes skip="$offset" count="$bytes" status=none || return 1
+        fi
+        done=$((done + bytes))
+    done <"$WORK/runs"
+}
+
 # fresh_image WAY: a copy of EMPTY_IMAGE for WAY, on disk before the timing
 # starts, so that no write-back of the copy falls into a timed round.
 fresh_image() {
