@@ -23,6 +23,7 @@
 
 #include "files/dir_object.h"
 #include "firmware/simple_disk.h"
+#include "fsdriver/backup_object.h"
 #include "fsdriver/driver_selection.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
@@ -118,6 +119,49 @@ inline void StatEntry(i_dir::iterator& entry, std::uint64_t largest_file) {
     if (identifier != nullptr) std::unique_ptr<file_identifier> copy(identifier->clone());
 }
 
+// Takes what a backup sends and throws it away, checking only that each
+// send lies inside the area it was given. A damaged volume can claim a file
+// of terabytes: the backup is cancelled once it has sent as much as a
+// file's walk reads.
+class DiscardingBackup : public BackupStreams, public BackupProgress {
+public:
+    class Output : public BackupOutputStream {
+    public:
+        unsigned char* reserve(std::uint64_t size) override {
+            Require(size <= (std::uint64_t(1) << 26));
+            area_.assign(static_cast<std::size_t>(size), 0);
+            return area_.data();
+        }
+        void send(const unsigned char* start, std::uint64_t size) override {
+            Require(start >= area_.data() && size <= area_.size() &&
+                    static_cast<std::size_t>(start - area_.data()) <= area_.size() - size);
+        }
+
+    private:
+        std::vector<unsigned char> area_;
+    };
+    Common::Error open_output(std::uint32_t, BackupOutputStream*& stream) override {
+        stream = new Output;
+        return Common::Error();
+    }
+    RestoreInputStream* next_input() override { return nullptr; }
+    Common::Error error() override { return Common::Error(); }
+    void done(std::uint64_t bytes) override { sent_ = bytes; }
+    bool cancelled() override { return sent_ > kMostBytesPerFile; }
+
+private:
+    std::uint64_t sent_ = 0;
+};
+
+// A backup of one entry of `dir`, or of `dir` itself for none, as volume
+// services take it; refusals are expected from a damaged volume.
+inline void BackUp(i_dir& dir, i_dir::iterator* entry) {
+    DiscardingBackup sink;
+    BackupRequest request{0x50554B42, 0, {&sink, &sink, 0}, {entry}};  // "BKUP"
+    dir.control(&request);
+    dir.set_error(Common::Error());
+}
+
 inline void WalkDirectory(i_dir& dir, int depth, WalkBudget& budget);
 
 inline void VisitEntry(i_dir& dir, i_dir::iterator& entry, int depth, WalkBudget& budget) {
@@ -126,6 +170,7 @@ inline void VisitEntry(i_dir& dir, i_dir::iterator& entry, int depth, WalkBudget
     if (name == u"." || name == u"..") return;
     // The same entry found again by its name.
     std::unique_ptr<i_dir::iterator> found(dir.find(name.c_str()));
+    BackUp(dir, &entry);
     if (entry.kind() == KIND_DIRECTORY) {
         std::unique_ptr<i_dir> below(dir.open_dir(entry));
         if (below != nullptr && depth < kDeepest) WalkDirectory(*below, depth + 1, budget);
@@ -159,6 +204,7 @@ inline void MountAndWalk(std::unique_ptr<Fdisk::SimpleDisk> disk, DriverFactory 
     budget.largest_file = largest_file;
     WalkDirectory(*root, 0, budget);
     std::unique_ptr<i_dir::iterator> self(root->self());
+    BackUp(*root, nullptr);
 }
 
 

@@ -41,6 +41,15 @@ const char kUsage[] =
     "  ln [-s] EXISTING NEW       a hard link to a file; with -s a symbolic link\n"
     "                             NEW whose target is the text EXISTING\n"
     "  rm PATH...                 remove files and empty directories\n"
+    "  backup [--option N] PATH HOSTFILE  the typed pieces the driver makes of\n"
+    "                             an entry (contents, named streams, extended\n"
+    "                             attributes, security, times) into a backup\n"
+    "                             file; N: the driver's option bits\n"
+    "  backup --kind K [--option N] PATH HOSTFILE  only the bytes of the pieces\n"
+    "                             of kind K, one after the other (- for stdout)\n"
+    "  backup --list [--option N] PATH  the pieces: kind, name, size\n"
+    "  restore [--option N] HOSTFILE PATH  makes PATH from a backup file, where\n"
+    "                             the driver can (NTFS); a directory must exist\n"
     "\n"
     "Times are shown in the local time zone (TZ), in which FAT volumes keep them;\n"
     "cp-in -p moves a time that the volume cannot hold to the nearest it can.\n"
@@ -61,18 +70,21 @@ struct Operation {
     std::size_t most_paths;  // 0: no limit
     const char* flags;       // the one-letter flags it takes
     HostOperand host_operand;
+    const char* long_flags;  // the "--name" flags it takes, each with a space behind
 };
 
 const Operation kOperations[] = {
-    {"ls", ListEntries, false, 0, 0, "lR", HostOperand::kNone},
-    {"stat", StatEntries, false, 1, 0, "", HostOperand::kNone},
-    {"cat", CatFiles, false, 1, 0, "", HostOperand::kNone},
-    {"cp-out", CopyOut, false, 2, 0, "rL", HostOperand::kLast},
-    {"cp-in", CopyIn, true, 2, 2, "p", HostOperand::kFirst},
-    {"mkdir", MakeDirs, true, 1, 0, "", HostOperand::kNone},
-    {"mv", MoveEntry, true, 2, 2, "", HostOperand::kNone},
-    {"ln", LinkEntry, true, 2, 2, "s", HostOperand::kNone},
-    {"rm", RemoveEntries, true, 1, 0, "", HostOperand::kNone},
+    {"ls", ListEntries, false, 0, 0, "lR", HostOperand::kNone, nullptr},
+    {"stat", StatEntries, false, 1, 0, "", HostOperand::kNone, nullptr},
+    {"cat", CatFiles, false, 1, 0, "", HostOperand::kNone, nullptr},
+    {"cp-out", CopyOut, false, 2, 0, "rL", HostOperand::kLast, nullptr},
+    {"cp-in", CopyIn, true, 2, 2, "p", HostOperand::kFirst, nullptr},
+    {"mkdir", MakeDirs, true, 1, 0, "", HostOperand::kNone, nullptr},
+    {"mv", MoveEntry, true, 2, 2, "", HostOperand::kNone, nullptr},
+    {"ln", LinkEntry, true, 2, 2, "s", HostOperand::kNone, nullptr},
+    {"rm", RemoveEntries, true, 1, 0, "", HostOperand::kNone, nullptr},
+    {"backup", BackupEntry, false, 1, 2, "", HostOperand::kLast, "list kind option "},
+    {"restore", RestoreEntry, true, 2, 2, "", HostOperand::kFirst, "option "},
 };
 
 int UsageError(const std::string& problem) {
@@ -90,15 +102,62 @@ const Operation* FindOperation(const std::string& name) {
 // Paths of the volume must be UTF-8: what isn't has no UTF-16 form that
 // would name the entry the user meant.
 bool VolumePathsValid(const Operation& operation, const FsOperands& request, std::string& problem) {
+    // backup --list writes nowhere on the host: its one path is the volume's.
+    HostOperand host_operand = request.list ? HostOperand::kNone : operation.host_operand;
     for (std::size_t i = 0; i < request.paths.size(); ++i) {
-        bool host = (operation.host_operand == HostOperand::kFirst && i == 0) ||
-                    (operation.host_operand == HostOperand::kLast && i + 1 == request.paths.size());
+        bool host = (host_operand == HostOperand::kFirst && i == 0) ||
+                    (host_operand == HostOperand::kLast && i + 1 == request.paths.size());
         if (!host && !ValidVolumePath(request.paths[i])) {
             problem = std::string(operation.name) + ": a path of the volume is not UTF-8: '" + request.paths[i] + "'";
             return false;
         }
     }
     return true;
+}
+
+bool ParseNumber(const char* text, std::uint32_t& value) {
+    char* end = nullptr;
+    unsigned long long number = std::strtoull(text, &end, 0);
+    if (text[0] == 0 || text[0] == '-' || *end != 0 || number > UINT32_MAX) return false;
+    value = static_cast<std::uint32_t>(number);
+    return true;
+}
+
+// A "--name" flag at argv[i]; one with a value takes argv[i + 1] too.
+bool ParseLongFlag(const Operation& operation, int argc, char** argv, int& i, FsOperands& request,
+                   std::string& problem) {
+    std::string name = argv[i] + 2;
+    std::string listed = operation.long_flags == nullptr ? "" : operation.long_flags;
+    if (name.empty() || listed.find(name + " ") == std::string::npos) {
+        problem = std::string(operation.name) + ": unknown flag '" + argv[i] + "'";
+        return false;
+    }
+    if (name == "list") {
+        request.list = true;
+        return true;
+    }
+    std::uint32_t value = 0;
+    if (i + 1 >= argc || !ParseNumber(argv[i + 1], value)) {
+        problem = std::string(operation.name) + ": --" + name + " takes a number";
+        return false;
+    }
+    ++i;
+    if (name == "kind") {
+        request.kind_given = true;
+        request.kind = value;
+    } else {
+        request.option_given = true;
+        request.option = value;
+    }
+    return true;
+}
+
+// backup takes a host file unless it lists, and lists or writes one kind.
+bool BackupOperandsFit(const FsOperands& request, std::string& problem) {
+    if (request.list && request.kind_given) problem = "backup: --list and --kind don't go together";
+    else if (request.list && request.paths.size() != 1) problem = "backup --list: one path of the volume";
+    else if (!request.list && request.paths.size() != 2) problem = "backup: a path of the volume and a host file";
+    return problem.empty();
 }
 
 // The operation's flags and operands; "--" ends the flags.
@@ -113,6 +172,10 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
         }
         if (std::strcmp(argument, "--") == 0) {
             flags_done = true;
+            continue;
+        }
+        if (argument[1] == '-') {
+            if (!ParseLongFlag(operation, argc, argv, i, request, problem)) return false;
             continue;
         }
         for (const char* letter = argument + 1; *letter != 0; ++letter) {
@@ -132,6 +195,7 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
         problem = std::string(operation.name) + ": wrong number of paths";
         return false;
     }
+    if (operation.run == BackupEntry && !BackupOperandsFit(request, problem)) return false;
     return VolumePathsValid(operation, request, problem);
 }
 

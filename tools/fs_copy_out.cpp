@@ -34,13 +34,6 @@ bool IsHostDirectory(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// True when `host_path` is the image the volume is read from: opening it
-// for writing would cut the volume off under the driver.
-bool IsTheImage(const std::string& host_path, const HostIdentity& image) {
-    struct stat info {};
-    return stat(host_path.c_str(), &info) == 0 && info.st_dev == image.device && info.st_ino == image.inode;
-}
-
 // Copies one file of the volume to a host descriptor. Answers an exit code.
 int ReadOut(ri_file& file, int descriptor, const std::string& path, const std::string& host_path) {
     CopyChunk chunk;

@@ -19,6 +19,11 @@ struct FsOperands {
     bool keep_time = false;          // cp-in -p
     bool follow_links = false;       // cp-out -L
     bool symbolic = false;           // ln -s
+    bool list = false;               // backup --list
+    bool kind_given = false;         // backup --kind K
+    std::uint32_t kind = 0;
+    bool option_given = false;       // backup, restore --option N
+    std::uint32_t option = 0;        // the driver's option bits
 };
 
 // The host file that holds the volume, so that no copy overwrites it.
@@ -43,6 +48,8 @@ int MakeDirs(const FsRequest& request);
 int MoveEntry(const FsRequest& request);
 int LinkEntry(const FsRequest& request);
 int RemoveEntries(const FsRequest& request);
+int BackupEntry(const FsRequest& request);
+int RestoreEntry(const FsRequest& request);
 
 // ---- shared by the operations ----
 
@@ -71,6 +78,9 @@ int ReportRefusal(const char* action, const std::string& path, const Common::Err
 // with the code of a bad name; a good name there means the root is full.
 int ReportCreateRefusal(const char* action, const std::string& path, rio_dir& root, const std::u16string& made,
                         const Common::Error& error);
+// True when `host_path` is the image the volume is read from: opening it
+// for writing would cut the volume off under the driver.
+bool IsTheImage(const std::string& host_path, const HostIdentity& image);
 // Prints "morvane fs: ACTION 'PATH': REASON" and answers kExitUsageOrIo.
 int ReportHostFailure(const char* action, const std::string& path, const std::string& reason);
 

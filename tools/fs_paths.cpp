@@ -1,4 +1,6 @@
 // Paths, lookups and messages shared by the operations of `morvane fs`.
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -108,6 +110,11 @@ std::u16string LastComponent(const std::u16string& path) {
     std::u16string trimmed = TrimSeparators(path);
     std::size_t cut = trimmed.find_last_of(u"/\\");
     return cut == std::u16string::npos ? trimmed : trimmed.substr(cut + 1);
+}
+
+bool IsTheImage(const std::string& host_path, const HostIdentity& image) {
+    struct stat info {};
+    return stat(host_path.c_str(), &info) == 0 && info.st_dev == image.device && info.st_ino == image.inode;
 }
 
 int ReportRefusal(const char* action, const std::string& path, const Common::Error& error) {

@@ -63,6 +63,33 @@ expect 2 "partition 0" "$tool" fs "$volume:0" ls
 expect 2 "missing image" "$tool" fs "$work/absent.img" ls
 expect 2 "cp-in of a missing host file" "$tool" fs "$volume" cp-in "$work/absent" /x
 
+# backup and restore: their arguments, a volume whose driver keeps no
+# backups, and backup files that are no backup or are cut short, all refused
+# before the volume is touched or a host file is left behind.
+expect 2 "backup --list with --kind" "$tool" fs "$volume" backup --list --kind 2 /big.bin
+expect 2 "backup without a host file" "$tool" fs "$volume" backup /big.bin
+expect 2 "backup --kind without a number" "$tool" fs "$volume" backup --kind two /big.bin "$work/x.bk"
+expect 2 "restore with an unknown flag" "$tool" fs "$volume" restore --list "$work/x.bk" /x
+expect 2 "backup onto the image" "$tool" fs "$volume" backup /big.bin "$volume"
+expect 1 "backup on FAT" "$tool" fs "$volume" backup /big.bin "$work/fat.bk"
+err_has "backup on FAT" "FILE_UNSUPPORTED"
+[ ! -e "$work/fat.bk" ] || fail "a refused backup left its file"
+cp "$volume" "$work/before.img"
+# header, a piece of kind 1 holding 4 bytes, the end mark
+printf 'MVBACKUP\001\000\000\000\000\000\000\000\001\000\000\000\004\000\000\000\000\000\000\000\040\000\000\000' > "$work/cut.bk"
+cp "$work/cut.bk" "$work/whole.bk"
+printf '\000\000\000\000\000\000\000\000\000\000\000\000' >> "$work/whole.bk"
+expect 2 "restore of a file cut short" "$tool" fs "$volume" restore "$work/cut.bk" /x
+err_has "restore of a file cut short" "cut short"
+head -c 30 "$work/cut.bk" > "$work/cut_inside.bk"
+expect 2 "restore of a file cut inside a piece" "$tool" fs "$volume" restore "$work/cut_inside.bk" /x
+err_has "restore of a file cut inside a piece" "inside a piece of kind 1"
+expect 2 "restore of no backup file" "$tool" fs "$volume" restore "$work/tree/big.bin" /x
+err_has "restore of no backup file" "not a backup file"
+expect 1 "restore on FAT" "$tool" fs "$volume" restore "$work/whole.bk" /x
+err_has "restore on FAT" "FILE_UNSUPPORTED"
+cmp -s "$volume" "$work/before.img" || fail "a refused restore changed the volume"
+
 # A volume no driver takes is a refusal, not an I/O error.
 head -c 1048576 /dev/zero > "$work/zeros.img"
 expect 1 "a volume of zeros" "$tool" fs "$work/zeros.img" ls
