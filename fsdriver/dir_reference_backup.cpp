@@ -17,6 +17,8 @@ constexpr std::uint64_t kRestoreStep = 0x40000;
 constexpr unsigned char kDirectoryAttribute = 0x10;
 // The stream that carries an entry's attributes, and must come first.
 constexpr std::uint32_t kAttributeStream = 1;
+// Handed to the restore object once the streams are done.
+constexpr std::uint32_t kEndOfStreams = 0;
 
 // Lets go of a held lock for a scope; the caller had it and gets it back.
 class LockGap {
@@ -180,4 +182,9 @@ void DriveRestore(FileSystemDriver& driver, FileSystemDriver::DirectoryObject& p
     Common::Error status = record.streams->error();
     if (status.Failed()) throw status;
     if (target.object == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
+    // Type 0, as a backup's end is shown: a restore object learns that no
+    // more data comes, and can refuse a stream that stopped inside a record
+    // while the request can still say so.
+    DriverLockHold hold(driver.file_lock);
+    target.object->write(kEndOfStreams, nullptr, 0);
 }

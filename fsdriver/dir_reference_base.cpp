@@ -289,11 +289,19 @@ void DirReferenceBase<Directory>::backup(unsigned char* block) {
     FileSystemDriver::IteratorObject* entry = request.entry == nullptr ? nullptr : &EntryOf(*request.entry);
     std::unique_ptr<FileSystemDriver::FileReference> file;
     std::unique_ptr<FileSystemDriver::BackupObject> source;
-    if (entry != nullptr && entry->kind() != KIND_DIRECTORY) {
+    if (entry == nullptr) {
+        source.reset(directory->new_backup_object(nullptr, request.record.option));
+    } else if (entry->kind() == KIND_FILE) {
         // The file stays open for reading while its data is copied out.
         file.reset(open_reference(directory->open_file(*entry), false, false));
         source.reset(file->file()->new_backup_object(request.record.option));
+    } else if (entry->kind() == KIND_DIRECTORY) {
+        // A directory is backed up as itself, as when the request is made on it.
+        FileSystemDriver::DirectoryObject* own = driver_->get_object(directory->lookup_directory(entry->name()));
+        source.reset(own->new_backup_object(nullptr, request.record.option));
     } else {
+        // Links, devices, FIFOs and sockets can't be opened as files: the
+        // directory that lists them makes their backup from the entry.
         source.reset(directory->new_backup_object(entry, request.record.option));
     }
     if (source == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);

@@ -323,7 +323,7 @@ public:
     }
     FileSystemDriver::BackupObject* new_backup_object(FileSystemDriver::IteratorObject* entry,
                                                       std::uint32_t) override {
-        return backup_("dir:" + (entry == nullptr ? std::string(".") : NarrowText(entry->name())));
+        return backup_("dir:" + std::to_string(id) + (entry == nullptr ? std::string() : "/" + NarrowText(entry->name())));
     }
     FileSystemDriver::RestoreObject* new_restore_object(std::uint32_t) override {
         return restore_("dir:" + std::to_string(id));
