@@ -1,6 +1,10 @@
 #include "ntfs/ntfs_directory.h"
 
+#include <memory>
+
+#include "files/dir_object.h"
 #include "loader/common/raise.h"
+#include "ntfs/backup_object.h"
 #include "ntfs/ntfs_driver.h"
 #include "ntfs/ntfs_file.h"
 #include "ntfs/ntfs_identifier.h"
@@ -140,6 +144,16 @@ FileSystemDriver::FileObject* NTFSDirectory::open_file(const file_identifier& en
     IndexCursor cursor;
     lookup(name, reference, cursor);
     return open_entry(cursor.position.entry);
+}
+
+// A file opened here only for its backup goes again at once: the backup
+// holds the file's record, not the file object.
+FileSystemDriver::BackupObject* NTFSDirectory::new_backup_object(IteratorObject* entry, std::uint32_t option) {
+    if (entry == nullptr) return NewDirectoryBackup(ntfs, record, option);
+    if (entry->kind() != KIND_SYMLINK) Common::Raise(ERROR_TAG, Common::Failures::FILE_UNSUPPORTED);
+    FileObject* file = open_file(*entry);
+    std::unique_ptr<FileObject> opened_here(file->references == 0 ? file : nullptr);
+    return file->new_backup_object(option);
 }
 
 }  // namespace ntfs

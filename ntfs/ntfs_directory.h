@@ -76,6 +76,12 @@ public:
     void set_security(const std::u16string& name, const void* data, std::uint32_t size) override;
     void set_attributes(const std::u16string& name, std::uint32_t value) override;
     void set_short_name(const std::u16string& name, const std::u16string& short_name) override;
+    // Without an entry, this directory's own backup; with one, only a
+    // symbolic link to a file is served, through its file object.
+    FileSystemDriver::BackupObject* new_backup_object(IteratorObject* entry, std::uint32_t option) override;
+    // This directory's attributes, times, descriptor, reparse point and
+    // named streams set from a backup (restore_object.cpp).
+    FileSystemDriver::RestoreObject* new_restore_object(std::uint32_t option) override;
 
     // --- for the iterators ---
     // The index, opened at first need and kept with the object.

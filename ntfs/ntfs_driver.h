@@ -63,6 +63,8 @@ public:
     void refuse_if_unchangeable() override;
     DirectoryObject* open_directory(std::uint32_t id) override;
     const char* type_name() override { return "NTFS"; }
+    bool supports_backup() override { return true; }
+    bool supports_restore() override { return true; }
 
     // --- helpers of the driver's objects ---
     // How a change that can't be made is refused: FILE_READ_ONLY on a

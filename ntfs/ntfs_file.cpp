@@ -6,6 +6,7 @@
 
 #include "loader/common/error.h"
 #include "loader/common/raise.h"
+#include "ntfs/backup_object.h"
 
 namespace ntfs {
 
@@ -186,6 +187,10 @@ std::uint64_t NTFSFile::allocated_ranges(std::uint64_t position, std::uint64_t l
         block[i++] = bytes;
     }
     return reinterpret_cast<std::uintptr_t>(block);
+}
+
+FileSystemDriver::BackupObject* NTFSFile::new_backup_object(std::uint32_t option) {
+    return NewFileBackup(driver, record, option);
 }
 
 }  // namespace ntfs

@@ -93,6 +93,11 @@ public:
     // A heap block of u64s: the count of pairs, then (position, length)
     // of each range that holds data.
     std::uint64_t allocated_ranges(std::uint64_t position, std::uint64_t length) override;
+    // The file's attributes, times, Win32 backup stream and raw encrypted
+    // form, as the option bits choose.
+    FileSystemDriver::BackupObject* new_backup_object(std::uint32_t option) override;
+    // The file filled again from the streams of a backup (restore_object.cpp).
+    FileSystemDriver::RestoreObject* new_restore_object(std::uint32_t option) override;
 
 private:
     // A transfer cut in three: a head through the cache up to the first
