@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "extfs/extfs_backup.h"
 #include "extfs/extfs_file.h"
 #include "extfs/extfs_iterator.h"
 #include "files/utf_conversion.h"
@@ -149,6 +150,16 @@ FileSystemDriver::FileObject* ExtfsDirectory::open_file(IteratorObject& entry) {
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_file(const file_identifier& identifier) {
     return open_entry(lookup(identifier, Common::Failures::FILE_OPEN));
+}
+
+FileSystemDriver::BackupObject* ExtfsDirectory::new_backup_object(IteratorObject* entry, std::uint32_t option) {
+    if (entry == nullptr) return new ExtfsBackupObject(ext, inode, option);
+    auto* standing = dynamic_cast<ExtfsBaseIterator*>(entry);
+    if (standing == nullptr || standing->directory_id != id) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
+    // The entry may have gone since the iterator stood on it.
+    const std::uint64_t hint = std::uint64_t(standing->entry_block) * ext->block_size();
+    DirEntryCopy found = lookup(standing->name_bytes, hint, Common::Failures::FILE_OPEN);
+    return new ExtfsBackupObject(ext, ext->inodes().open(found.inode - 1), option);
 }
 
 FileSystemDriver::FileObject* ExtfsDirectory::open_entry(const DirEntryCopy& entry) {

@@ -46,6 +46,9 @@ public:
     FileObject* open_file(const std::u16string& name) override;
     FileObject* open_file(IteratorObject& entry) override;
     FileObject* open_file(const file_identifier& entry) override;
+    // The backup of this directory itself without an entry; of the entry's
+    // inode otherwise, which must stand in this directory (FILE_OPEN).
+    FileSystemDriver::BackupObject* new_backup_object(IteratorObject* entry, std::uint32_t option) override;
 
     // Changes (directory_changes.cpp). Each refuses on a volume held read
     // only before it touches anything.

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "extfs/extfs_backup.h"
 #include "loader/common/raise.h"
 #include "platform/clib/clib.h"
 
@@ -191,6 +192,10 @@ std::uint64_t ExtfsFile::allocated_ranges(std::uint64_t position, std::uint64_t 
     answer[0] = pairs.size() / 2;
     std::copy(pairs.begin(), pairs.end(), answer + 1);
     return reinterpret_cast<std::uintptr_t>(answer);
+}
+
+FileSystemDriver::BackupObject* ExtfsFile::new_backup_object(std::uint32_t option) {
+    return new ExtfsBackupObject(driver, inode, option);
 }
 
 }  // namespace extfs

@@ -27,6 +27,7 @@ public:
     // The times of a file that was written, then the inode.
     void flush_file() override;
     std::uint64_t allocated_ranges(std::uint64_t position, std::uint64_t length) override;
+    FileSystemDriver::BackupObject* new_backup_object(std::uint32_t option) override;
 
     InodeRef inode;
     ExtfsDriver* driver;
