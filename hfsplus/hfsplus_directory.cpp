@@ -44,7 +44,8 @@ void CheckThreadOf(CatalogFile& catalog, const CatalogRecord& record) {
 HFSPlusDirectoryObject::HFSPlusDirectoryObject(HFSPlusDriver* driver, std::uint32_t catalog_id)
     : HFSPlusAbstractDirectoryObject(driver, HFSPlusDriver::DirectoryIdOfCatalogId(catalog_id)),
       hfs(driver),
-      catalog_id(catalog_id) {
+      catalog_id(catalog_id),
+      backup_factory(driver) {
     const CatalogRecord record = driver->metadata().GetCatalogFile().GetRecordById(catalog_id);
     if (!record.is_folder()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     if (record.id() != catalog_id) Common::Raise(ERROR_TAG, Common::Failures::FILE_CORRUPT);
@@ -123,5 +124,14 @@ HFSPlusFileObject* HFSPlusDirectoryObject::OpenInode(std::uint32_t link_id) {
 }
 
 void HFSPlusDirectoryObject::ForgetFile(std::uint32_t file_id) { open_files.erase(file_id); }
+
+FileSystemDriver::BackupObject* HFSPlusDirectoryObject::new_backup_object(IteratorObject* entry, std::uint32_t option) {
+    if (entry == nullptr) return backup_factory.Make(catalog_id, option);
+    auto* standing = dynamic_cast<HFSPlusIteratorObject*>(entry);
+    if (standing == nullptr || standing->directory != this) Common::Raise(ERROR_TAG, Common::Failures::FILE_BACKUP);
+    const std::uint32_t id = standing->Record().id();
+    if (HFSPlusFileObject* open = FindOpenFile(id)) open->flush_file();
+    return backup_factory.Make(id, option);
+}
 
 }  // namespace hfsplus

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "fsdriver/directory_object.h"
+#include "hfsplus/backup_factory.h"
 #include "hfsplus/catalog_record.h"
 #include "hfsplus/opened_files_map.h"
 
@@ -73,6 +74,10 @@ public:
     void ForgetFile(std::uint32_t file_id) override;
     std::uint32_t GetCatalogId() const override { return catalog_id; }
 
+    // The backup of `entry`, an iterator of this folder, or of the folder
+    // itself when there is none. An open file of the entry is flushed first.
+    FileSystemDriver::BackupObject* new_backup_object(IteratorObject* entry, std::uint32_t option) override;
+
     // --- for files and iterators ---
     // The record of the child `name`; FILE_NOT_FOUND when there is none.
     CatalogRecord GetChild(const std::u16string& name) const;
@@ -117,6 +122,7 @@ public:
     HFSPlusDriver* hfs;  // not owned
     std::uint32_t catalog_id;
     OpenFilesSet open_files;
+    HFSPlusBackupObjectFactory backup_factory;
 };
 
 }  // namespace hfsplus

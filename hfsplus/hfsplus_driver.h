@@ -47,6 +47,9 @@ public:
     void refuse_if_unchangeable() override;
     DirectoryObject* open_directory(std::uint32_t id) override;
     const char* type_name() override { return "HFS+"; }
+    // Entries are copied out through the backup objects; nothing restores.
+    bool supports_backup() override { return true; }
+    bool supports_restore() override { return false; }
     // The flush: the trees and the allocation file (attributes, catalog,
     // extents overflow, allocation), then the primary header, then every
     // dirty block. On a read-only driver, inside the objects' own flush and

@@ -20,7 +20,7 @@ HFSPlusFileReference::~HFSPlusFileReference() {
 
 HFSPlusFileObject::HFSPlusFileObject(HFSPlusDriver* driver, HFSPlusDirectoryObject* directory,
                                      const CatalogRecord& record)
-    : file_id(record.id()), driver(driver), directory(directory) {
+    : file_id(record.id()), driver(driver), directory(directory), backup_factory(driver) {
     if (!record.is_file()) Common::Raise(ERROR_TAG, Common::Failures::FILE_OPEN);
     hard_link = CatalogFile::IsHardLink(record) ? 1 : 0;
     if (hard_link != 0) {
@@ -71,6 +71,11 @@ void HFSPlusFileObject::flush_file() {
 std::uint64_t HFSPlusFileObject::allocated_ranges(std::uint64_t position, std::uint64_t length) {
     if (link) return (**link).allocated_ranges(position, length);
     return content->GetAreas(position, length);
+}
+
+FileSystemDriver::BackupObject* HFSPlusFileObject::new_backup_object(std::uint32_t option) {
+    flush_file();
+    return backup_factory.Make(file_id, option);
 }
 
 }  // namespace hfsplus

@@ -19,6 +19,7 @@
 
 #include "fsdriver/file_object.h"
 #include "fsdriver/reference_count.h"
+#include "hfsplus/backup_factory.h"
 #include "hfsplus/catalog_record.h"
 
 namespace hfsplus {
@@ -83,6 +84,9 @@ public:
     void flush_file() override;
     // The heap block of FileContent::GetAreas.
     std::uint64_t allocated_ranges(std::uint64_t position, std::uint64_t length) override;
+    // The backup of what the disk holds: the content is flushed first. A
+    // hard link's is its inode's.
+    FileSystemDriver::BackupObject* new_backup_object(std::uint32_t option) override;
 
     // The object that holds the content: this one, or a hard link's inode's.
     HFSPlusFileObject& Target();
@@ -99,6 +103,7 @@ public:
     HFSPlusDirectoryObject* directory;   // not owned; counted
     std::unique_ptr<FileContent> content;          // when not a hard link
     std::unique_ptr<HFSPlusFileReference> link;    // when a hard link
+    HFSPlusBackupObjectFactory backup_factory;
 };
 
 }  // namespace hfsplus
