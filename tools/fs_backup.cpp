@@ -34,6 +34,9 @@ public:
         interrupted = 0;
         struct sigaction action {};
         action.sa_handler = NoteInterrupt;
+        // A write to a slow pipe goes on after the signal; the cancel comes
+        // between two pieces, as for a slow volume.
+        action.sa_flags = SA_RESTART;
         sigemptyset(&action.sa_mask);
         sigaction(SIGINT, &action, &previous_);
     }
