@@ -129,7 +129,7 @@ void PieceLister::ShowWin32Stream(std::uint64_t position) {
 }
 
 void PieceLister::Line(const std::string& name, std::uint64_t size) {
-    std::fprintf(out_, "%-4u %-52s %12llu\n", kind_, name.c_str(), static_cast<unsigned long long>(size));
+    std::fprintf(out_, "%-4u %-64s %12llu\n", kind_, name.c_str(), static_cast<unsigned long long>(size));
 }
 
 std::string PieceLister::WholePieceName() const {
