@@ -153,6 +153,13 @@ std::vector<unsigned char> AttributesFile::GetInlineData(std::uint32_t file_id, 
     return std::vector<unsigned char>(bytes, bytes + length);
 }
 
+std::uint32_t AttributesFile::GetInlineSize(std::uint32_t file_id, const HFSPlusString& name) {
+    std::size_t size = sizeof(AttrInlineData);
+    const unsigned char* data = GetRecordOf(file_id, 0, name, kAttrInlineData, size);
+    if (data == nullptr) Common::Raise(ERROR_TAG, Common::Failures::FILE_NOT_FOUND);
+    return reinterpret_cast<const AttrInlineData*>(data)->attrSize();
+}
+
 void AttributesFile::GetForkExtents(std::uint32_t file_id, const HFSPlusString& name, ExtentsDescriptorArray& extents) {
     const ForkData fork = GetForkData(file_id, name);
     const std::uint32_t total_blocks = fork.totalBlocks();

@@ -34,6 +34,10 @@ public:
     // The bytes of an inline attribute; FILE_NOT_FOUND when absent,
     // FILE_CORRUPT for another form or a size above the inline limit.
     std::vector<unsigned char> GetInlineData(std::uint32_t file_id, const HFSPlusString& name);
+    // The value size an inline attribute's record declares, its bytes left
+    // unread (a caller may refuse a size before the record is judged);
+    // FILE_NOT_FOUND when absent, FILE_CORRUPT for another form.
+    std::uint32_t GetInlineSize(std::uint32_t file_id, const HFSPlusString& name);
     // Completes `extents` (holding the fork's eight) from extents records.
     void GetForkExtents(std::uint32_t file_id, const HFSPlusString& name, ExtentsDescriptorArray& extents);
 

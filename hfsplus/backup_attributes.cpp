@@ -27,8 +27,13 @@ HFSPlusBackupAttributeDataFork::HFSPlusBackupAttributeDataFork(HFSPlusDriver& dr
 
 HFSPlusBackupInlineAttributeData::HFSPlusBackupInlineAttributeData(HFSPlusDriver& driver, std::uint32_t file_id,
                                                                    const std::u16string& name) {
-    std::vector<unsigned char> value = driver.metadata().GetAttributesFile().GetInlineData(file_id, HFSPlusString(name));
-    if (value.size() > AttributesFile::kInlineLimit) Common::Raise(ERROR_TAG, Common::Failures::FILE_BACKUP);
+    // The size is judged before the value is read: a value above the inline
+    // limit is one a backup doesn't carry, whether or not its record holds it.
+    AttributesFile& attributes = driver.metadata().GetAttributesFile();
+    if (attributes.GetInlineSize(file_id, HFSPlusString(name)) > AttributesFile::kInlineLimit) {
+        Common::Raise(ERROR_TAG, Common::Failures::FILE_BACKUP);
+    }
+    std::vector<unsigned char> value = attributes.GetInlineData(file_id, HFSPlusString(name));
     Append(kPiecePosixExtendedAttributes, allocator.aggregate.head, utf16_to_utf8(name), value.size());
     Append(kPieceInlineAttributeData, allocator.aggregate.value, std::move(value));
     Settle();

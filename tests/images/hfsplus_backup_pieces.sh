@@ -6,7 +6,8 @@
 # a small reader of the container's published layout holds each piece
 # against what the guest read back (its tar archive), the values the
 # guest's fill gave the attributes, and the names the attributes tree
-# holds on disk.
+# holds on disk. A copy whose inline attribute declares a value past the
+# inline limit is refused.
 #
 #   hfsplus_backup_pieces.sh TOOL
 #
@@ -117,5 +118,37 @@ backup long "/links/long target"
 [ $? -eq 1 ] || fail "a target of 604 characters was not refused: $(cat "$work/long.out")"
 
 cmp -s "$images/b4096.img" "$work/v.img" || fail "the volume changed"
+
+# An inline value above 32 KiB doesn't fit a node, so no sound volume holds
+# one: hello.txt's record is made to declare 0x8001 bytes (its key found by
+# the name as the published layout holds it; the record, of type 0x10, has
+# the size at 12). The backup refuses the size before reading the value;
+# at 0x8000 the value is read and found cut short.
+for case in 32769:0x40019 32768:0x4000D; do
+    cp --sparse=always "$images/b4096.img" "$work/big.img" || exit 2
+    python3 - "$work/big.img" "${case%%:*}" <<'PYTHON' || { fail "no inline record of user.comment to edit"; continue; }
+import struct, sys
+path, size = sys.argv[1], int(sys.argv[2])
+data = bytearray(open(path, 'rb').read())
+name = 'user.comment'.encode('utf-16-be')
+found = []
+at = data.find(name)
+while at >= 0:
+    key = at - 14
+    if at >= 14 and struct.unpack_from('>H', data, key)[0] == 12 + len(name) and \
+            struct.unpack_from('>H', data, at - 2)[0] == len(name) // 2:
+        record = key + 2 + 12 + len(name)
+        if struct.unpack_from('>IIII', data, record) == (0x10, 0, 0, 15):
+            found.append(record)
+    at = data.find(name, at + 1)
+assert len(found) == 1, found
+struct.pack_into('>I', data, found[0] + 12, size)
+open(path, 'wb').write(data)
+PYTHON
+    "$tool" fs "$work/big.img" backup /hello.txt "$work/big.bkp" > "$work/big.out" 2>&1
+    code=$?
+    [ $code -eq 1 ] && grep -qF "${case#*:}]" "$work/big.out" ||
+        fail "a value of ${case%%:*} bytes: exit $code, $(cat "$work/big.out")"
+done
 [ "$failures" -eq 0 ] || exit 1
 echo "hfsplus backup pieces: all passed"

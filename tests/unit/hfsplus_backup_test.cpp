@@ -5,6 +5,7 @@
 // their containers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -203,7 +204,9 @@ TEST(HFSPlusBackup, EachEntryGivesItsStreamsInOrder) {
         ASSERT_EQ(posix.size(), 20u);
         EXPECT_EQ(U32(posix, 0), 20u);
         EXPECT_EQ(U32(posix, 4), c.kind);
-        if (c.mode != 0) EXPECT_EQ(U32(posix, 16), c.mode);
+        if (c.mode != 0) {
+            EXPECT_EQ(U32(posix, 16), c.mode);
+        }
         EXPECT_EQ(answer.of(5).bytes.size(), 16u);
         // Finder information, given as an extended attribute.
         const std::string& finder = answer.of(7).bytes;
@@ -246,6 +249,69 @@ TEST(HFSPlusBackup, SymbolicLinkTargetsUpTo512Characters) {
     EXPECT_FALSE(volume.driver->supports_restore());
     volume.unmount();
     EXPECT_EQ(volume.disk->writes(), 0u);
+}
+
+std::uint64_t BE(const std::vector<unsigned char>& bytes, std::size_t at, unsigned width) {
+    std::uint64_t value = 0;
+    for (unsigned i = 0; i < width; ++i) value = value << 8 | bytes.at(at + i);
+    return value;
+}
+
+// Where the catalog file record of `name` starts in the image, 0 when none:
+// its key found by the name as the published leaf layout holds it (key
+// length, parent id, name length, UTF-16 big-endian characters), with a
+// record of type 2 (a file) right behind the key.
+std::size_t FileRecordOf(const std::vector<unsigned char>& image, const std::string& name) {
+    std::string pattern{'\0', static_cast<char>(name.size())};
+    for (char c : name) pattern += std::string{'\0', c};
+    const std::string text(image.begin(), image.end());
+    for (std::size_t at = text.find(pattern); at != std::string::npos; at = text.find(pattern, at + 1)) {
+        if (at < 6 || BE(image, at - 6, 2) != 6 + 2 * name.size()) continue;
+        if (BE(image, at + 2 * name.size() + 2, 2) == 2) return at + 2 * name.size() + 2;
+    }
+    return 0;
+}
+
+// No tool here writes a resource fork, so one is made by hand: "typed"
+// gets as its resource fork the extents of data.bin's data fork (the data
+// fork at 88 of a file record, the resource fork at 168), with a size 50
+// bytes short of data.bin's, so that its last chunk is cut.
+TEST(HFSPlusBackup, ResourceForkFollowsTheFinderInformation) {
+    const BackupVolume& content = Content();
+    ASSERT_FALSE(content.bytes.empty());
+    std::vector<unsigned char> image = content.bytes;
+    const std::size_t typed = FileRecordOf(image, "typed"), data = FileRecordOf(image, "data.bin");
+    ASSERT_NE(typed, 0u);
+    ASSERT_NE(data, 0u);
+    ASSERT_EQ(BE(image, data + 88, 8), content.data.size());
+    ASSERT_EQ(BE(image, typed + 168 + 12, 4), 0u);  // no resource fork yet
+    std::copy_n(image.begin() + data + 88, 80, image.begin() + typed + 168);
+    const std::uint64_t size = content.data.size() - 50;
+    for (unsigned i = 0; i < 8; ++i) image.at(typed + 168 + i) = static_cast<unsigned char>(size >> (56 - 8 * i));
+    const std::string resource = Head("com.apple.ResourceFork", size) + content.data.substr(0, size);
+    Volume volume(DiskOf(image));
+    ASSERT_NE(volume.driver, nullptr);
+    // Option 4 drops the data fork only; the resource fork still comes,
+    // after the Finder information and in the same stream of type 7.
+    for (std::uint32_t option : {0u, 4u}) {
+        SCOPED_TRACE(option);
+        const Answer answer = Backup(volume, u"typed", option);
+        ASSERT_EQ(answer.code, 0u);
+        const std::vector<std::uint32_t> types =
+            option == 0 ? std::vector<std::uint32_t>{1, 4, 6, 5, 7} : std::vector<std::uint32_t>{1, 6, 5, 7};
+        EXPECT_EQ(answer.types(), types);
+        EXPECT_EQ(answer.of(4).bytes, option == 0 ? "typed\n" : "<none>");
+        const std::string& attributes = answer.of(7).bytes;
+        EXPECT_EQ(attributes.substr(0, 31), Head("com.apple.FinderInfo", 32));
+        EXPECT_EQ(attributes.substr(31, 8), "TEXTttxt");
+        EXPECT_TRUE(attributes.substr(63) == resource) << attributes.size() - 63 << " of " << resource.size();
+        EXPECT_EQ(answer.of(7).sends, 5u);  // two heads, the Finder bytes, a full chunk and a cut one
+    }
+    // Extents that don't add up to the fork's block count.
+    ++image.at(typed + 168 + 15);
+    Volume counted(DiskOf(image));
+    ASSERT_NE(counted.driver, nullptr);
+    EXPECT_EQ(Backup(counted, u"typed", 0).code, Common::FILE_BACKUP);
 }
 
 TEST(HFSPlusBackup, PiecesAndContainersRefuseWhatDoesNotFit) {
