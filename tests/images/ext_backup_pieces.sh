@@ -2,13 +2,15 @@
 # The ext backup through `morvane fs IMAGE backup`: volumes of mke2fs filled
 # by debugfs (files with extended attributes of several namespaces, in the
 # inode and in the attribute block, a sparse file, a file ending in a hole,
-# a large dense file, an empty file, a directory with an attribute), each
-# entry backed up into a container file, which a reader written here from
-# the container's published layout takes apart. Every piece must say what
-# debugfs says of the entry: the order of the pieces, mode and owner
-# (stat), each attribute's full name and value (ea_list, ea_get), the
-# contents with one sparse block per mapped stretch (stat's block list,
-# dump), and the times (stat). A backup must leave the image as it was.
+# a large dense file, an empty file, a directory with an attribute, a fast
+# and a slow symbolic link, character devices of both number layouts, a
+# block device, a FIFO), each entry backed up into a container file, which
+# a reader written here from the container's published layout takes apart.
+# Every piece must say what debugfs says of the entry: the order of the
+# pieces, mode, owner, device numbers and link target (stat, dump), each
+# attribute's full name and value (ea_list, ea_get), the contents with one
+# sparse block per mapped stretch (stat's block list, dump), and the times
+# (stat). A backup must leave the image as it was.
 #
 #   ext_backup_pieces.sh TOOL
 set -u
@@ -140,14 +142,28 @@ check(kinds == expected, "pieces %s, not %s" % (kinds, expected))
 
 check(piece.get(1) == struct.pack("<I", 0x10 if file_type == "directory" else 0), "attributes word")
 
-record = piece.get(6, b"")
-check(len(record) == 20, "POSIX record of %d bytes" % len(record))
-if len(record) == 20:
-    owner = int(re.search(r"User:\s+(\d+)", stat).group(1))
-    group = int(re.search(r"Group:\s+(\d+)", stat).group(1))
-    kind = 128 if file_type == "directory" else 0
-    check(struct.unpack("<5I", record) == (20, kind, owner, group, mode & 0xFFF),
-          "POSIX record %s" % (struct.unpack("<5I", record),))
+# The POSIX record as debugfs describes the inode: device numbers for a
+# device, the link's target (stat's for a fast link, the dump of its block
+# for a slow one) as 16-bit units and a 0 for a link.
+kinds_of = {"regular": 0, "character": 1, "block": 2, "FIFO": 3, "socket": 4, "symlink": 5, "directory": 128}
+owner = int(re.search(r"User:\s+(\d+)", stat).group(1))
+group = int(re.search(r"Group:\s+(\d+)", stat).group(1))
+tail = b""
+if file_type in ("character", "block"):
+    tail = struct.pack("<2I", *map(int, re.search(r"Device major/minor number: (\d+):(\d+)", stat).groups()))
+elif file_type == "symlink":
+    fast = re.search(r'^Fast link dest: "(.*)"$', stat, re.M)
+    if fast:
+        target = fast.group(1).encode()
+    else:
+        subprocess.run(["debugfs", "-R", "dump %s %s" % (path, work + ".link"), image], capture_output=True)
+        target = open(work + ".link", "rb").read()
+    # The system's 16-bit strings have no surrogates: a sequence of four
+    # bytes is refused, and each of its bytes becomes one "?".
+    text = b"".join(c.encode("utf-16-le") if ord(c) < 0x10000 else b"?\0" * 4 for c in target.decode())
+    tail = struct.pack("<H", len(text) // 2) + text + b"\0\0"
+want_record = struct.pack("<5I", 20 + len(tail), kinds_of.get(file_type, -1) & 0xFFFFFFFF, owner, group, mode & 0xFFF)
+check(piece.get(6) == want_record + tail, "POSIX record %s, not %s" % (piece.get(6), want_record + tail))
 
 if attributes:
     check(records(piece.get(7, b"")) == attributes, "attributes %s" % sorted(records(piece.get(7, b""))))
@@ -197,6 +213,12 @@ with open(work + "/tail_hole.bin", "wb") as f:
 open(work + "/value", "w").write("v" * 600)
 EOF
 
+# Link targets with characters beyond ASCII, one of them beyond 16 bits:
+# the record holds them as 16-bit units. The slow one is too long for the
+# inode.
+fast_target='short/é'
+slow_target="$(printf '%0100d' 0 | tr 0 d)/€/𝄞"
+
 # name  mkfs  block  inode-size
 rows='
 ext4-1k-128  ext4  1024  128
@@ -229,9 +251,23 @@ ea_set sparse.bin user.s 1
 sif plain.txt uid 1001
 sif plain.txt gid 1002
 sif plain.txt mode 0100640
+symlink fast $fast_target
+sif fast uid 1003
+sif fast gid 1004
+symlink slow $slow_target
+mknod cdev c 4 5
+sif cdev mode 020640
+sif cdev uid 1005
+mknod newdev c 300 700
+mknod bdev b 8 1
+mknod pipe p
 EOF
+    # The two links must be what their names say, or one way of keeping a
+    # target would go untested.
+    debugfs -R "stat /fast" "$image" 2>/dev/null | grep -q '^Fast link dest' || fail "/fast isn't a fast link"
+    debugfs -R "stat /slow" "$image" 2>/dev/null | grep -q '^Fast link dest' && fail "/slow isn't a slow link"
     before=$(sha256sum < "$image")
-    for entry in /plain.txt /big.bin /empty /sparse.bin /tail_hole.bin /d /; do
+    for entry in /plain.txt /big.bin /empty /sparse.bin /tail_hole.bin /d / /fast /slow /cdev /newdev /bdev /pipe; do
         out=$work/$row$(echo "$entry" | tr / _).bk
         if ! "$tool" fs "$image" backup "$entry" "$out" > "$work/says" 2>&1; then
             fail "backup $entry: $(cat "$work/says")"
