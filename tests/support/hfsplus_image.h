@@ -4,6 +4,7 @@
 // the next allocation lands.
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,23 @@ inline bool MakeHfsplusVolume(const std::string& path, const std::string& size, 
     // folder-count flag; fsck.hfsplus sets it, so that the volume starts clean.
     RunQuietly("fsck.hfsplus -fy " + path);
     return HfsplusFsckComplaints(path).empty();
+}
+
+// The HFS+ volume of an ISO image made by xorriso -hfsplus, which lies in
+// the Apple_HFS partition of its Apple partition map, cut out to `image`
+// as mmls finds it; false when there is none or a tool failed.
+inline bool CutHfsplusPartition(const std::string& iso, const std::string& image) {
+    std::istringstream map(CaptureOutput("mmls " + iso));
+    std::string start, length;
+    for (std::string line; std::getline(map, line);) {
+        if (line.find("Apple_HFS") == std::string::npos) continue;
+        std::istringstream fields(line);
+        std::string slot, slot_name, end;
+        fields >> slot >> slot_name >> start >> end >> length;
+    }
+    if (start.empty()) return false;
+    return RunQuietly("dd if=" + iso + " of=" + image + " bs=512 skip=" + std::to_string(std::stoull(start)) +
+                      " count=" + std::to_string(std::stoull(length)) + " status=none") == 0;
 }
 
 // Our journal writer for tests, built beside the test binary.

@@ -12,7 +12,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "hfsplus/backup_records.h"
 #include "hfsplus/hfsplus_driver.h"
 #include "hfsplus/memory_allocator.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/temp_folder.h"
@@ -97,20 +97,8 @@ struct BackupVolume {
             " data.bin && ln -s " + LinkTarget(512) + " l512 && ln -s " + LinkTarget(513) + " l513 && cd .. && " +
             "xorriso -as mkisofs -hfsplus --hfsplus-file-creator-type ttxt TEXT /typed -o x.iso src";
         if (TestSupport::RunQuietly(make) != 0) return;
-        std::istringstream map(TestSupport::CaptureOutput("mmls " + folder.Path() + "/x.iso"));
-        std::string start, length;
-        for (std::string line; std::getline(map, line);) {
-            if (line.find("Apple_HFS") == std::string::npos) continue;
-            std::istringstream fields(line);
-            std::string slot, slot_name, end;
-            fields >> slot >> slot_name >> start >> end >> length;
-        }
-        if (start.empty()) return;
         const std::string image = folder.Path() + "/hfs.img";
-        if (TestSupport::RunQuietly("dd if=" + folder.Path() + "/x.iso of=" + image + " bs=512 skip=" + start +
-                                    " count=" + length + " status=none") != 0) {
-            return;
-        }
+        if (!TestSupport::CutHfsplusPartition(folder.Path() + "/x.iso", image)) return;
         bytes = TestSupport::LoadFile(image);
     }
     TestSupport::TempFolder folder;

@@ -23,6 +23,7 @@
 #include "hfsplus/hfsplus_metadata.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
+#include "tests/support/hfsplus_image.h"
 #include "tests/support/raised_code.h"
 #include "tests/support/shell.h"
 #include "tests/support/temp_folder.h"
@@ -272,18 +273,7 @@ struct XorrisoVolume {
         const std::string iso = folder.Path() + "/x.iso";
         const std::string image = folder.Path() + "/hfs.img";
         if (TestSupport::RunQuietly("xorriso -as mkisofs -hfsplus -o " + iso + " " + folder.Path() + "/src") != 0) return;
-        std::istringstream map(TestSupport::CaptureOutput("mmls " + iso));
-        std::string start, length;
-        for (std::string line; std::getline(map, line);) {
-            if (line.find("Apple_HFS") == std::string::npos) continue;
-            std::istringstream fields(line);
-            std::string slot, slot_name, end;
-            fields >> slot >> slot_name >> start >> end >> length;
-        }
-        if (start.empty()) return;
-        const std::string cut = "dd if=" + iso + " of=" + image + " bs=512 skip=" + std::to_string(std::stoull(start)) +
-                                " count=" + std::to_string(std::stoull(length)) + " status=none";
-        if (TestSupport::RunQuietly(cut) != 0) return;
+        if (!TestSupport::CutHfsplusPartition(iso, image)) return;
         for (int round = 0; round < 3 && TestSupport::RunQuietly("fsck.hfsplus -fn " + image) != 0; ++round) {
             TestSupport::RunQuietly("fsck.hfsplus -fy " + image);
         }
