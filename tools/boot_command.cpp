@@ -2,8 +2,11 @@
 // folder of the host, with the keys a person would type.
 #include <efi.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -11,11 +14,13 @@
 #include <vector>
 
 #include "launch/boot_params.h"
+#include "loader/common/error_codes.h"
 #include "platform/clib/clib.h"
 #include "platform/host/block_io_devices.h"
 #include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tools/command.h"
+#include "tools/error_names.h"
 
 extern "C" EFI_STATUS EFIAPI _ModuleEntryPoint(EFI_HANDLE image, EFI_SYSTEM_TABLE* system_table);
 
@@ -46,7 +51,57 @@ const char kUsage[] =
     "                 {Delete} {PgUp} {PgDown} {F1}..{F12} for named keys,\n"
     "                 {{ for a brace, and {+N} lets N seconds pass first\n"
     "  -- OPTIONS     load options for the loader (the first one plays the\n"
-    "                 program name, as the firmware shell passes it)\n";
+    "                 program name, as the firmware shell passes it)\n"
+    "\n"
+    "After an error report come the code's name and, for a file the loader\n"
+    "could not find, what it asked the ESP for and which partitions it read.\n"
+    "Exit status: 0 the kernel took over, or the loader returned without an\n"
+    "error report (a Chainload entry, or a key that leaves the menu); 1 an error\n"
+    "report, or waiting for a key that never comes; 2 usage or host I/O error.\n";
+
+// The start of the loader's report line, which the simulated console shows
+// as the firmware's would.
+const char kReportStart[] = "Runtime exception '";
+const char kReportCode[] = "', code ";
+
+// What the loader asked of the ESP and was refused: the firmware services
+// carry no context, so the recorder keeps it here, as the simulator does.
+struct EspRecorder {
+    EFI_VOLUME_OPEN open_volume = nullptr;
+    EFI_FILE_OPEN open = nullptr;
+    std::string last_refused;
+    EFI_STATUS last_status = EFI_SUCCESS;
+};
+EspRecorder esp_recorder;
+
+EFI_STATUS EFIAPI RecordingOpen(EFI_FILE_PROTOCOL* self, EFI_FILE_PROTOCOL** opened, CHAR16* name, UINT64 mode,
+                                UINT64 attributes) {
+    EFI_STATUS status = esp_recorder.open(self, opened, name, mode, attributes);
+    if (status == EFI_SUCCESS && opened != nullptr && *opened != nullptr) {
+        (*opened)->Open = RecordingOpen;
+    } else if (name != nullptr) {
+        std::size_t length = 0;
+        while (name[length] != 0) ++length;
+        esp_recorder.last_refused = Clib::ToMultibyte(reinterpret_cast<const char16_t*>(name), length);
+        esp_recorder.last_status = status;
+    }
+    return status;
+}
+
+EFI_STATUS EFIAPI RecordingOpenVolume(EFI_SIMPLE_FILE_SYSTEM_PROTOCOL* self, EFI_FILE_PROTOCOL** root) {
+    EFI_STATUS status = esp_recorder.open_volume(self, root);
+    if (status == EFI_SUCCESS && root != nullptr && *root != nullptr) {
+        esp_recorder.open = (*root)->Open;
+        (*root)->Open = RecordingOpen;
+    }
+    return status;
+}
+
+void RecordEspOpens(HostFirmware::HostFolderVolume& esp) {
+    esp_recorder = EspRecorder();
+    esp_recorder.open_volume = esp.Protocol()->OpenVolume;
+    esp.Protocol()->OpenVolume = RecordingOpenVolume;
+}
 
 struct NamedKey {
     const char* name;
@@ -111,6 +166,29 @@ bool AttachDisks(HostFirmware::Simulator& firmware, const std::vector<std::strin
             problem = error.what();
             return false;
         }
+    }
+    return true;
+}
+
+// The host's own files, checked before the run so that a refusal names its
+// cause as the host's C library tells it.
+bool CanUseHostFiles(const std::string& esp, const std::string& vars, const std::vector<std::string>& disks,
+                     std::string& problem) {
+    struct stat info {};
+    const bool found = stat(esp.c_str(), &info) == 0;
+    if (!found || !S_ISDIR(info.st_mode)) {
+        problem = "--esp " + esp + ": " + std::strerror(found ? ENOTDIR : errno);
+        return false;
+    }
+    std::vector<std::string> files = disks;
+    if (!vars.empty()) files.push_back(vars);
+    for (const std::string& file : files) {
+        int descriptor = ::open(file.c_str(), O_RDONLY);
+        if (descriptor < 0) {
+            problem = file + ": " + std::strerror(errno);
+            return false;
+        }
+        ::close(descriptor);
     }
     return true;
 }
@@ -184,21 +262,86 @@ void PrintHandOver(const HostFirmware::KernelHandOver& hand_over) {
     PrintE820(params);
 }
 
-void PrintEnding(const HostFirmware::Simulator& firmware, EFI_STATUS status) {
+// The code of the loader's report, the last line it printed; false when
+// the run ended without one.
+bool ReportedCode(const std::string& console, std::uint32_t& code) {
+    std::size_t report = console.rfind(kReportStart);
+    if (report == std::string::npos) return false;
+    std::size_t end = console.find('\n', report);
+    std::size_t at = console.rfind(kReportCode, end);
+    if (at == std::string::npos || at < report) return false;
+    char* digits_end = nullptr;
+    unsigned long long value = std::strtoull(console.c_str() + at + std::strlen(kReportCode), &digits_end, 10);
+    if (digits_end == console.c_str() + at + std::strlen(kReportCode) || value > 0xFFFFFFFFull) return false;
+    code = static_cast<std::uint32_t>(value);
+    return true;
+}
+
+// Codes of a file or of the volume that should hold it.
+bool IsFileCode(std::uint32_t code) {
+    return (code >> 16) == (Common::FILE_NOT_FOUND >> 16) || code == Common::DISK_NOT_FOUND ||
+           code == Common::VOLUME_NOT_MOUNTED;
+}
+
+std::string GuidText(const std::uint8_t* b) {
+    char text[40];
+    std::snprintf(text, sizeof(text), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[3], b[2], b[1],
+                  b[0], b[5], b[4], b[7], b[6], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+    return text;
+}
+
+// Each attached partition with its unique GUID, marked where the loader
+// read its sectors: the volume it was looking in.
+void PrintPartitions(HostFirmware::Simulator& firmware, const std::vector<std::string>& images) {
+    for (std::size_t disk = 0; disk < images.size() && disk < firmware.Disks().Count(); ++disk) {
+        int file = ::open(images[disk].c_str(), O_RDONLY);
+        if (file < 0) continue;
+        struct stat info {};
+        std::vector<HostFirmware::GptPartition> gpt;
+        if (fstat(file, &info) == 0) gpt = HostFirmware::ReadGpt(file, static_cast<std::uint64_t>(info.st_size), 512);
+        ::close(file);
+        std::vector<HostFirmware::BlockIoMedium*> media = firmware.Disks().Partitions(disk);
+        for (std::size_t i = 0; i < gpt.size() && i < media.size(); ++i) {
+            std::printf("  %s:%u  %s%s\n", images[disk].c_str(), gpt[i].number, GuidText(gpt[i].unique_guid).c_str(),
+                        media[i]->reads > 0 ? "  (read by the loader)" : "");
+        }
+    }
+}
+
+void PrintFileLeads(HostFirmware::Simulator& firmware, const std::vector<std::string>& images, std::uint32_t code) {
+    if (!esp_recorder.last_refused.empty()) {
+        std::printf("last file the ESP refused: %s (firmware status 0x%llx)\n", esp_recorder.last_refused.c_str(),
+                    static_cast<unsigned long long>(esp_recorder.last_status));
+    }
+    if (firmware.Disks().Count() == 0) {
+        if (code == Common::DISK_NOT_FOUND) std::printf("no disk attached: a GPT Guid finds no partition without --disk\n");
+        return;
+    }
+    std::printf("partitions of the attached disks:\n");
+    PrintPartitions(firmware, images);
+}
+
+// Answers the exit status: 0 when the run ended as a document means it to.
+int PrintEnding(HostFirmware::Simulator& firmware, EFI_STATUS status, const std::vector<std::string>& images) {
     double seconds = static_cast<double>(firmware.Now()) / 1e6;
     if (const HostFirmware::KernelHandOver* hand_over = firmware.HandOver()) {
         PrintHandOver(*hand_over);
         std::printf("ended: the kernel took over (simulated time %.1f s)\n", seconds);
-        return;
+        return kExitOk;
     }
     std::printf("----\n");
     if (firmware.EndedWaitingForever()) {
         std::printf("ended: waiting for a key that never comes (simulated time %.1f s)\n", seconds);
-        return;
+        return kExitRefused;
     }
-    bool reported = firmware.ConsoleUtf8().find("Runtime exception '") != std::string::npos;
+    std::uint32_t code = 0;
+    bool reported = ReportedCode(firmware.ConsoleUtf8(), code);
     std::printf("ended: returned %llu%s; the firmware goes on to its next boot option (simulated time %.1f s)\n",
                 static_cast<unsigned long long>(status), reported ? " after an error report" : "", seconds);
+    if (!reported) return kExitOk;
+    std::printf("reported: %s ('morvane explain %u' tells more)\n", ErrorName(code), code);
+    if (IsFileCode(code)) PrintFileLeads(firmware, images, code);
+    return kExitRefused;
 }
 
 }  // namespace
@@ -235,25 +378,21 @@ int RunBootCommand(int argc, char** argv) {
         } else if (argument == "--no-display") {
             display = false;
         } else {
-            std::fprintf(stderr, "morvane boot: unexpected argument '%s'\n%s", argument.c_str(), kUsage);
-            return kExitUsageOrIo;
+            return UsageProblem("boot", "unexpected argument '" + argument + "'", kUsage);
         }
     }
-    struct stat info {};
-    if (esp.empty() || stat(esp.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        std::fprintf(stderr, "morvane boot: --esp must name a folder\n");
-        return kExitUsageOrIo;
-    }
-    HostFirmware::Simulator firmware;
-    firmware.MountEsp(esp);
-    firmware.SetImagePath({ImagePath(image)});
-    if (have_options) firmware.SetLoadOptions(LoadOptions(options));
-    if (display) firmware.Graphics().InstallGop({{1024, 768, 1024, PixelBlueGreenRedReserved8BitPerColor}}, 0);
+    if (esp.empty()) return UsageProblem("boot", "--esp DIR is needed", kUsage);
     std::string problem;
-    if (!QueueKeys(firmware, keys, problem)) {
+    if (!CanUseHostFiles(esp, vars, disks, problem)) {
         std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
         return kExitUsageOrIo;
     }
+    HostFirmware::Simulator firmware;
+    RecordEspOpens(firmware.MountEsp(esp));
+    firmware.SetImagePath({ImagePath(image)});
+    if (have_options) firmware.SetLoadOptions(LoadOptions(options));
+    if (display) firmware.Graphics().InstallGop({{1024, 768, 1024, PixelBlueGreenRedReserved8BitPerColor}}, 0);
+    if (!QueueKeys(firmware, keys, problem)) return UsageProblem("boot", problem, kUsage);
     if (!vars.empty() && !firmware.Variables().LoadFile(vars, problem)) {
         std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
         return kExitUsageOrIo;
@@ -264,12 +403,12 @@ int RunBootCommand(int argc, char** argv) {
     }
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);
     PrintConsole(firmware.ConsoleUtf8());
-    PrintEnding(firmware, status);
+    const int ending = PrintEnding(firmware, status, disks);
     if (!vars.empty() && !firmware.Variables().SaveFile(vars, problem)) {
         std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
         return kExitUsageOrIo;
     }
-    return kExitOk;
+    return ending;
 }
 
 }  // namespace MorvaneTool

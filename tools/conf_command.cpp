@@ -1,5 +1,6 @@
 // morvane conf: configuration documents read exactly as the loader reads
 // them, through the system's own readers.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -17,32 +18,28 @@
 namespace MorvaneTool {
 namespace {
 
-void PrintConfUsage(std::FILE* out) {
-    std::fprintf(out,
-                 "Usage: morvane conf check FILE\n"
-                 "       morvane conf show FILE\n"
-                 "       morvane conf convert --to xml|bxml IN OUT\n"
-                 "\n"
-                 "Reads a configuration document, text or binary (BXML), as the loader reads it.\n"
-                 "\n"
-                 "  check    print 'ok' and a summary, or the refusal: the error code that the\n"
-                 "           loader reports (decimal and name), the byte offset where reading\n"
-                 "           stopped, the line and column for the text form, and the reason\n"
-                 "  show     print the elements with their attributes, indented; texts are\n"
-                 "           shown quoted, except those made only of white space\n"
-                 "  convert  write the document in the text (xml) or binary (bxml) form;\n"
-                 "           reading the result gives the same tree\n"
-                 "\n"
-                 "FILE, IN and OUT may be '-' for standard input or output.\n"
-                 "Exit status: 0 success, 1 document refused or not convertible,\n"
-                 "2 usage or input/output error.\n");
-}
+const char kConfUsage[] =
+    "Usage: morvane conf check FILE\n"
+    "       morvane conf show FILE\n"
+    "       morvane conf convert --to xml|bxml IN OUT\n"
+    "\n"
+    "Reads a configuration document, text or binary (BXML), as the loader reads it.\n"
+    "\n"
+    "  check    print 'ok' and a summary, or the refusal: the error code that the\n"
+    "           loader reports (decimal and name), the byte offset where reading\n"
+    "           stopped, the line and column for the text form, and the reason\n"
+    "  show     print the elements with their attributes, indented; texts are\n"
+    "           shown quoted, except those made only of white space\n"
+    "  convert  write the document in the text (xml) or binary (bxml) form;\n"
+    "           reading the result gives the same tree\n"
+    "\n"
+    "FILE, IN and OUT may be '-' for standard input or output.\n"
+    "Exit status: 0 success, 1 document refused or not convertible,\n"
+    "2 usage or input/output error.\n";
 
-int UsageError(const char* problem) {
-    std::fprintf(stderr, "morvane conf: %s\n", problem);
-    std::fprintf(stderr, "Run 'morvane conf --help' for usage.\n");
-    return kExitUsageOrIo;
-}
+void PrintConfUsage(std::FILE* out) { std::fputs(kConfUsage, out); }
+
+int UsageError(const std::string& problem) { return UsageProblem("conf", problem, kConfUsage); }
 
 std::string DisplayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
 
@@ -133,7 +130,11 @@ bool LoadDocument(const std::string& path, loaded_document& document) {
         std::fprintf(stderr, "morvane: %s\n", problem.c_str());
         return false;
     }
+    // The host's own reason for a failed read (a folder, an I/O error) is
+    // what a person can act on; the stream keeps only the loader's code.
+    errno = 0;
     document.whole = read_xml_document(document.root, *input, document.report);
+    const int host_cause = errno;
     document.stream_error = input->error();
     // The binary form may answer true without a root element; the loader
     // then finds no action to take, which is the same refusal.
@@ -143,7 +144,7 @@ bool LoadDocument(const std::string& path, loaded_document& document) {
     }
     if (IsHostReadFailure(document.report, document.stream_error)) {
         std::fprintf(stderr, "morvane: cannot read %s: %s\n", DisplayName(path).c_str(),
-                     CodeText(document.stream_error.Code()).c_str());
+                     host_cause != 0 ? std::strerror(host_cause) : CodeText(document.stream_error.Code()).c_str());
         return false;
     }
     return true;

@@ -26,8 +26,9 @@ const char kUsage[] =
     "               told by where the GPT header lies, else by the boot sector\n"
     "\n"
     "Commands (paths on the volume take / or \\ as separators):\n"
-    "  ls [-l] [-R] [PATH...]     list directories; -l adds kind, size and\n"
-    "                             modification time, -R walks below\n"
+    "  ls [-l] [-h] [-R] [PATH...]  list directories; -l adds kind, size and\n"
+    "                             modification time, -h sizes in KiB, MiB...,\n"
+    "                             -R walks below\n"
     "  stat PATH...               everything the driver tells about entries\n"
     "  cat PATH...                write files to standard output\n"
     "  cp-out [-r] [-L] PATH... DEST  copy files (with -r directories) to the\n"
@@ -50,6 +51,12 @@ const char kUsage[] =
     "  backup --list [--option N] PATH  the pieces: kind, name, size\n"
     "  restore [--option N] HOSTFILE PATH  makes PATH from a backup file, where\n"
     "                             the driver can (NTFS); a directory must exist\n"
+    "  parts                      the GPT of a whole IMAGE: each partition's\n"
+    "                             number, unique and type GUID, name, sectors,\n"
+    "                             size and the driver that mounts it\n"
+    "  info                       the volume's file system, label, cluster or\n"
+    "                             block size, total and free space, and whether\n"
+    "                             the driver takes changes to it\n"
     "\n"
     "Times are shown in the local time zone (TZ), in which FAT volumes keep them;\n"
     "cp-in -p moves a time that the volume cannot hold to the nearest it can.\n"
@@ -74,7 +81,7 @@ struct Operation {
 };
 
 const Operation kOperations[] = {
-    {"ls", ListEntries, false, 0, 0, "lR", HostOperand::kNone, nullptr},
+    {"ls", ListEntries, false, 0, 0, "lRh", HostOperand::kNone, nullptr},
     {"stat", StatEntries, false, 1, 0, "", HostOperand::kNone, nullptr},
     {"cat", CatFiles, false, 1, 0, "", HostOperand::kNone, nullptr},
     {"cp-out", CopyOut, false, 2, 0, "rL", HostOperand::kLast, nullptr},
@@ -87,9 +94,25 @@ const Operation kOperations[] = {
     {"restore", RestoreEntry, true, 2, 2, "", HostOperand::kFirst, "option "},
 };
 
-int UsageError(const std::string& problem) {
-    std::fprintf(stderr, "morvane fs: %s\nRun 'morvane fs --help' for the usage.\n", problem.c_str());
-    return kExitUsageOrIo;
+int UsageError(const std::string& problem) { return UsageProblem("fs", problem, kUsage); }
+
+// Commands on the image or volume as a whole: they take no paths and mount
+// what they need themselves.
+struct VolumeCommand {
+    const char* name;
+    int (*run)(const VolumeName& name, std::uint32_t sector_size, const std::string& shown);
+};
+
+const VolumeCommand kVolumeCommands[] = {
+    {"parts", ShowPartitions},
+    {"info", ShowVolumeInfo},
+};
+
+const VolumeCommand* FindVolumeCommand(const std::string& name) {
+    for (const VolumeCommand& command : kVolumeCommands) {
+        if (name == command.name) return &command;
+    }
+    return nullptr;
 }
 
 const Operation* FindOperation(const std::string& name) {
@@ -184,6 +207,7 @@ bool ParseOperands(const Operation& operation, int argc, char** argv, int first,
                 return false;
             }
             request.long_form |= *letter == 'l';
+            request.human_sizes |= *letter == 'h';
             request.recursive |= *letter == 'R' || *letter == 'r';
             request.keep_time |= *letter == 'p';
             request.follow_links |= *letter == 'L';
@@ -225,6 +249,10 @@ int RunFsCommand(int argc, char** argv) {
     VolumeName name;
     std::string problem;
     if (!ParseVolumeName(argv[i], name, problem)) return UsageError(problem);
+    if (const VolumeCommand* whole = FindVolumeCommand(argv[i + 1])) {
+        if (argc - i > 2) return UsageError(std::string(whole->name) + " takes no paths or flags");
+        return whole->run(name, sector_size != 0 ? sector_size : GuessSectorSize(name.image), argv[i]);
+    }
     const Operation* operation = FindOperation(argv[i + 1]);
     if (operation == nullptr) return UsageError(std::string("unknown command '") + argv[i + 1] + "'");
 

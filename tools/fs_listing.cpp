@@ -3,6 +3,7 @@
 
 #include "tools/command.h"
 #include "tools/fs_operations.h"
+#include "tools/fs_volume.h"
 
 namespace MorvaneTool {
 namespace {
@@ -38,7 +39,7 @@ const char* KindName(std::uint32_t kind) {
 }
 
 // One line of a listing; `shown` is the name as the listing prints it.
-void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_form) {
+void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_form, bool human_sizes) {
     std::uint32_t kind = entry.kind();
     const char* mark = IsDirectoryKind(kind) ? "/" : "";
     if (!long_form) {
@@ -50,8 +51,9 @@ void PrintEntryLine(i_dir::iterator& entry, const std::string& shown, bool long_
     std::string target = IsLinkKind(kind) ? Utf8(LinkTarget(entry)) : std::string();
     std::uint64_t size = IsLinkKind(kind) ? target.size() : entry.size();
     std::string link = IsLinkKind(kind) ? " -> " + target : std::string();
-    std::printf("%c %12llu %s %s%s%s\n", KindLetter(kind), static_cast<unsigned long long>(size),
-                TimeText(entry.modified(), false).c_str(), shown.c_str(), mark, link.c_str());
+    std::string size_text = human_sizes ? SizeText(size) : std::to_string(size);
+    std::printf("%c %12s %s %s%s%s\n", KindLetter(kind), size_text.c_str(), TimeText(entry.modified(), false).c_str(),
+                shown.c_str(), mark, link.c_str());
 }
 
 // Lists `dir`; with `recursive` the directories below too, each name shown
@@ -63,7 +65,7 @@ bool ListDirectory(i_dir& dir, const std::string& prefix, const FsRequest& reque
         dir,
         [&](i_dir::iterator& entry) {
             std::string shown = prefix + Utf8(entry.name());
-            PrintEntryLine(entry, shown, request.long_form);
+            PrintEntryLine(entry, shown, request.long_form, request.human_sizes);
             if (!request.recursive || !IsDirectoryKind(entry.kind())) return true;
             if (depth >= kDeepestTree) {
                 failed_path = shown;
@@ -91,7 +93,7 @@ int ListOne(const FsRequest& request, const std::string& path) {
     std::unique_ptr<i_dir::iterator> entry = FindEntry(request.root, wide, error);
     if (entry == nullptr) return ReportRefusal("cannot list", path, error);
     if (!IsDirectoryKind(entry->kind())) {
-        PrintEntryLine(*entry, path, request.long_form);
+        PrintEntryLine(*entry, path, request.long_form, request.human_sizes);
         return kExitOk;
     }
     std::unique_ptr<rio_dir> dir = OpenDirectory(request.root, wide, error);

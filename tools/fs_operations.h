@@ -15,6 +15,7 @@ namespace MorvaneTool {
 struct FsOperands {
     std::vector<std::string> paths;  // in order
     bool long_form = false;          // ls -l
+    bool human_sizes = false;        // ls -h: sizes in KiB, MiB... with -l
     bool recursive = false;          // ls -R, cp-out -r
     bool keep_time = false;          // cp-in -p
     bool follow_links = false;       // cp-out -L

@@ -99,6 +99,18 @@ bool HasGpt(const std::string& image) {
     return HasGptHeaderAt(start, kSmallSector) || HasGptHeaderAt(start, kLargeSector);
 }
 
+// The first 2 KiB hold the boot sector, superblock or volume header of
+// every format served: enough to tell a claimed length or a geometry.
+std::vector<unsigned char> ReadVolumeStart(Fdisk::SimpleDisk& disk) {
+    std::uint32_t sector = disk.GetSectorSize();
+    std::uint64_t sectors = disk.GetLastSector() + 1;
+    std::uint64_t count = (2048 + sector - 1) / sector;
+    if (count > sectors) count = sectors;
+    std::vector<unsigned char> start(count * sector);
+    if (disk.Transfer(Fdisk::kTransferRead, 0, start.data(), count).Failed()) return {};
+    return start;
+}
+
 }  // namespace
 
 std::uint32_t GuessSectorSize(const std::string& image) {
@@ -151,14 +163,9 @@ void MountedVolume::Dismount() {
 }
 
 bool MountedVolume::ImageCutShort(std::string& problem) {
-    std::uint32_t sector = disk_->GetSectorSize();
-    std::uint64_t sectors = disk_->GetLastSector() + 1;
-    std::uint64_t count = (2048 + sector - 1) / sector;
-    if (count > sectors) count = sectors;
-    std::vector<unsigned char> start(count * sector);
-    if (disk_->Transfer(Fdisk::kTransferRead, 0, start.data(), count).Failed()) return false;
-    VolumeClaim claim = ClaimedLength(start);
-    std::uint64_t present = sectors * sector;
+    if (start_.empty()) return false;
+    VolumeClaim claim = ClaimedLength(start_);
+    std::uint64_t present = (disk_->GetLastSector() + 1) * disk_->GetSectorSize();
     if (claim.header == nullptr || claim.bytes <= present) return false;
     problem = "the volume is shorter than its " + std::string(claim.header) + " says (" + std::to_string(present) +
               " of " + std::to_string(claim.bytes) + " bytes): is the image cut off?";
@@ -216,12 +223,20 @@ bool MountedVolume::Mount(const VolumeName& name, std::uint32_t sector_size, boo
         return false;
     }
     if (!OpenDisk(name, problem, refused)) return false;
+    start_ = ReadVolumeStart(*disk_);
     root_.reset(EfiLoader::MountVolume(kDriverTable[0].factory, disk_));
     if (root_ == nullptr) {
         refused = !ImageCutShort(problem);
-        if (refused) problem = "no driver recognises the volume";
+        if (refused && !WholeGptDisk(name, problem)) problem = "no driver recognises the volume";
         return false;
     }
+    return true;
+}
+
+bool MountedVolume::WholeGptDisk(const VolumeName& name, std::string& problem) {
+    if (name.partition_number != 0 || name.by_guid || firmware_->Disks().Partitions(0).empty()) return false;
+    problem = "the image holds a GPT partition table: name a partition as " + name.image + ":N (see 'morvane fs " +
+              name.image + " parts')";
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "files/dir_object.h"
 #include "firmware/simple_disk.h"
@@ -51,6 +52,9 @@ public:
     bool Mount(const VolumeName& name, std::uint32_t sector_size, bool writable, std::string& problem, bool& refused);
     rio_dir& Root() { return *root_; }
     const HostIdentity& Image() const { return image_; }
+    // The volume's first bytes as the mount found them (2 KiB at least when
+    // the volume is that long): where each format keeps its geometry.
+    const std::vector<unsigned char>& Start() const { return start_; }
     // Deletes the root now; the volume is written back.
     void Dismount();
 
@@ -58,14 +62,29 @@ private:
     bool OpenDisk(const VolumeName& name, std::string& problem, bool& refused);
     // Why no driver took the volume, when the image itself is the cause.
     bool ImageCutShort(std::string& problem);
+    // Why no driver took a whole image that is a partitioned disk.
+    bool WholeGptDisk(const VolumeName& name, std::string& problem);
 
     std::unique_ptr<HostFirmware::Simulator> firmware_;
     // Names on FAT compare as a typical firmware compares them, beyond ASCII.
     std::unique_ptr<HostFirmware::CollationStandIn> collation_;
     HostIdentity image_;
+    std::vector<unsigned char> start_;
     std::unique_ptr<rio_dir> root_;
     // Only until the driver takes it over.
     std::unique_ptr<Fdisk::SimpleDisk> disk_;
 };
+
+// Commands on the image or volume itself rather than on paths of it; each
+// prints its own errors and answers an exit code of tools/command.h.
+// `shown` is the IMAGE argument as the user gave it.
+// The image's GPT entries, each with the driver that mounts its partition.
+int ShowPartitions(const VolumeName& name, std::uint32_t sector_size, const std::string& shown);
+// The file system, label, allocation unit, space and access of one volume.
+int ShowVolumeInfo(const VolumeName& name, std::uint32_t sector_size, const std::string& shown);
+
+// "N bytes" below 1 KiB, else one decimal in the largest binary unit that
+// leaves more than 1024 of the unit below it, the way sgdisk -p shows sizes.
+std::string SizeText(std::uint64_t bytes);
 
 }  // namespace MorvaneTool

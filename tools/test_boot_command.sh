@@ -46,12 +46,23 @@ grep -q '^ended: the kernel took over' "$work/out" || fail "ending: $(cat "$work
 
 # Without a display there is no framebuffer for the kernel: refused.
 "$tool" boot --esp "$work/esp" --no-display > "$work/out" 2>&1
+[ $? -eq 1 ] || fail "an error report must exit with 1"
 grep -q "code 21495812" "$work/out" || fail "no display: $(cat "$work/out")"
+grep -q "^reported: VIDEO_NOT_DETECTED " "$work/out" || fail "no display, name: $(cat "$work/out")"
+grep -q "refused\|partitions" "$work/out" && fail "no display is no file error: $(cat "$work/out")"
+
+# A kernel path that the ESP lacks: the report, then the path asked for.
+sed 's|Path="[^"]*vmlinuz"|Path="\\boot\\missing"|' "$examples/morvane.xml" > "$work/esp/EFI/BOOT/BOOTX64.xml"
+"$tool" boot --esp "$work/esp" > "$work/out" 2>&1
+[ $? -eq 1 ] || fail "a missing kernel must exit with 1"
+grep -q "^last file the ESP refused: .boot.missing " "$work/out" || fail "missing kernel path: $(cat "$work/out")"
+cp "$examples/morvane.xml" "$work/esp/EFI/BOOT/BOOTX64.xml"
 
 # No keys and no time-out: the run ends waiting.
 mkdir -p "$work/wait/EFI/BOOT"
 printf '<R><Menu><Entry Key="a" Text="only"><Chainload/></Entry></Menu></R>' > "$work/wait/EFI/BOOT/BOOTX64.xml"
 "$tool" boot --esp "$work/wait" > "$work/out" 2>&1
+[ $? -eq 1 ] || fail "waiting forever must exit with 1"
 grep -q '^ended: waiting for a key that never comes' "$work/out" || fail "waiting: $(cat "$work/out")"
 
 # A GPT disk made by sgdisk: partition 1 holds no file system, partition 2
@@ -92,10 +103,16 @@ gpt_document 6A1F3E2D-9B4C-4D5E-8F70-112233445567 > "$work/esp/EFI/BOOT/BOOTX64.
 "$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
 grep -q "^Runtime exception 'No se pudo encontrar\.', code 1101838, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
     fail "wrong GUID: $(cat "$work/out")"
+grep -q "^reported: DISK_NOT_FOUND " "$work/out" || fail "wrong GUID, name: $(cat "$work/out")"
+grep -qi "gpt.img:2  $gpt_guid\$" "$work/out" || fail "wrong GUID, partitions: $(cat "$work/out")"
+grep -qi "gpt.img:1  $blank_guid\$" "$work/out" || fail "wrong GUID, partitions: $(cat "$work/out")"
 gpt_document "$blank_guid" > "$work/esp/EFI/BOOT/BOOTX64.xml"
 "$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
 grep -q "^Runtime exception '', code 21495816, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
     fail "unmounted partition: $(cat "$work/out")"
+grep -q "^reported: VOLUME_NOT_MOUNTED " "$work/out" || fail "unmounted partition, name: $(cat "$work/out")"
+grep -qi "gpt.img:1  $blank_guid  (read by the loader)" "$work/out" || fail "unmounted, partition read: $(cat "$work/out")"
+grep -qi "gpt.img:2  $gpt_guid\$" "$work/out" || fail "unmounted, partition 2 was not read: $(cat "$work/out")"
 "$tool" boot --esp "$work/esp" --disk "$work/missing.img" > "$work/out" 2>&1
 [ $? -eq 2 ] || fail "a missing disk image must exit with 2"
 

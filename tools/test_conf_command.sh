@@ -70,9 +70,11 @@ expect_status 2 "$tool" conf
 expect_status 2 "$tool" conf check
 expect_status 2 "$tool" conf convert --to json "$work/empty.xml" "$work/x"
 expect_status 2 "$tool" conf check "$work/does-not-exist.xml"
-grep -q 'cannot open' "$work/err" || fail "missing file message: $(cat "$work/err")"
+grep -q 'cannot open.*: No such file or directory$' "$work/err" || fail "missing file message: $(cat "$work/err")"
 expect_status 2 "$tool" conf check "$work"
+grep -q 'cannot read.*: Is a directory$' "$work/err" || fail "folder message: $(cat "$work/err")"
 expect_status 2 "$tool" conf convert --to bxml "$documents/chainload.xml" "$work/no/such/dir.bxml"
+grep -q 'dir.bxml: No such file or directory$' "$work/err" || fail "unwritable output message: $(cat "$work/err")"
 expect_status 0 "$tool" conf check - <"$documents/menu.xml"
 
 [ "$failures" -eq 0 ] || { echo "$failures failures"; exit 1; }

@@ -103,6 +103,8 @@ out_is "ls of a directory" "lower.txt"
 expect 0 "ls of the root" "$tool" fs "$volume" ls
 [ "$(wc -l < "$work/out")" -eq 5 ] || fail "ls of the root: $(cat "$work/out")"
 out_has "ls of the root" "full/"
+expect 0 "ls -lh" "$tool" fs "$volume" ls -lh /
+out_has "ls -lh" "2.9 MiB 20"
 expect 0 "cat of two files" "$tool" fs "$volume" cat /full/one.txt /case/lower.txt
 out_is "cat of two files" "one
 lower case"

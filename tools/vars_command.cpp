@@ -230,15 +230,11 @@ int RunVarsCommand(int argc, char** argv) {
             return kExitOk;
         }
         if (argv[i][0] == '-' && argv[i][1] != 0) {
-            std::fprintf(stderr, "morvane vars: unknown option '%s'\nRun 'morvane vars --help' for usage.\n", argv[i]);
-            return kExitUsageOrIo;
+            return UsageProblem("vars", std::string("unknown option '") + argv[i] + "'", kUsage);
         }
         files.push_back(argv[i]);
     }
-    if (files.size() != 1) {
-        std::fprintf(stderr, "morvane vars: expected one variable file\nRun 'morvane vars --help' for usage.\n");
-        return kExitUsageOrIo;
-    }
+    if (files.size() != 1) return UsageProblem("vars", "expected one variable file", kUsage);
     std::FILE* probe = std::fopen(files[0], "rb");
     if (probe == nullptr) {
         std::fprintf(stderr, "morvane vars: cannot open '%s': %s\n", files[0], std::strerror(errno));
@@ -278,6 +274,8 @@ int RunVarsCommand(int argc, char** argv) {
     }
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.first < b.first; });
+    // A fresh variable file holds none; silence would read as a failure.
+    if (entries.empty()) std::printf("no boot entries\n");
     for (const auto& entry : entries) std::printf("%s\n", EntryLine(entry.first, entry.second->data).c_str());
     return kExitOk;
 }
