@@ -18,10 +18,13 @@ namespace {
 
 const char kUsage[] =
     "Usage: morvane explain CODE\n"
+    "       morvane explain --all\n"
     "\n"
     "Tells what a code of the loader's report means: its name, the text the\n"
     "loader prints with it, and what usually causes it. CODE is decimal as the\n"
     "report prints it (262161), hexadecimal (0x40011) or a name (FILE_NOT_FOUND).\n"
+    "--all explains every code the loader can report, one after the other,\n"
+    "each followed by an empty line.\n"
     "Exit status: 0 explained, 1 no such code, 2 usage error.\n";
 
 // What a person should look at first; written for the codes that an
@@ -216,6 +219,13 @@ int RunExplainCommand(int argc, char** argv) {
         return kExitOk;
     }
     if (argc != 2) return UsageProblem("explain", "expected one CODE", kUsage);
+    if (std::strcmp(argv[1], "--all") == 0) {
+        for (const Explanation& row : kExplanations) {
+            PrintExplanation(row);
+            std::putchar('\n');
+        }
+        return kExitOk;
+    }
     const Explanation* row = FindExplanation(argv[1]);
     if (row == nullptr) {
         std::fprintf(stderr, "morvane explain: '%s' is no code the loader reports\n", argv[1]);

@@ -25,7 +25,7 @@ const char kUsage[] =
     "  --sector-size BYTES  the image's sector size, 512 or 4096; without it,\n"
     "               told by where the GPT header lies, else by the boot sector\n"
     "\n"
-    "Commands (paths on the volume take / or \\ as separators):\n"
+    "Commands (paths on the volume take / as separator, on FAT and NTFS also \\):\n"
     "  ls [-l] [-h] [-R] [PATH...]  list directories; -l adds kind, size and\n"
     "                             modification time, -h sizes in KiB, MiB...,\n"
     "                             -R walks below\n"
