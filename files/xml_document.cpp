@@ -13,6 +13,8 @@ bool read_xml_document(xml_document& root, i_file& source, xml_read_report& repo
     switch (lexer.token()) {
         case token_kind::StartTagName: {
             root = xml_element::create(lexer.name());
+            root->line = lexer.line();
+            root->column = lexer.column() + 1;
             lexer.advance();
             xml_text_reader builder(lexer);
             bool built = builder.read(*root, false);

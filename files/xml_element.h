@@ -22,6 +22,10 @@ struct xml_element {
     std::vector<std::unique_ptr<xml_element>> children;
     std::vector<std::u16string> texts{std::u16string()};
     xml_element* parent = nullptr;
+    // Where the start tag stands in the text form, counted from 1, for those
+    // who must find the element; 0 when unknown (the binary form).
+    std::uint32_t line = 0;
+    std::uint32_t column = 0;
 
     explicit xml_element(std::string element_name) : name(std::move(element_name)) {}
     // Takes the subtree down without recursion, so that no document depth can

@@ -75,6 +75,8 @@ bool xml_text_reader::read(xml_element& element, bool preserve) {
                     if (elements >= xml_max_elements) return refuse(xml_refusal::too_many_elements);
                     ++elements;
                     xml_element* child = current.element->append_child(xml_element::create(lexer_.name()));
+                    child->line = lexer_.line();
+                    child->column = lexer_.column() + 1;
                     bool inherited = current.preserve;
                     lexer_.advance();
                     open.push_back({child, inherited});

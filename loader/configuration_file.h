@@ -3,6 +3,7 @@
 // which lives as long as main runs, since every action keeps a pointer to
 // its own element.
 #include <cstdint>
+#include <utility>
 
 #include "files/file_object.h"
 #include "files/xml_element.h"
@@ -18,6 +19,8 @@ public:
     Common::Error GetMainAction(ActionPointer& action) const;
 
     const xml_element* Root() const { return root_.get(); }
+    // Takes a tree read elsewhere (the host tool reads it with a report).
+    void Adopt(xml_document root) { root_ = std::move(root); }
 
 private:
     xml_document root_;

@@ -108,10 +108,10 @@ Common::Error OpenLocation(LoadKernel& action, const FileLocation& location, boo
 Common::Error LoadKernel::Load() {
     FileLocation location;
     Common::Error error = ParseLocation(element, "Kernel", location);
-    if (!error.Failed()) error = OpenLocation(*this, location, kernel);
+    if (!error.Failed() && opens_files) error = OpenLocation(*this, location, kernel);
     if (error.Failed()) return error;
     error = ParseLocation(element, "Ramdisk", location);
-    if (!error.Failed()) error = OpenLocation(*this, location, ramdisk);
+    if (!error.Failed() && opens_files) error = OpenLocation(*this, location, ramdisk);
     if (error.Failed()) return error;
     const xml_element* kernel_element = element->find_child("Kernel");
     if (kernel_element == nullptr) return BadConfiguration(ERROR_TAG);
@@ -125,5 +125,7 @@ Common::Error LoadKernel::Run() {
     Launch::BootLinux(*kernel, ramdisk.get(), arguments);
     return Common::Success;
 }
+
+bool LoadKernel::opens_files = true;
 
 }  // namespace EfiLoader

@@ -34,6 +34,10 @@ public:
     boost::shared_ptr<ri_file> kernel;
     boost::shared_ptr<ri_file> ramdisk;
     std::string arguments;
+
+    // Off, Load reads the element only and leaves the files closed: the
+    // host's document check judges what a document says without any volume.
+    static bool opens_files;
 };
 
 // Reads the location of the `key` child (`Kernel` or `Ramdisk`) of the

@@ -12,6 +12,7 @@
 #include "files/xml_writer.h"
 #include "loader/common/error_codes.h"
 #include "tools/command.h"
+#include "tools/conf_checks.h"
 #include "tools/error_names.h"
 #include "tools/host_file.h"
 
@@ -27,7 +28,12 @@ const char kConfUsage[] =
     "\n"
     "  check    print 'ok' and a summary, or the refusal: the error code that the\n"
     "           loader reports (decimal and name), the byte offset where reading\n"
-    "           stopped, the line and column for the text form, and the reason\n"
+    "           stopped, the line and column for the text form, and the reason;\n"
+    "           then the loader's own rules over the tree, each refusal with its\n"
+    "           code and tag and the element's line and column; warnings (exit\n"
+    "           status 0, on standard error, each line led by 'warning:') for\n"
+    "           unknown names, key names read as another key, a Delay that is\n"
+    "           not a number or wraps, a partition type GUID as a Guid\n"
     "  show     print the elements with their attributes, indented; texts are\n"
     "           shown quoted, except those made only of white space\n"
     "  convert  write the document in the text (xml) or binary (bxml) form;\n"
@@ -276,12 +282,27 @@ int Check(const std::string& path) {
         std::fputs(RefusalLine(path, document).c_str(), stdout);
         return kExitRefused;
     }
+    for (const std::string& warning : CheckWarnings(*document.root)) {
+        std::fprintf(stderr, "warning: %s%s%s\n", DisplayName(path).c_str(), warning[0] == '<' ? ": " : ":",
+                     warning.c_str());
+    }
     tree_counts counts = CountTree(*document.root);
+    EfiLoader::ConfigurationFile loaded;
+    loaded.Adopt(std::move(document.root));
+    std::vector<conf_refusal> refusals = CheckRules(loaded);
+    if (!refusals.empty()) {
+        for (const conf_refusal& refusal : refusals) {
+            std::printf("%s%s%s: refused with %s (tag 0x%016llx)\n", DisplayName(path).c_str(),
+                        refusal.element->line == 0 ? ": " : ":", ElementPlace(*refusal.element).c_str(), CodeText(refusal.code).c_str(),
+                        static_cast<unsigned long long>(refusal.tag));
+        }
+        return kExitRefused;
+    }
     std::string form = document.report.binary ? "binary document version " + Decimal(document.report.major_version) +
                                                     "." + Decimal(document.report.minor_version)
                                               : "text document";
     std::printf("ok: %s: %s, root <%s>, %s, %s, %s\n", DisplayName(path).c_str(), form.c_str(),
-                ShowName(document.root->name).c_str(), Count(counts.elements, "element").c_str(),
+                ShowName(loaded.Root()->name).c_str(), Count(counts.elements, "element").c_str(),
                 Count(counts.attributes, "attribute").c_str(), Count(counts.depth, "level").c_str());
     return kExitOk;
 }

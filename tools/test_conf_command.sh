@@ -5,6 +5,7 @@
 set -u
 tool="$1"
 documents="$2"
+sources="$3"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 [ -x "$tool" ] || { echo "no tool at $tool"; exit 1; }
@@ -20,8 +21,18 @@ expect_status() {
 
 for document in "$documents"/*; do
     name=$(basename "$document")
-    expect_status 0 "$tool" conf check "$document"
-    grep -q '^ok: ' "$work/out" || fail "check $name printed: $(cat "$work/out")"
+    case "$name" in
+        # Reader documents that the loader cannot carry out: the first child
+        # of the root is no action.
+        jobs_only.xml) expect_status 1 "$tool" conf check "$document"
+            grep -qx "$document:2:3: <Jobs>: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
+                || fail "jobs only: $(cat "$work/out")" ;;
+        mixed_content.xml) expect_status 1 "$tool" conf check "$document"
+            grep -qx "$document:4:25: <b>: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
+                || fail "mixed content: $(cat "$work/out")" ;;
+        *) expect_status 0 "$tool" conf check "$document"
+            grep -q '^ok: ' "$work/out" || fail "check $name printed: $(cat "$work/out")" ;;
+    esac
     "$tool" conf show "$document" >"$work/original.show" || fail "show $name"
     expect_status 0 "$tool" conf convert --to bxml "$document" "$work/$name.bxml"
     expect_status 0 "$tool" conf convert --to=xml "$work/$name.bxml" "$work/$name.xml"
@@ -57,9 +68,88 @@ expect_status 1 "$tool" conf convert --to xml "$work/empty.xml" "$work/never.xml
 
 # A tree that the text form cannot carry: a name of bytes.
 printf 'BXML\001\001\000\0031 2\000\001\000' >"$work/badname.bxml"
-expect_status 0 "$tool" conf check "$work/badname.bxml"
+expect_status 1 "$tool" conf check "$work/badname.bxml"
+grep -q ': <1 2>: refused with 21495817 BAD_CONFIGURATION' "$work/out" || fail "bad name, no action: $(cat "$work/out")"
 expect_status 1 "$tool" conf convert --to xml "$work/badname.bxml" "$work/badname.xml"
 grep -q 'cannot be written as xml' "$work/err" || fail "bad name: $(cat "$work/err")"
+
+# The loader's rules over the tree: each class of refusal at the element
+# to mend, and the loader itself, run on a simulated machine with the same
+# document, reports the same code.
+mkdir -p "$work/esp/EFI/BOOT"
+printf 'kernel' >"$work/esp/k"
+printf 'ramdisk' >"$work/esp/r"
+refused() {
+    name="$1"; place="$2"; printf '%b' "$3" >"$work/$name.xml"
+    expect_status 1 "$tool" conf check "$work/$name.xml"
+    grep -qx "$work/$name.xml:$place: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
+        || fail "$name: $(cat "$work/out" "$work/err")"
+    cp "$work/$name.xml" "$work/esp/EFI/BOOT/BOOTX64.xml"
+    "$tool" boot --esp "$work/esp" >"$work/boot" 2>&1
+    grep -q "code 21495817, tag 0x" "$work/boot" || fail "$name: the loader did not refuse: $(cat "$work/boot")"
+}
+refused no_path '2:2: <LoadKernel>' '<R>\n <LoadKernel>\n  <Kernel/>\n  <Ramdisk Path="\\r"/>\n </LoadKernel>\n</R>\n'
+refused no_ramdisk '1:4: <LoadKernel>' '<R><LoadKernel><Kernel Path="\\k"/></LoadKernel></R>'
+refused no_key '1:4: <Menu>' '<R><Menu>\n<Entry Text="x"><Chainload/></Entry></Menu></R>'
+refused bad_guid '1:4: <LoadKernel>' '<R><LoadKernel><Kernel Path="k"/><Ramdisk Path="r"/><GPT Guid="12-34"/></LoadKernel></R>'
+refused duplicate_key '1:4: <Menu>' '<R><Menu><Entry Key="F1"><Chainload/></Entry><Entry Key="f1"><Chainload/></Entry></Menu></R>'
+refused two_defaults '1:4: <Menu>' '<R><Menu><Entry Key="1" Default=""><Chainload/></Entry><Entry Key="2" Default=""><Chainload/></Entry></Menu></R>'
+refused delay_without_default '1:4: <Menu>' '<R><Menu><Topic Delay="5"/><Entry Key="1"><Chainload/></Entry></Menu></R>'
+refused two_actions '1:4: <Menu>' '<R><Menu><Entry Key="1"><Chainload/><Chainload/></Entry></Menu></R>'
+refused empty_loading '1:4: <Chainload>' '<R><Chainload><Loading Text=""/></Chainload></R>'
+refused empty_root '1:1: <R>' '<R>\n</R>'
+refused unknown_action '3:3: <Boot>' '<R>\n\n  <Boot/></R>'
+refused unknown_job '1:22: <Copy>' '<R><Chainload/><Jobs><Copy/></Jobs></R>'
+# Every refusal is reported, each at the innermost element that fails.
+printf '<R><Menu><Entry Key="1"><Menu>\n <Entry Key="2"><LoadKernel/></Entry></Menu></Entry></Menu>\n<Jobs><Rename><Loading/></Rename></Jobs></R>' >"$work/many.xml"
+expect_status 1 "$tool" conf check "$work/many.xml"
+[ "$(grep -c 'refused with 21495817' "$work/out")" -eq 2 ] || fail "many: $(cat "$work/out")"
+grep -q "^$work/many.xml:3:7: <Rename>: " "$work/out" && grep -q "^$work/many.xml:2:17: <LoadKernel>: " "$work/out" \
+    || fail "many: $(cat "$work/out")"
+# A kernel that is nowhere is no refusal of the rules: no volume is looked at.
+printf '<R><LoadKernel><Kernel Path="\\nowhere"/><Ramdisk Path="\\none"/></LoadKernel></R>' >"$work/files.xml"
+expect_status 0 "$tool" conf check "$work/files.xml"
+# The binary form has no lines: the element alone.
+"$tool" conf convert --to bxml "$work/no_key.xml" "$work/no_key.bxml"
+expect_status 1 "$tool" conf check "$work/no_key.bxml"
+grep -qx "$work/no_key.bxml: <Menu>: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
+    || fail "binary place: $(cat "$work/out")"
+
+# Warnings: accepted (exit 0), on standard error, one line each.
+warned() {
+    name="$1"; pattern="$2"; printf '%b' "$3" >"$work/$name.xml"
+    expect_status 0 "$tool" conf check "$work/$name.xml"
+    grep -q '^ok: ' "$work/out" && grep -qx "warning: $work/$name.xml:$pattern" "$work/err" \
+        || fail "$name: $(cat "$work/out" "$work/err")"
+    [ "$(wc -l <"$work/err")" -eq 1 ] || fail "$name: more than one warning: $(cat "$work/err")"
+}
+menu_with() { printf '<R><Menu>%s<Entry Key="1" Default=""><Chainload/></Entry></Menu></R>' "$1"; }
+warned topik "1:10: <Topik>: element unknown to the loader" "$(menu_with '<Topik Text="x"/>')"
+warned attribute "1:10: <Topic>: attribute 'Txt' unknown to the loader, which skips it" "$(menu_with '<Topic Txt="x"/>')"
+warned f13 "1:10: <Entry>: Key 'F13' is read as the key F1" "$(menu_with '<Entry Key="F13"><Chainload/></Entry>')"
+warned enter "1:10: <Entry>: Key 'Enter' is read as the character 'E'" "$(menu_with '<Entry Key="Enter"><Chainload/></Entry>')"
+warned escape "1:10: <Entry>: Key 'Escape' is read as the key Esc" "$(menu_with '<Entry Key="Escape"><Chainload/></Entry>')"
+warned words "1:10: <Topic>: Delay 'ten' is not a number of seconds; it is read as 0" "$(menu_with '<Topic Delay="ten"/>')"
+warned never "1:10: <Topic>: Delay '215' wraps .*: the menu never times out (214 s at most)" "$(menu_with '<Topic Delay="215"/>')"
+# 430 s is 4 300 000 000 units of 100 ns, 5 032 704 above 2^32: about 0.5 s.
+warned short "1:10: <Topic>: Delay '430' wraps .*: it times out after 0 s (214 s at most)" "$(menu_with '<Topic Delay="430"/>')"
+for type in C12A7328-F81F-11D2-BA4B-00A0C93EC93B 0fc63daf-8483-4772-8e79-3d69d8477de4 EBD0A0A2-B9E5-4433-87C0-68B6B72699C7; do
+    warned type_guid "1:53: <GPT>: Guid '$type' is the partition type GUID '.*', not a partition's own unique GUID" \
+        "<R><LoadKernel><Kernel Path=\"k\"/><Ramdisk Path=\"r\"/><GPT Guid=\"$type\"/></LoadKernel></R>"
+done
+# What is meant draws no warning: names in either case of the first letter,
+# the page keys, the longest delay, no time-out, a partition's own GUID.
+printf '<R xml:space="preserve"><Menu><Topic Text="t" Delay="214"/><Entry Key="f10"><Chainload/></Entry><Entry Key="PgDown"><Chainload/></Entry><Entry Key="esc"><Chainload/></Entry><Entry Key="x" Text="x" Default=""><LoadKernel><Kernel Path="k" Arguments="a"/><Ramdisk Path="r"/><GPT Guid="2F1C0B7E-7A1D-4D2E-9B55-3C1E0E6F1A22"/><Loading Text="l"/></LoadKernel></Entry></Menu><Jobs><Rename FileNameSource="a" FileNameTarget="b"/></Jobs></R>' >"$work/meant.xml"
+expect_status 0 "$tool" conf check "$work/meant.xml"
+[ ! -s "$work/err" ] || fail "meant: $(cat "$work/err")"
+printf '<R><Menu><Topic Delay="-1"/><Entry Key="1"><Chainload/></Entry></Menu></R>' >"$work/forever.xml"
+expect_status 0 "$tool" conf check "$work/forever.xml"
+[ ! -s "$work/err" ] || fail "no time-out: $(cat "$work/err")"
+# The sample documents of the source tree: accepted, warnings only.
+for document in "$sources"/examples/*.xml "$sources"/tests/e2e/kernel/*.xml; do
+    expect_status 0 "$tool" conf check "$document"
+    ! grep -v '^warning: ' "$work/err" || fail "$document: not a warning"
+done
 
 # Usage and input/output errors.
 expect_status 0 "$tool" --help

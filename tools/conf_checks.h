@@ -1,0 +1,33 @@
+#pragma once
+// The checks of `morvane conf check` behind the readers: the loader's own
+// rules, run over the tree as the loader builds its jobs and actions, and
+// warnings about what the loader accepts but a person rarely means.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "files/xml_element.h"
+#include "loader/configuration_file.h"
+
+namespace MorvaneTool {
+
+// A refusal of the loader's rules: its code and tag, and the innermost
+// element whose building failed.
+struct conf_refusal {
+    std::uint32_t code = 0;
+    std::uint64_t tag = 0;
+    const xml_element* element = nullptr;
+};
+
+// Builds every job and the main action of the document (which holds a
+// root) with the loader's own factory, files left closed. Empty when the
+// loader would accept the tree.
+std::vector<conf_refusal> CheckRules(const EfiLoader::ConfigurationFile& document);
+
+// One line each, without the "warning:" mark, led by the element's place.
+std::vector<std::string> CheckWarnings(const xml_element& root);
+
+// "LINE:COLUMN: <Name>", or "<Name>" for an element of the binary form.
+std::string ElementPlace(const xml_element& element);
+
+}  // namespace MorvaneTool
