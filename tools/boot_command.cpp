@@ -29,7 +29,8 @@ namespace {
 
 const char kUsage[] =
     "Usage: morvane boot --esp DIR [--disk IMAGE]... [--keys KEYS] [--image PATH]\n"
-    "                    [--vars FILE] [--no-display] [-- LOAD OPTIONS...]\n"
+    "                    [--vars FILE [--vars-out FILE]] [--no-display]\n"
+    "                    [-- LOAD OPTIONS...]\n"
     "\n"
     "Runs the loader on a simulated machine whose EFI system partition is the\n"
     "folder DIR, prints the console as the firmware shows it, then how the run\n"
@@ -39,8 +40,9 @@ const char kUsage[] =
     "  --image PATH   the loader's path on it (default \\EFI\\BOOT\\BOOTX64.EFI);\n"
     "                 the configuration document is looked for beside it\n"
     "  --vars FILE    an OVMF variable file (a copy of a machine's NVRAM): the\n"
-    "                 loader sees its boot entries, and what it changes is\n"
-    "                 written back to FILE\n"
+    "                 loader sees its boot entries; FILE is left as it was\n"
+    "  --vars-out FILE  where the variables go after the run, with what the\n"
+    "                 loader changed (it may be the --vars file itself)\n"
     "  --no-display   a machine without graphics output (the simulated one\n"
     "                 otherwise has a 1024x768 display)\n"
     "  --disk IMAGE   a disk image file attached as a hard disk, read-only; each\n"
@@ -351,6 +353,7 @@ int RunBootCommand(int argc, char** argv) {
     std::string keys;
     std::string image = "\\EFI\\BOOT\\BOOTX64.EFI";
     std::string vars;
+    std::string vars_out;
     std::vector<std::string> disks;
     bool display = true;
     std::vector<std::string> options;
@@ -375,6 +378,8 @@ int RunBootCommand(int argc, char** argv) {
             image = argv[++i];
         } else if (argument == "--vars" && has_value) {
             vars = argv[++i];
+        } else if (argument == "--vars-out" && has_value) {
+            vars_out = argv[++i];
         } else if (argument == "--no-display") {
             display = false;
         } else {
@@ -382,6 +387,7 @@ int RunBootCommand(int argc, char** argv) {
         }
     }
     if (esp.empty()) return UsageProblem("boot", "--esp DIR is needed", kUsage);
+    if (!vars_out.empty() && vars.empty()) return UsageProblem("boot", "--vars-out needs --vars", kUsage);
     std::string problem;
     if (!CanUseHostFiles(esp, vars, disks, problem)) {
         std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
@@ -404,8 +410,10 @@ int RunBootCommand(int argc, char** argv) {
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);
     PrintConsole(firmware.ConsoleUtf8());
     const int ending = PrintEnding(firmware, status, disks);
-    if (!vars.empty() && !firmware.Variables().SaveFile(vars, problem)) {
-        std::fprintf(stderr, "morvane boot: %s: %s\n", vars.c_str(), problem.c_str());
+    // The user's variable file is a copy of a machine's NVRAM: a trial run
+    // leaves it alone unless told where its outcome goes.
+    if (!vars_out.empty() && !firmware.Variables().SaveFile(vars_out, problem)) {
+        std::fprintf(stderr, "morvane boot: %s: %s\n", vars_out.c_str(), problem.c_str());
         return kExitUsageOrIo;
     }
     return ending;

@@ -116,6 +116,24 @@ grep -qi "gpt.img:2  $gpt_guid\$" "$work/out" || fail "unmounted, partition 2 wa
 "$tool" boot --esp "$work/esp" --disk "$work/missing.img" > "$work/out" 2>&1
 [ $? -eq 2 ] || fail "a missing disk image must exit with 2"
 
+# A variable file is a copy of a machine's NVRAM: the run reads it and
+# leaves it alone; --vars-out takes what the run leaves.
+ovmf_vars=/usr/share/OVMF/OVMF_VARS_4M.fd
+if [ -f "$ovmf_vars" ]; then
+    cp "$ovmf_vars" "$work/vars.fd"
+    # How the run ends doesn't matter here, only what it did to the files.
+    "$tool" boot --esp "$work/esp" --vars "$work/vars.fd" > "$work/out" 2>&1
+    [ $? -ne 2 ] || fail "boot with --vars: $(cat "$work/out")"
+    cmp -s "$ovmf_vars" "$work/vars.fd" || fail "boot --vars changed the variable file"
+    "$tool" boot --esp "$work/esp" --vars "$work/vars.fd" --vars-out "$work/after.fd" > "$work/out" 2>&1
+    [ $? -ne 2 ] || fail "boot with --vars-out: $(cat "$work/out")"
+    "$tool" vars "$work/after.fd" > "$work/after.txt" 2>&1 || fail "the --vars-out file is no variable file"
+    "$tool" vars "$work/vars.fd" > "$work/before.txt" 2>&1
+    cmp -s "$work/before.txt" "$work/after.txt" || fail "--vars-out: the entries changed: $(cat "$work/after.txt")"
+fi
+"$tool" boot --esp "$work/esp" --vars-out "$work/x.fd" > "$work/out" 2>&1
+[ $? -eq 2 ] || fail "--vars-out without --vars must exit with 2"
+
 # Usage errors exit with 2.
 "$tool" boot --esp "$work/esp" --keys '{Nope}' > "$work/out" 2>&1
 [ $? -eq 2 ] || fail "an unknown key name must exit with 2"
