@@ -14,21 +14,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export TZ=UTC LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1
 failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-# expect STATUS DESCRIPTION COMMAND...: runs the command, keeps its output
-# in $work/out and $work/err, and checks the exit status.
-expect() {
-    want=$1
-    what=$2
-    shift 2
-    "$@" > "$work/out" 2> "$work/err"
-    got=$?
-    [ "$got" -eq "$want" ] || fail "$what: status $got, expected $want ($(head -3 "$work/err"))"
-}
-out_has() { grep -qF -- "$2" "$work/out" || fail "$1: no '$2' in: $(head -5 "$work/out")"; }
-err_has() { grep -qF -- "$2" "$work/err" || fail "$1: no '$2' on stderr: $(head -3 "$work/err")"; }
-out_is() { [ "$(cat "$work/out")" = "$2" ] || fail "$1: printed '$(head -5 "$work/out")', expected '$2'"; }
+. "$(dirname "$0")/test_lib.sh"
 
 fsck_clean() {
     report=$(fsck.fat -n "$1" 2>&1) && [ "$(printf '%s\n' "$report" | wc -l)" -le 2 ] || fail "$2: fsck.fat: $report"

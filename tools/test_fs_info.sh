@@ -12,17 +12,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export LC_ALL=C.UTF-8
 failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-
-expect() {
-    want=$1
-    what=$2
-    shift 2
-    "$@" > "$work/out" 2> "$work/err"
-    got=$?
-    [ "$got" -eq "$want" ] || fail "$what: status $got, expected $want ($(head -3 "$work/err"))"
-}
-err_has() { grep -qF -- "$2" "$work/err" || fail "$1: no '$2' on stderr: $(head -3 "$work/err")"; }
+. "$(dirname "$0")/test_lib.sh"
 # value KEY [FILE]: the text behind "KEY:" and its padding.
 value() { sed -n "s/^$1: *//p" "${2:-$work/out}"; }
 # same WHAT GOT EXPECTED; an expectation that came out empty is a failure
