@@ -21,20 +21,63 @@ conf_refusal Refusal(const Common::Error& error, const xml_element& element) {
     return conf_refusal{error.Code(), error.Tag(), &element};
 }
 
-// A menu refuses when any entry's action does; the refusal is reported at
-// the innermost action that fails by itself, so that it names the element
-// to mend rather than the menu around it.
+void CheckAction(const xml_element& element, std::vector<conf_refusal>& refusals);
+
+// A copy of the entry's own attributes, its action (or actions) stood in
+// for by accepted ones: what the menu's rules see of the entry alone.
+std::unique_ptr<xml_element> EntryStandIn(const xml_element& entry) {
+    auto copy = xml_element::create(entry.name);
+    copy->attributes = entry.attributes;
+    for (std::size_t i = 0; i < entry.children.size(); ++i) copy->append_child(xml_element::create("Chainload"));
+    return copy;
+}
+
+// A menu of the accepted entries and one more, without the Topic: its
+// building fails only for a fault of that entry within the menu (no Key,
+// no single action, a key or Default that another entry has).
+Common::Error TryEntry(const std::vector<const xml_element*>& accepted, const xml_element& entry) {
+    auto probe = xml_element::create("Menu");
+    for (const xml_element* earlier : accepted) probe->append_child(EntryStandIn(*earlier));
+    probe->append_child(EntryStandIn(entry));
+    EfiLoader::ActionPointer action;
+    return EfiLoader::CreateAction(*probe, action);
+}
+
+// Every faulty entry of a menu the loader refuses, each at the entry or
+// at the innermost action in it that fails. When no entry is at fault, the
+// menu as a whole is: its Topic's Delay without a default entry.
+void CheckMenu(const xml_element& menu, const Common::Error& menu_error, std::vector<conf_refusal>& refusals) {
+    const std::size_t before = refusals.size();
+    std::vector<const xml_element*> accepted;
+    for (const auto& child : menu.children) {
+        if (child->name != "Entry") continue;
+        if (child->children.size() == 1) CheckAction(*child->children.front(), refusals);
+        // An entry whose action fails still holds its key and Default
+        // against the entries after it.
+        Common::Error error = TryEntry(accepted, *child);
+        if (error.Failed()) {
+            refusals.push_back(Refusal(error, *child));
+        } else {
+            accepted.push_back(child.get());
+        }
+    }
+    if (refusals.size() != before) return;
+    const xml_element* topic = menu.find_child("Topic");
+    const bool has_delay = topic != nullptr && topic->attributes.count("Delay") != 0;
+    refusals.push_back(Refusal(menu_error, has_delay ? *topic : menu));
+}
+
+// Reported at the innermost element that fails by itself, so that the
+// report names the element to mend rather than the menu around it.
 void CheckAction(const xml_element& element, std::vector<conf_refusal>& refusals) {
     EfiLoader::ActionPointer action;
     Common::Error error = EfiLoader::CreateAction(element, action);
     if (!error.Failed()) return;
-    const std::size_t before = refusals.size();
     if (element.name == "Menu") {
-        for (const auto& entry : element.children) {
-            if (entry->name == "Entry" && entry->children.size() == 1) CheckAction(*entry->children.front(), refusals);
-        }
+        CheckMenu(element, error, refusals);
+    } else {
+        refusals.push_back(Refusal(error, element));
     }
-    if (refusals.size() == before) refusals.push_back(Refusal(error, element));
 }
 
 }  // namespace

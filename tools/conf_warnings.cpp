@@ -159,10 +159,21 @@ void WarnGuid(const xml_element& gpt, std::vector<std::string>& warnings) {
     }
 }
 
+// Where the loader builds an action or a job from whatever element stands:
+// the root's first child, a child of the jobs list, an entry's only child.
+// An unknown name there is refused by the rules, which say so already.
+bool InActionSlot(const xml_element& element) {
+    const xml_element* parent = element.parent;
+    if (parent == nullptr) return false;
+    if (parent->parent == nullptr) return parent->children.front().get() == &element;
+    if (parent->name == "Jobs") return parent->parent->parent == nullptr && parent->parent->find_child("Jobs") == parent;
+    return parent->name == "Entry" && parent->children.size() == 1;
+}
+
 void WarnElement(const xml_element& element, std::vector<std::string>& warnings) {
     const known_element* known = FindKnown(element.name);
     if (known == nullptr) {
-        warnings.push_back(ElementPlace(element) + ": element unknown to the loader");
+        if (!InActionSlot(element)) warnings.push_back(ElementPlace(element) + ": element unknown to the loader");
         return;
     }
     for (const auto& attribute : element.attributes) {

@@ -82,6 +82,8 @@ printf 'ramdisk' >"$work/esp/r"
 refused() {
     name="$1"; place="$2"; printf '%b' "$3" >"$work/$name.xml"
     expect_status 1 "$tool" conf check "$work/$name.xml"
+    # A refusal names the element once: no warning repeats it.
+    [ ! -s "$work/err" ] || fail "$name: $(cat "$work/err")"
     grep -qx "$work/$name.xml:$place: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
         || fail "$name: $(cat "$work/out" "$work/err")"
     cp "$work/$name.xml" "$work/esp/EFI/BOOT/BOOTX64.xml"
@@ -90,21 +92,22 @@ refused() {
 }
 refused no_path '2:2: <LoadKernel>' '<R>\n <LoadKernel>\n  <Kernel/>\n  <Ramdisk Path="\\r"/>\n </LoadKernel>\n</R>\n'
 refused no_ramdisk '1:4: <LoadKernel>' '<R><LoadKernel><Kernel Path="\\k"/></LoadKernel></R>'
-refused no_key '1:4: <Menu>' '<R><Menu>\n<Entry Text="x"><Chainload/></Entry></Menu></R>'
+refused no_key '2:1: <Entry>' '<R><Menu>\n<Entry Text="x"><Chainload/></Entry></Menu></R>'
 refused bad_guid '1:4: <LoadKernel>' '<R><LoadKernel><Kernel Path="k"/><Ramdisk Path="r"/><GPT Guid="12-34"/></LoadKernel></R>'
-refused duplicate_key '1:4: <Menu>' '<R><Menu><Entry Key="F1"><Chainload/></Entry><Entry Key="f1"><Chainload/></Entry></Menu></R>'
-refused two_defaults '1:4: <Menu>' '<R><Menu><Entry Key="1" Default=""><Chainload/></Entry><Entry Key="2" Default=""><Chainload/></Entry></Menu></R>'
-refused delay_without_default '1:4: <Menu>' '<R><Menu><Topic Delay="5"/><Entry Key="1"><Chainload/></Entry></Menu></R>'
-refused two_actions '1:4: <Menu>' '<R><Menu><Entry Key="1"><Chainload/><Chainload/></Entry></Menu></R>'
+refused duplicate_key '1:46: <Entry>' '<R><Menu><Entry Key="F1"><Chainload/></Entry><Entry Key="f1"><Chainload/></Entry></Menu></R>'
+refused two_defaults '1:56: <Entry>' '<R><Menu><Entry Key="1" Default=""><Chainload/></Entry><Entry Key="2" Default=""><Chainload/></Entry></Menu></R>'
+refused delay_without_default '1:10: <Topic>' '<R><Menu><Topic Delay="5"/><Entry Key="1"><Chainload/></Entry></Menu></R>'
+refused two_actions '1:10: <Entry>' '<R><Menu><Entry Key="1"><Chainload/><Chainload/></Entry></Menu></R>'
 refused empty_loading '1:4: <Chainload>' '<R><Chainload><Loading Text=""/></Chainload></R>'
 refused empty_root '1:1: <R>' '<R>\n</R>'
 refused unknown_action '3:3: <Boot>' '<R>\n\n  <Boot/></R>'
 refused unknown_job '1:22: <Copy>' '<R><Chainload/><Jobs><Copy/></Jobs></R>'
 # Every refusal is reported, each at the innermost element that fails.
-printf '<R><Menu><Entry Key="1"><Menu>\n <Entry Key="2"><LoadKernel/></Entry></Menu></Entry></Menu>\n<Jobs><Rename><Loading/></Rename></Jobs></R>' >"$work/many.xml"
+printf '<R><Menu><Entry Key="1"><Menu>\n <Entry Key="2"><LoadKernel/></Entry></Menu></Entry>\n<Entry/><Entry Key="1"><Chainload/></Entry></Menu>\n<Jobs><Rename><Loading/></Rename></Jobs></R>' >"$work/many.xml"
 expect_status 1 "$tool" conf check "$work/many.xml"
-[ "$(grep -c 'refused with 21495817' "$work/out")" -eq 2 ] || fail "many: $(cat "$work/out")"
-grep -q "^$work/many.xml:3:7: <Rename>: " "$work/out" && grep -q "^$work/many.xml:2:17: <LoadKernel>: " "$work/out" \
+[ "$(grep -c 'refused with 21495817' "$work/out")" -eq 4 ] || fail "many: $(cat "$work/out")"
+grep -q "^$work/many.xml:4:7: <Rename>: " "$work/out" && grep -q "^$work/many.xml:2:17: <LoadKernel>: " "$work/out" \
+    && grep -q "^$work/many.xml:3:1: <Entry>: " "$work/out" && grep -q "^$work/many.xml:3:9: <Entry>: " "$work/out" \
     || fail "many: $(cat "$work/out")"
 # A kernel that is nowhere is no refusal of the rules: no volume is looked at.
 printf '<R><LoadKernel><Kernel Path="\\nowhere"/><Ramdisk Path="\\none"/></LoadKernel></R>' >"$work/files.xml"
@@ -112,7 +115,7 @@ expect_status 0 "$tool" conf check "$work/files.xml"
 # The binary form has no lines: the element alone.
 "$tool" conf convert --to bxml "$work/no_key.xml" "$work/no_key.bxml"
 expect_status 1 "$tool" conf check "$work/no_key.bxml"
-grep -qx "$work/no_key.bxml: <Menu>: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
+grep -qx "$work/no_key.bxml: <Entry>: refused with 21495817 BAD_CONFIGURATION (tag 0x[0-9a-f]*)" "$work/out" \
     || fail "binary place: $(cat "$work/out")"
 
 # Warnings: accepted (exit 0), on standard error, one line each.
