@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "extfs/ext_records.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 #include "tools/command.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr std::size_t kBootBytesPerSector = 11;
 constexpr std::size_t kBootSectorsPerCluster = 13;
 constexpr std::size_t kExtLogBlockSize = 1024 + 24;
+constexpr std::size_t kExtRoCompat = 1024 + 100;
 constexpr std::size_t kHfsAttributes = 1024 + 4;
 constexpr std::size_t kHfsBlockSize = 1024 + 40;
 constexpr std::uint32_t kLargestUnit = 1u << 21;
@@ -59,6 +61,20 @@ std::uint32_t AllocationUnit(const std::string& type, const std::vector<unsigned
     return PowerOfTwo(unit) && unit <= kLargestUnit ? unit : 0;
 }
 
+// The driver's type name counts a 12-bit table as FAT16; the width is the
+// one the cluster count gives, as the driver itself takes it at mount.
+std::string FatWidthName(const std::vector<unsigned char>& start) {
+    constexpr std::uint32_t kFat12Line = 0xFF6;
+    const std::uint32_t sector = Common::LoadLE16(&start[kBootBytesPerSector]);
+    const std::uint32_t per_cluster = start[kBootSectorsPerCluster];
+    const std::uint64_t total = Common::LoadLE16(&start[19]) != 0 ? Common::LoadLE16(&start[19]) : Common::LoadLE32(&start[32]);
+    const std::uint64_t root_sectors = sector == 0 ? 0 : (Common::LoadLE16(&start[17]) * 32u + sector - 1) / sector;
+    const std::uint64_t metadata =
+        Common::LoadLE16(&start[14]) + std::uint64_t(start[16]) * Common::LoadLE16(&start[22]) + root_sectors;
+    if (per_cluster == 0 || metadata >= total) return "FAT16";
+    return (total - metadata) / per_cluster < kFat12Line ? "FAT12" : "FAT16";
+}
+
 // What an HFS+ header tells of why a volume is not to be changed.
 std::string HfsReadOnlyReason(const std::vector<unsigned char>& start) {
     if (start.size() < kHfsAttributes + 4) return std::string();
@@ -67,6 +83,37 @@ std::string HfsReadOnlyReason(const std::vector<unsigned char>& start) {
     if ((attributes & kHfsUnmounted) == 0 && (attributes & kHfsInconsistent) != 0) {
         return "the volume was not unmounted cleanly";
     }
+    return std::string();
+}
+
+// The read-only compatible features of an ext superblock that the driver
+// reads past but never writes around, by the names mke2fs gives them.
+std::string ExtReadOnlyReason(const std::vector<unsigned char>& start) {
+    if (start.size() < kExtRoCompat + 4) return std::string();
+    const std::uint32_t unserved = Common::LoadLE32(&start[kExtRoCompat]) & ~extfs::kRoCompatServed;
+    static const struct {
+        std::uint32_t bit;
+        const char* name;
+    } kNames[] = {{0x4, "btree_dir"},     {0x100, "quota"},        {0x200, "bigalloc"},
+                  {0x400, "metadata_csum"}, {0x800, "replica"},      {0x1000, "read-only"},
+                  {0x2000, "project"},      {0x4000, "shared_blocks"}, {0x8000, "verity"},
+                  {0x10000, "orphan_present"}};
+    std::string names;
+    std::uint32_t named = 0;
+    for (const auto& feature : kNames) {
+        if ((unserved & feature.bit) == 0) continue;
+        names += (names.empty() ? "" : ", ") + std::string(feature.name);
+        named |= feature.bit;
+    }
+    char rest[32];
+    std::snprintf(rest, sizeof rest, "0x%x", static_cast<unsigned>(unserved & ~named));
+    if ((unserved & ~named) != 0) names += (names.empty() ? "" : ", ") + std::string(rest);
+    return names.empty() ? std::string() : "features it does not write: " + names;
+}
+
+std::string ReadOnlyReason(const std::string& type, const std::vector<unsigned char>& start) {
+    if (type == "HFS+") return HfsReadOnlyReason(start);
+    if (type.compare(0, 3, "Ext") == 0) return ExtReadOnlyReason(start);
     return std::string();
 }
 
@@ -79,7 +126,7 @@ std::string AccessText(rio_dir& root, const std::string& type, const std::vector
     probe->remove_dir(u"/");
     std::uint32_t code = probe->error().Code();
     if (code == Common::FILE_READ_ONLY) {
-        std::string reason = type == "HFS+" ? HfsReadOnlyReason(start) : std::string();
+        std::string reason = ReadOnlyReason(type, start);
         return "read-only: the driver holds the volume read only" + (reason.empty() ? "" : " (" + reason + ")");
     }
     if (code == Common::FILE_UNSUPPORTED) return "read-only: the driver has no write path for it";
@@ -109,6 +156,7 @@ int ShowVolumeInfo(const VolumeName& name, std::uint32_t sector_size, const std:
     }
     rio_dir& root = volume.Root();
     std::string type = VolumeTypeName(root);
+    if (type == "FAT16" && volume.Start().size() >= 512) type = FatWidthName(volume.Start());
     std::uint64_t total = 0, free = 0, available = 0;
     root.space(total, free, available);
     std::uint32_t unit = AllocationUnit(type, volume.Start());

@@ -264,8 +264,24 @@ check_refused_changes() {
     e2fsck -fn "$image" > "$work/fsck" 2>&1 || fail "e2fsck after refused changes: $(tail -5 "$work/fsck")"
 }
 
+# What `fs info` says against dumpe2fs; a volume held read only names the
+# features that hold it.
+check_volume_info() {
+    access=read-write
+    [ "$expect" = rw ] || access=read-only
+    free_blocks=$(sed -n 's/^Free blocks:[[:space:]]*//p' "$work/super")
+    # The driver counts a volume of 16 KiB blocks or more as ext4, whatever
+    # made it: only ext4 has such blocks.
+    type=Ext${mkfs#ext}
+    [ "$block" -lt 16384 ] || type=Ext4
+    check_info "$type" "$block" "$access" $((free_blocks * block))
+    [ "$case_name" != ext4-debian ] || grep -q "^access: .*metadata_csum" "$work/info" ||
+        fail "info: the read-only reason is not given: $(cat "$work/info")"
+}
+
 check_case() {
     check_shape
+    [ "$expect" = refuse ] || check_volume_info
     case $expect in
         rw) check_reading; check_huge_file; check_stat ;;
         ro) check_reading; check_huge_file; check_stat; check_refused_changes ;;

@@ -139,6 +139,7 @@ make_case_image() {
 
 check_case() {
     fsck_clean "making the image"
+    check_info "FAT$fat" "$cluster" read-write "$(mdir -i "$image" ::/ | sed -n 's/ bytes free//p' | tr -cd '0-9')"
     check_reading
     check_writing
     check_full_volume

@@ -307,12 +307,21 @@ check_changes() {
     fs cat /made/new.txt 2>/dev/null | cmp -s - "$work/new" || fail "the copied file reads otherwise after a remount"
 }
 
+# `fs info` against the row: the block size it claims, and whether the
+# volume takes changes.
+check_volume_info() {
+    access=read-write
+    [ "$changes" = writable ] || access=read-only
+    check_info "HFS+" "$(printf '%s\n' "$claims" | sed -n 's/.*block=\([0-9]*\).*/\1/p')" "$access" -
+}
+
 check_case() {
     check_shape
     if ! fs ls / > "$work/out" 2>&1; then
         fail "the volume is not mounted: $(head -3 "$work/out")"
         return
     fi
+    check_volume_info
     check_reading
     check_stat
     check_hidden

@@ -116,6 +116,18 @@ check_reading() {
     rm -rf "$ref" "$ours"
 }
 
+# check_info TYPE UNIT ACCESS FREE: `fs info` names the file system TYPE,
+# an allocation unit of UNIT bytes, an access that begins with ACCESS
+# (read-write, read-only) and FREE free bytes as the file system's own tool
+# counts them (- when it has none to ask).
+check_info() {
+    fs info > "$work/info" 2>&1 || { fail "info: $(cat "$work/info")"; return; }
+    grep -qx "file system: *$1" "$work/info" || fail "info: not $1: $(cat "$work/info")"
+    grep -Eqx "(cluster|block) size: *$2 bytes" "$work/info" || fail "info: not $2-byte units: $(cat "$work/info")"
+    grep -q "^access: *$3" "$work/info" || fail "info: access not $3: $(cat "$work/info")"
+    [ "$4" = - ] || grep -q "^free space: *$4 bytes" "$work/info" || fail "info: not $4 bytes free: $(cat "$work/info")"
+}
+
 # One change through `morvane fs`, which must be refused with $code.
 attempt() {
     if fs "$@" > "$work/out" 2>&1; then

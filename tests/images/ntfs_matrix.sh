@@ -258,6 +258,8 @@ check_case() {
     [ "$case_name" != gpt-partition ] || { check_gpt_partition; return; }
     ntfsfix_clean "making the image"
     check_shape
+    check_info NTFS "$cluster" read-write \
+        $(($(ntfsinfo -m "$image" 2>/dev/null | sed -n 's/^[[:space:]]*Free Clusters: \([0-9]*\).*/\1/p') * cluster))
     check_reading
     check_huge_file
     check_stat
