@@ -146,6 +146,12 @@ std::string SpaceText(std::uint64_t bytes) {
 
 }  // namespace
 
+std::string VolumeKindName(MountedVolume& volume) {
+    std::string type = VolumeTypeName(volume.Root());
+    if (type == "FAT16" && volume.Start().size() >= 512) type = FatWidthName(volume.Start());
+    return type;
+}
+
 int ShowVolumeInfo(const VolumeName& name, std::uint32_t sector_size, const std::string& shown) {
     MountedVolume volume;
     std::string problem;
@@ -155,8 +161,7 @@ int ShowVolumeInfo(const VolumeName& name, std::uint32_t sector_size, const std:
         return refused ? kExitRefused : kExitUsageOrIo;
     }
     rio_dir& root = volume.Root();
-    std::string type = VolumeTypeName(root);
-    if (type == "FAT16" && volume.Start().size() >= 512) type = FatWidthName(volume.Start());
+    std::string type = VolumeKindName(volume);
     std::uint64_t total = 0, free = 0, available = 0;
     root.space(total, free, available);
     std::uint32_t unit = AllocationUnit(type, volume.Start());

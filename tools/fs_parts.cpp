@@ -114,7 +114,7 @@ std::string MountingDriver(const std::string& image, std::uint32_t number, std::
     std::string problem;
     bool refused = false;
     if (!volume.Mount(name, sector_size, false, problem, refused)) return "-";
-    std::string type = VolumeTypeName(volume.Root());
+    std::string type = VolumeKindName(volume);
     return type.empty() ? "-" : type;
 }
 
@@ -137,7 +137,7 @@ int ReportNoGpt(const VolumeName& name, std::uint32_t sector_size, const std::st
     std::string problem;
     bool refused = false;
     std::string whole;
-    if (volume.Mount(name, sector_size, false, problem, refused)) whole = VolumeTypeName(volume.Root());
+    if (volume.Mount(name, sector_size, false, problem, refused)) whole = VolumeKindName(volume);
     std::fprintf(stderr, "morvane fs: %s: the image has no GPT", shown.c_str());
     if (!whole.empty()) std::fprintf(stderr, "; it is a single %s volume", whole.c_str());
     std::fputs("\n", stderr);

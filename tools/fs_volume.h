@@ -81,6 +81,10 @@ private:
 // The image's GPT entries, each with the driver that mounts its partition.
 int ShowPartitions(const VolumeName& name, std::uint32_t sector_size, const std::string& shown);
 // The file system, label, allocation unit, space and access of one volume.
+// The file system as a person names it: the driver's type name, with a
+// 12-bit FAT told apart from FAT16. Empty when the driver names none.
+std::string VolumeKindName(MountedVolume& volume);
+
 int ShowVolumeInfo(const VolumeName& name, std::uint32_t sector_size, const std::string& shown);
 
 // "N bytes" below 1 KiB, else one decimal in the largest binary unit that
