@@ -15,7 +15,7 @@ struct subcommand {
 const subcommand kSubcommands[] = {
     {"conf", "check, show and convert configuration documents", MorvaneTool::RunConfCommand},
     {"boot", "run the whole loader on a simulated machine", MorvaneTool::RunBootCommand},
-    {"vars", "list the boot entries of an OVMF variable file", MorvaneTool::RunVarsCommand},
+    {"vars", "list and change the boot entries of an OVMF variable file", MorvaneTool::RunVarsCommand},
     {"fs", "list, read and change a disk image's volume with the loader's drivers", MorvaneTool::RunFsCommand},
     {"explain", "tell what a code of the loader's report means", MorvaneTool::RunExplainCommand},
 };

@@ -1,282 +1,314 @@
-// morvane vars: lists the boot manager's variables of an OVMF variable file
-// (a copy of a machine's NVRAM) the way `efibootmgr -v` lists a running
-// machine's: BootNext, BootCurrent, Timeout, BootOrder, then every Boot####
-// with its description, device path and optional data. The load options
-// are read by the system's own parser, so an entry the loader would refuse
-// shows as damaged here too.
+// morvane vars: lists and changes the boot entries of an OVMF variable
+// file, as an integrator prepares a virtual machine's NVRAM. The file is
+// read into the simulator's variable store; a change is written to a new
+// file beside it, which then takes its place, so a failed change leaves
+// the file as it was.
 #include "tools/vars_command.h"
 
 #include <efi.h>
 
-#include <algorithm>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
-#include <cstdarg>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "firmware/byte_cursor.h"
-#include "firmware/load_option.h"
-#include "loader/common/byte_order.h"
-#include "loader/common/error.h"
+#include "firmware/firmware_access.h"
 #include "platform/clib/clib.h"
-#include "platform/host/variable_store.h"
+#include "platform/host/simulator.h"
 #include "tools/command.h"
 
 namespace MorvaneTool {
 namespace {
 
 const char kUsage[] =
-    "Usage: morvane vars FILE\n"
+    "Usage: morvane vars FILE [list]\n"
+    "       morvane vars FILE add --disk IMAGE[:N|:GUID] --path PATH --description TEXT\n"
+    "                             [--data TEXT] [--first]\n"
+    "       morvane vars FILE delete NUMBER\n"
+    "       morvane vars FILE order NUMBER[,NUMBER]...\n"
+    "       morvane vars FILE next NUMBER|--clear\n"
+    "       morvane vars FILE once NUMBER\n"
     "\n"
-    "Lists the boot entries held in FILE, an OVMF variable file such as a copy\n"
-    "of OVMF_VARS_4M.fd that a virtual machine has used: BootNext, BootCurrent,\n"
-    "Timeout and BootOrder when present, then each Boot#### variable as\n"
+    "Lists or changes the boot entries held in FILE, an OVMF variable file such\n"
+    "as a copy of OVMF_VARS_4M.fd that a virtual machine uses as its NVRAM.\n"
+    "Changes are made by the loader's own boot entry code; one that fails\n"
+    "leaves FILE as it was.\n"
     "\n"
-    "  Boot0003* Description<TAB>device path[ data:HEX [\"TEXT\"]]\n"
+    "  list    (the default) BootNext, BootCurrent, Timeout and BootOrder when\n"
+    "          present, then each Boot#### variable as\n"
     "\n"
-    "where '*' marks an active entry and data are the entry's optional data.\n"
-    "Exit status: 0 listed, 1 not a variable file we know, 2 usage or I/O error.\n";
+    "            Boot0003* Description<TAB>device path[ data:HEX [u]\"TEXT\"]\n"
+    "\n"
+    "          where '*' marks an active entry and data are the entry's\n"
+    "          optional data, with the text they hold (u\"...\" for UCS-2 text)\n"
+    "  add     a new active entry for the file PATH (\\ or / between names) on\n"
+    "          a GPT partition of the disk image IMAGE: partition N, the one\n"
+    "          with that unique GUID, or else the image's EFI system partition.\n"
+    "          It takes the lowest free number from 0000 on and goes last in\n"
+    "          BootOrder, with --first first. --data TEXT: optional data that\n"
+    "          the loader gets as its load options, UCS-2 text as a firmware\n"
+    "          shell passes a command line (the first word plays the program\n"
+    "          name). Prints the new entry's name.\n"
+    "  delete  takes the entry out of BootOrder, then deletes its Boot####\n"
+    "  order   makes BootOrder these entries, each of which must exist\n"
+    "  next    sets BootNext, the entry the firmware starts once, at its next\n"
+    "          start, before BootOrder; --clear deletes BootNext\n"
+    "  once    makes the entry the loader's one-shot entry: tagged in its\n"
+    "          optional data and first in BootOrder. The loader deletes it at\n"
+    "          its next start; the one-shot entry marked before is deleted now.\n"
+    "\n"
+    "NUMBER is an entry's number as listed, in hexadecimal: 3, 0003 or Boot0003.\n"
+    "Exit status: 0 listed or changed, 1 refused (not a variable file we know,\n"
+    "no such entry or partition), 2 usage or I/O error.\n";
 
-const EFI_GUID kGlobalVariable = EFI_GLOBAL_VARIABLE;
+enum class VarsAction { List, Add, Delete, Order, Next, ClearNext, Once };
 
-using Bytes = std::vector<std::uint8_t>;
+struct VarsRequest {
+    VarsAction action = VarsAction::List;
+    std::string file;
+    NewBootEntry entry;
+    std::vector<std::uint16_t> numbers;
+};
 
-std::string Format(const char* format, ...) {
-    char buffer[256];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(buffer, sizeof(buffer), format, arguments);
-    va_end(arguments);
-    return buffer;
+using Arguments = std::vector<std::string>;
+
+bool TakesValue(const std::string& option) {
+    return option == "--disk" || option == "--path" || option == "--description" || option == "--data";
 }
 
-std::string GuidText(const std::uint8_t* bytes) {
-    return Format("%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", static_cast<unsigned>(Common::LoadLE32(bytes)),
-                  static_cast<unsigned>(Common::LoadLE16(bytes + 4)), static_cast<unsigned>(Common::LoadLE16(bytes + 6)), bytes[8],
-                  bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
+// --help anywhere but where an option's value stands.
+bool AsksHelp(const Arguments& arguments) {
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        if (arguments[i] == "--help" || arguments[i] == "-h") return true;
+        if (TakesValue(arguments[i])) ++i;
+    }
+    return false;
 }
 
-std::string Hex(const std::uint8_t* bytes, std::size_t size) {
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) text += Format("%02x", bytes[i]);
-    return text;
+bool ParseNumber(std::string text, std::uint16_t& number, std::string& problem) {
+    problem = "'" + text + "' is no entry number: give its hexadecimal digits, as in 0003 or Boot0003";
+    if (text.size() > 4 && (text.compare(0, 4, "Boot") == 0 || text.compare(0, 4, "boot") == 0)) text.erase(0, 4);
+    if (text.empty() || text.size() > 4 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return false;
+    }
+    number = static_cast<std::uint16_t>(std::strtoul(text.c_str(), nullptr, 16));
+    return true;
 }
 
-std::string Utf8(const std::u16string& text) { return Clib::ToMultibyte(text.data(), text.size()); }
-
-// The text form of one node as the UEFI standard writes it, for the
-// kinds a boot entry usually holds; any other kind in its generic form.
-std::string NodeText(const std::uint8_t* node, std::size_t length) {
-    const std::uint8_t type = node[0], subtype = node[1];
-    const std::uint8_t* data = node + 4;
-    const std::size_t size = length - 4;
-    auto has = [size](std::size_t needed) { return size >= needed; };
-    if (type == 1 && subtype == 1 && has(2)) return Format("Pci(0x%X,0x%X)", data[1], data[0]);
-    if (type == 1 && subtype == 5 && has(4)) return Format("Ctrl(0x%X)", static_cast<unsigned>(Common::LoadLE32(data)));
-    if (type == 1 && subtype == 4 && has(16)) return "VenHw(" + GuidText(data) + ")";
-    if (type == 2 && subtype == 1 && has(8)) {
-        const auto hid = static_cast<std::uint32_t>(Common::LoadLE32(data));
-        const auto uid = static_cast<unsigned>(Common::LoadLE32(data + 4));
-        if ((hid & 0xFFFF) == 0x41D0) {
-            switch (hid >> 16) {
-                case 0x0A03: return Format("PciRoot(0x%X)", uid);
-                case 0x0A08: return Format("PcieRoot(0x%X)", uid);
-                case 0x0604: return Format("Floppy(0x%X)", uid);
-                default: return Format("Acpi(PNP%04X,0x%X)", hid >> 16, uid);
+// "0003,0001" or "0003 0001", each number once.
+bool ParseOrder(const Arguments& words, std::vector<std::uint16_t>& numbers, std::string& problem) {
+    std::string joined;
+    for (const std::string& word : words) joined += (joined.empty() ? "" : ",") + word;
+    if (joined.empty()) {
+        problem = "order needs the entry numbers, as in 0003,0001";
+        return false;
+    }
+    for (std::size_t start = 0; start <= joined.size();) {
+        std::size_t comma = joined.find(',', start);
+        if (comma == std::string::npos) comma = joined.size();
+        std::uint16_t number = 0;
+        if (!ParseNumber(joined.substr(start, comma - start), number, problem)) return false;
+        for (std::uint16_t earlier : numbers) {
+            if (earlier == number) {
+                problem = "order names " + joined.substr(start, comma - start) + " twice";
+                return false;
             }
         }
-        return Format("Acpi(0x%08X,0x%X)", hid, uid);
-    }
-    if (type == 3 && subtype == 1 && has(4)) {
-        return Format("Ata(%s,%s,0x%X)", data[0] ? "Secondary" : "Primary", data[1] ? "Slave" : "Master",
-                      static_cast<unsigned>(Common::LoadLE16(data + 2)));
-    }
-    if (type == 3 && subtype == 2 && has(4)) {
-        return Format("Scsi(0x%X,0x%X)", static_cast<unsigned>(Common::LoadLE16(data)), static_cast<unsigned>(Common::LoadLE16(data + 2)));
-    }
-    if (type == 3 && subtype == 5 && has(2)) return Format("USB(0x%X,0x%X)", data[0], data[1]);
-    if (type == 3 && subtype == 11 && has(33)) return "MAC(" + Hex(data, 6) + Format(",0x%X)", data[32]);
-    if (type == 3 && subtype == 18 && has(6)) {
-        return Format("Sata(0x%X,0x%X,0x%X)", static_cast<unsigned>(Common::LoadLE16(data)),
-                      static_cast<unsigned>(Common::LoadLE16(data + 2)), static_cast<unsigned>(Common::LoadLE16(data + 4)));
-    }
-    if (type == 3 && subtype == 23 && has(12)) {
-        std::string eui;
-        for (int i = 0; i < 8; ++i) eui += Format(i == 0 ? "%02X" : "-%02X", data[4 + i]);
-        return Format("NVMe(0x%X,", static_cast<unsigned>(Common::LoadLE32(data))) + eui + ")";
-    }
-    if (type == 4 && subtype == 1 && has(38)) {
-        const unsigned number = static_cast<unsigned>(Common::LoadLE32(data));
-        const unsigned long long start = Common::LoadLE64(data + 4), blocks = Common::LoadLE64(data + 12);
-        const std::uint8_t signature_type = data[37];
-        std::string signature;
-        if (signature_type == 1) {
-            signature = Format("MBR,0x%08X", static_cast<unsigned>(Common::LoadLE32(data + 20)));
-        } else if (signature_type == 2) {
-            signature = "GPT," + GuidText(data + 20);
-        } else {
-            signature = Format("%u,0", signature_type);
-        }
-        return Format("HD(%u,", number) + signature + Format(",0x%llX,0x%llX)", start, blocks);
-    }
-    if (type == 4 && subtype == 2 && has(20)) {
-        return Format("CDROM(0x%X,0x%llX,0x%llX)", static_cast<unsigned>(Common::LoadLE32(data)),
-                      static_cast<unsigned long long>(Common::LoadLE64(data + 4)),
-                      static_cast<unsigned long long>(Common::LoadLE64(data + 12)));
-    }
-    if (type == 4 && subtype == 3 && has(16)) return "VenMedia(" + GuidText(data) + ")";
-    if (type == 4 && subtype == 4) {
-        std::u16string path;
-        for (std::size_t i = 0; i + 1 < size; i += 2) {
-            auto c = static_cast<char16_t>(Common::LoadLE16(data + i));
-            if (c == 0) break;
-            path.push_back(c);
-        }
-        return Utf8(path);
-    }
-    if (type == 4 && subtype == 6 && has(16)) return "FvFile(" + GuidText(data) + ")";
-    if (type == 4 && subtype == 7 && has(16)) return "Fv(" + GuidText(data) + ")";
-    if (type == 4 && subtype == 8 && has(16)) {
-        return Format("Offset(0x%llX,0x%llX)", static_cast<unsigned long long>(Common::LoadLE64(data)),
-                      static_cast<unsigned long long>(Common::LoadLE64(data + 8)));
-    }
-    return Format("Path(%u,%u,", type, subtype) + Hex(data, size) + ")";
-}
-
-// The device path list as text: nodes joined by '/', instances by ','.
-std::string PathText(const std::uint8_t* list, std::size_t size) {
-    std::string text;
-    bool node_before = false;
-    for (std::size_t at = 0; at < size;) {
-        if (size - at < 4) return text + "<cut>";
-        const std::size_t length = static_cast<std::size_t>(Common::LoadLE16(list + at + 2));
-        if (length < 4 || length > size - at) return text + "<bad node length>";
-        if (list[at] == 0x7F) {
-            if (list[at + 1] == 0xFF) break;
-            text += ',';
-            node_before = false;
-        } else {
-            if (node_before) text += '/';
-            text += NodeText(list + at, length);
-            node_before = true;
-        }
-        at += length;
-    }
-    return text;
-}
-
-bool Printable(const Bytes& data) {
-    return !data.empty() && std::all_of(data.begin(), data.end(), [](std::uint8_t c) { return c >= 0x20 && c < 0x7F; });
-}
-
-std::string EntryLine(std::uint16_t number, const Bytes& value) {
-    std::string line = Format("Boot%04X", number);
-    Uefi::ByteCursor cursor(value.data(), static_cast<std::int32_t>(std::min<std::size_t>(value.size(), 0x7FFFFFFF)));
-    Uefi::LoadOptionsImpl options;
-    Common::Error error = options.Parse(cursor);
-    if (error) {
-        std::u16string message = error.Message();
-        return line + "? <damaged load option: code " + Format("0x%X", error.Code()) +
-               (message.empty() ? "" : ", " + Utf8(message)) + ">";
-    }
-    std::u16string description;
-    static_cast<void>(options.GetDescription(description));
-    line += (options.Attributes() & Uefi::kLoadOptionActive) != 0 ? "* " : "  ";
-    line += Utf8(description);
-    // The list stands between the description and the optional data.
-    const std::size_t list_end = static_cast<std::size_t>(cursor.next - value.data());
-    const std::size_t list_start = 6 + 2 * (description.size() + 1);
-    line += '\t';
-    if (list_start <= list_end) line += PathText(value.data() + list_start, list_end - list_start);
-    const Bytes optional(cursor.next, cursor.next + cursor.left);
-    if (!optional.empty()) {
-        line += " data:" + Hex(optional.data(), optional.size());
-        if (Printable(optional)) line += " \"" + std::string(optional.begin(), optional.end()) + "\"";
-    }
-    return line;
-}
-
-bool BootNumber(const std::u16string& name, std::uint16_t& number) {
-    if (name.size() != 8 || name.compare(0, 4, u"Boot") != 0) return false;
-    number = 0;
-    for (std::size_t i = 4; i < 8; ++i) {
-        char16_t c = name[i];
-        int digit = c >= u'0' && c <= u'9' ? c - u'0' : c >= u'A' && c <= u'F' ? c - u'A' + 10 : -1;
-        if (digit < 0) return false;
-        number = static_cast<std::uint16_t>(number * 16 + digit);
+        numbers.push_back(number);
+        start = comma + 1;
     }
     return true;
 }
 
-void PrintNumberVariable(const HostFirmware::VariableStore& store, const char16_t* name, const char* label) {
-    const HostFirmware::StoredVariable* variable = store.Find(kGlobalVariable, name);
-    if (variable == nullptr) return;
-    if (variable->data.size() < 2) {
-        std::printf("%s: <%zu bytes>\n", label, variable->data.size());
-        return;
+std::u16string Wide(const std::string& text) { return Clib::FromMultibyte(text.data(), text.size()); }
+
+// The path as a file path node holds it: backslashes, one in front.
+std::u16string FilePath(const std::string& text) {
+    std::u16string path = Wide(text);
+    for (char16_t& c : path) {
+        if (c == u'/') c = u'\\';
     }
-    std::printf("%s: %04X\n", label, static_cast<unsigned>(Common::LoadLE16(variable->data.data())));
+    if (!path.empty() && path.front() != u'\\') path.insert(path.begin(), u'\\');
+    return path;
+}
+
+// UCS-2, little-endian, with its terminator.
+std::vector<std::uint8_t> LoadOptionText(const std::string& text) {
+    std::vector<std::uint8_t> bytes;
+    for (char16_t c : Wide(text) + u'\0') {
+        bytes.push_back(static_cast<std::uint8_t>(c & 0xFF));
+        bytes.push_back(static_cast<std::uint8_t>(c >> 8));
+    }
+    return bytes;
+}
+
+bool ParseAdd(const Arguments& words, NewBootEntry& entry, std::string& problem) {
+    std::string path;
+    bool described = false;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (TakesValue(word) && i + 1 < words.size()) {
+            const std::string& value = words[++i];
+            if (word == "--disk") entry.disk = value;
+            if (word == "--path") path = value;
+            if (word == "--description") entry.description = Wide(value);
+            described = described || word == "--description";
+            if (word == "--data") entry.data = LoadOptionText(value);
+        } else if (word == "--first") {
+            entry.first = true;
+        } else {
+            problem = TakesValue(word) ? word + " needs a value" : "add: unexpected argument '" + word + "'";
+            return false;
+        }
+    }
+    entry.path = FilePath(path);
+    problem = entry.disk.empty() ? "add needs --disk IMAGE[:N]"
+              : path.empty()     ? "add needs --path, the loader's file on the partition"
+              : !described       ? "add needs --description"
+                                 : "";
+    return problem.empty();
+}
+
+bool ParseOneNumber(const std::string& command, const Arguments& words, VarsRequest& request, std::string& problem) {
+    if (words.size() != 1) {
+        problem = command + " takes one entry number";
+        return false;
+    }
+    request.numbers.resize(1);
+    return ParseNumber(words[0], request.numbers[0], problem);
+}
+
+struct NumberedCommand {
+    const char* name;
+    VarsAction action;
+};
+const NumberedCommand kNumberedCommands[] = {
+    {"delete", VarsAction::Delete}, {"next", VarsAction::Next}, {"once", VarsAction::Once}};
+
+bool ParseCommand(const std::string& command, const Arguments& words, VarsRequest& request, std::string& problem) {
+    if (command == "add") {
+        request.action = VarsAction::Add;
+        return ParseAdd(words, request.entry, problem);
+    }
+    if (command == "order") {
+        request.action = VarsAction::Order;
+        return ParseOrder(words, request.numbers, problem);
+    }
+    if (command == "next" && words == Arguments{"--clear"}) {
+        request.action = VarsAction::ClearNext;
+        return true;
+    }
+    for (const NumberedCommand& numbered : kNumberedCommands) {
+        if (command != numbered.name) continue;
+        request.action = numbered.action;
+        return ParseOneNumber(command, words, request, problem);
+    }
+    if (command == "list" && words.empty()) return true;
+    problem = command == "list" ? "list takes nothing more" : "unknown command '" + command + "'";
+    return false;
+}
+
+bool ParseRequest(const Arguments& arguments, VarsRequest& request, std::string& problem) {
+    if (arguments.empty()) {
+        problem = "expected one variable file";
+        return false;
+    }
+    if (arguments[0].size() > 1 && arguments[0][0] == '-') {
+        problem = "unknown option '" + arguments[0] + "'";
+        return false;
+    }
+    request.file = arguments[0];
+    if (arguments.size() == 1) return true;
+    return ParseCommand(arguments[1], Arguments(arguments.begin() + 2, arguments.end()), request, problem);
+}
+
+VarsEdit RunEdit(const VarsRequest& request, const HostFirmware::VariableStore& store) {
+    const std::uint16_t number = request.numbers.empty() ? 0 : request.numbers[0];
+    switch (request.action) {
+        case VarsAction::Add: return AddBootEntry(store, request.entry);
+        case VarsAction::Delete: return DeleteBootEntry(store, number);
+        case VarsAction::Order: return SetBootOrder(store, request.numbers);
+        case VarsAction::Next: return SetBootNext(store, number);
+        case VarsAction::ClearNext: return ClearBootNext(store);
+        case VarsAction::Once: return MarkOneShot(store, number);
+        case VarsAction::List: break;
+    }
+    return VarsEdit{kExitUsageOrIo, false, "nothing to change"};
+}
+
+// A change lands whole or not at all: the new image goes to a file beside
+// FILE (beside the file a link points to), which then takes its name and
+// its permissions.
+bool ReplaceFile(const HostFirmware::VariableStore& store, const std::string& file, std::string& problem) {
+    char resolved[PATH_MAX];
+    const std::string target = realpath(file.c_str(), resolved) != nullptr ? resolved : file;
+    std::string temporary = target + ".XXXXXX";
+    int descriptor = mkstemp(&temporary[0]);
+    if (descriptor < 0) {
+        problem = "cannot make a file beside it: " + std::string(std::strerror(errno));
+        return false;
+    }
+    struct stat info {};
+    if (stat(target.c_str(), &info) == 0) static_cast<void>(fchmod(descriptor, info.st_mode & 07777));
+    close(descriptor);
+    if (!store.SaveFile(temporary, problem)) {
+        unlink(temporary.c_str());
+        return false;
+    }
+    if (std::rename(temporary.c_str(), target.c_str()) != 0) {
+        problem = "cannot replace it: " + std::string(std::strerror(errno));
+        unlink(temporary.c_str());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
 
 int RunVarsCommand(int argc, char** argv) {
-    std::vector<const char*> files;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-            std::fputs(kUsage, stdout);
-            return kExitOk;
-        }
-        if (argv[i][0] == '-' && argv[i][1] != 0) {
-            return UsageProblem("vars", std::string("unknown option '") + argv[i] + "'", kUsage);
-        }
-        files.push_back(argv[i]);
+    const Arguments arguments(argv + 1, argv + argc);
+    if (AsksHelp(arguments)) {
+        std::fputs(kUsage, stdout);
+        return kExitOk;
     }
-    if (files.size() != 1) return UsageProblem("vars", "expected one variable file", kUsage);
-    std::FILE* probe = std::fopen(files[0], "rb");
+    VarsRequest request;
+    std::string problem;
+    if (!ParseRequest(arguments, request, problem)) return UsageProblem("vars", problem, kUsage);
+    const char* file = request.file.c_str();
+    std::FILE* probe = std::fopen(file, "rb");
     if (probe == nullptr) {
-        std::fprintf(stderr, "morvane vars: cannot open '%s': %s\n", files[0], std::strerror(errno));
+        std::fprintf(stderr, "morvane vars: cannot open '%s': %s\n", file, std::strerror(errno));
         return kExitUsageOrIo;
     }
     std::fclose(probe);
 
-    HostFirmware::VariableStore store;
-    std::string problem;
-    if (!store.LoadFile(files[0], problem)) {
-        std::fprintf(stderr, "morvane vars: %s: %s\n", files[0], problem.c_str());
+    HostFirmware::Simulator firmware;
+    Uefi::InitializeFirmwareAccess(firmware.ImageHandle(), firmware.SystemTable());
+    HostFirmware::VariableStore& store = firmware.Variables();
+    if (!store.LoadFile(file, problem)) {
+        std::fprintf(stderr, "morvane vars: %s: %s\n", file, problem.c_str());
         return kExitRefused;
     }
-
-    PrintNumberVariable(store, u"BootNext", "BootNext");
-    PrintNumberVariable(store, u"BootCurrent", "BootCurrent");
-    if (const auto* timeout = store.Find(kGlobalVariable, u"Timeout")) {
-        if (timeout->data.size() >= 2) {
-            std::printf("Timeout: %u seconds\n", static_cast<unsigned>(Common::LoadLE16(timeout->data.data())));
-        }
+    if (request.action == VarsAction::List) {
+        PrintBootVariables(store);
+        return kExitOk;
     }
-    if (const auto* order = store.Find(kGlobalVariable, u"BootOrder")) {
-        std::string numbers;
-        for (std::size_t at = 0; at + 2 <= order->data.size(); at += 2) {
-            numbers += Format(at == 0 ? "%04X" : ",%04X", static_cast<unsigned>(Common::LoadLE16(order->data.data() + at)));
-        }
-        if (order->data.size() % 2 != 0) numbers += " <odd last byte>";
-        std::printf("BootOrder: %s\n", numbers.c_str());
+    const VarsEdit edit = RunEdit(request, store);
+    if (edit.status != kExitOk) {
+        std::fprintf(stderr, "morvane vars: %s\n", edit.message.c_str());
+        return edit.status;
     }
-
-    std::vector<std::pair<std::uint16_t, const HostFirmware::StoredVariable*>> entries;
-    for (const auto& variable : store.All()) {
-        std::uint16_t number = 0;
-        if (std::memcmp(&variable.vendor, &kGlobalVariable, sizeof(EFI_GUID)) == 0 && BootNumber(variable.name, number)) {
-            entries.emplace_back(number, &variable);
-        }
+    if (edit.changed && !ReplaceFile(store, request.file, problem)) {
+        std::fprintf(stderr, "morvane vars: %s: %s\n", file, problem.c_str());
+        return kExitUsageOrIo;
     }
-    std::sort(entries.begin(), entries.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    // A fresh variable file holds none; silence would read as a failure.
-    if (entries.empty()) std::printf("no boot entries\n");
-    for (const auto& entry : entries) std::printf("%s\n", EntryLine(entry.first, entry.second->data).c_str());
+    std::printf("%s\n", edit.message.c_str());
     return kExitOk;
 }
 
