@@ -5,6 +5,7 @@
 
 #include "firmware/efi_file.h"
 #include "launch/boot_linux.h"
+#include "loader/file_leads.h"
 #include "loader/mount_volume.h"
 #include "loader/partition_disk.h"
 #include "loader/common/error_codes.h"
@@ -88,20 +89,34 @@ Common::Error OpenLocation(LoadKernel& action, const FileLocation& location, boo
     if (location.OnOwnVolume()) {
         std::u16string path = location.path;
         std::replace(path.begin(), path.end(), u'/', u'\\');
-        file.reset(Uefi::OpenFile(path).release());
+        try {
+            file.reset(Uefi::OpenFile(path).release());
+        } catch (const Common::Error&) {
+            NoteRefusedFile(location.guid, path, FileLeadStep::file);
+            throw;
+        }
         return Common::Success;
     }
     if (!action.volume) {
         std::unique_ptr<Fdisk::SimpleDisk> disk;
         Common::Error error = FindPartitionDisk(location.guid, disk);
-        if (error.Failed()) return error;
+        if (error.Failed()) {
+            NoteRefusedFile(location.guid, location.path, FileLeadStep::partition);
+            return error;
+        }
         action.volume.reset(MountVolume(kDriverTable[0].factory, disk));
-        if (!action.volume) return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+        if (!action.volume) {
+            NoteRefusedFile(location.guid, location.path, FileLeadStep::volume);
+            return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+        }
     }
     const char16_t* leaf = location.path.c_str();
     std::unique_ptr<rio_dir> parent(action.volume->open_parent(leaf));
     if (parent) file.reset(parent->open_for_update(leaf, true));
-    if (!file || file->failed()) return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+    if (!file || file->failed()) {
+        NoteRefusedFile(location.guid, location.path, FileLeadStep::file);
+        return Common::Error(ERROR_TAG, Common::VOLUME_NOT_MOUNTED);
+    }
     return Common::Success;
 }
 

@@ -17,10 +17,12 @@
 #include "loader/common/error_codes.h"
 #include "platform/clib/clib.h"
 #include "platform/host/block_io_devices.h"
+#include "platform/host/file_leads.h"
 #include "platform/host/graphics_stand_ins.h"
 #include "platform/host/simulator.h"
 #include "tools/command.h"
 #include "tools/error_names.h"
+#include "tools/file_leads.h"
 
 extern "C" EFI_STATUS EFIAPI _ModuleEntryPoint(EFI_HANDLE image, EFI_SYSTEM_TABLE* system_table);
 
@@ -56,7 +58,9 @@ const char kUsage[] =
     "                 program name, as the firmware shell passes it)\n"
     "\n"
     "After an error report come the code's name and, for a file the loader\n"
-    "could not find, what it asked the ESP for and which partitions it read.\n"
+    "could not find, its path and the partition it was looked for on (the ESP,\n"
+    "or number and GUID on which image), what the ESP refused, and which\n"
+    "partitions the loader read.\n"
     "Exit status: 0 the kernel took over, or the loader returned without an\n"
     "error report (a Chainload entry, or a key that leaves the menu); 1 an error\n"
     "report, or waiting for a key that never comes; 2 usage or host I/O error.\n";
@@ -285,13 +289,6 @@ bool IsFileCode(std::uint32_t code) {
            code == Common::VOLUME_NOT_MOUNTED;
 }
 
-std::string GuidText(const std::uint8_t* b) {
-    char text[40];
-    std::snprintf(text, sizeof(text), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[3], b[2], b[1],
-                  b[0], b[5], b[4], b[7], b[6], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
-    return text;
-}
-
 // Each attached partition with its unique GUID, marked where the loader
 // read its sectors: the volume it was looking in.
 void PrintPartitions(HostFirmware::Simulator& firmware, const std::vector<std::string>& images) {
@@ -311,6 +308,9 @@ void PrintPartitions(HostFirmware::Simulator& firmware, const std::vector<std::s
 }
 
 void PrintFileLeads(HostFirmware::Simulator& firmware, const std::vector<std::string>& images, std::uint32_t code) {
+    if (const HostFirmware::RefusedFile* refused = HostFirmware::LastRefusedFile()) {
+        std::printf("the loader looked for %s\n", RefusedFileText(*refused, images).c_str());
+    }
     if (!esp_recorder.last_refused.empty()) {
         std::printf("last file the ESP refused: %s (firmware status 0x%llx)\n", esp_recorder.last_refused.c_str(),
                     static_cast<unsigned long long>(esp_recorder.last_status));
@@ -407,6 +407,7 @@ int RunBootCommand(int argc, char** argv) {
         std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
         return kExitUsageOrIo;
     }
+    HostFirmware::ForgetRefusedFile();
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);
     PrintConsole(firmware.ConsoleUtf8());
     const int ending = PrintEnding(firmware, status, disks);

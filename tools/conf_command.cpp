@@ -20,7 +20,7 @@ namespace MorvaneTool {
 namespace {
 
 const char kConfUsage[] =
-    "Usage: morvane conf check FILE\n"
+    "Usage: morvane conf check FILE [--esp DIR [--image PATH] [--disk IMAGE]...]\n"
     "       morvane conf show FILE\n"
     "       morvane conf convert --to xml|bxml IN OUT\n"
     "\n"
@@ -33,15 +33,21 @@ const char kConfUsage[] =
     "           code and tag and the element's line and column; warnings (exit\n"
     "           status 0, on standard error, each line led by 'warning:') for\n"
     "           unknown names, key names read as another key, a Delay that is\n"
-    "           not a number or wraps, a partition type GUID as a Guid\n"
+    "           not a number or wraps, a partition type GUID as a Guid;\n"
+    "           with --esp, the loader's kernel action also opens the kernel\n"
+    "           and ramdisk of every LoadKernel on the machine that 'morvane\n"
+    "           boot' would simulate with the same --esp, --image and --disk,\n"
+    "           and each file it cannot open is named with its path, the\n"
+    "           partition (the ESP, or number and GUID on which image) and\n"
+    "           the loader's code; jobs are not carried out\n"
     "  show     print the elements with their attributes, indented; texts are\n"
     "           shown quoted, except those made only of white space\n"
     "  convert  write the document in the text (xml) or binary (bxml) form;\n"
     "           reading the result gives the same tree\n"
     "\n"
     "FILE, IN and OUT may be '-' for standard input or output.\n"
-    "Exit status: 0 success, 1 document refused or not convertible,\n"
-    "2 usage or input/output error.\n";
+    "Exit status: 0 success, 1 document refused, a file missing, or not\n"
+    "convertible, 2 usage or input/output error.\n";
 
 void PrintConfUsage(std::FILE* out) { std::fputs(kConfUsage, out); }
 
@@ -275,7 +281,23 @@ std::string ShowTree(const xml_element& root) {
     return out;
 }
 
-int Check(const std::string& path) {
+// Each file that the kernel actions could not open, at the element naming
+// it; false when the machine could not be built (reported).
+bool PrintMissingFiles(const std::string& path, const xml_element& root, const conf_machine& machine,
+                       conf_files& files) {
+    std::string problem;
+    if (!CheckFiles(root, machine, files, problem)) {
+        std::fprintf(stderr, "morvane conf: %s\n", problem.c_str());
+        return false;
+    }
+    for (const conf_missing_file& file : files.missing) {
+        std::printf("%s%s%s: %s\n", DisplayName(path).c_str(), file.element->line == 0 ? ": " : ":",
+                    ElementPlace(*file.element).c_str(), file.lead.c_str());
+    }
+    return true;
+}
+
+int Check(const std::string& path, const conf_machine& machine) {
     loaded_document document;
     if (!LoadDocument(path, document)) return kExitUsageOrIo;
     if (!document.whole) {
@@ -290,20 +312,21 @@ int Check(const std::string& path) {
     EfiLoader::ConfigurationFile loaded;
     loaded.Adopt(std::move(document.root));
     std::vector<conf_refusal> refusals = CheckRules(loaded);
-    if (!refusals.empty()) {
-        for (const conf_refusal& refusal : refusals) {
-            std::printf("%s%s%s: refused with %s (tag 0x%016llx)\n", DisplayName(path).c_str(),
-                        refusal.element->line == 0 ? ": " : ":", ElementPlace(*refusal.element).c_str(), CodeText(refusal.code).c_str(),
-                        static_cast<unsigned long long>(refusal.tag));
-        }
-        return kExitRefused;
+    for (const conf_refusal& refusal : refusals) {
+        std::printf("%s%s%s: refused with %s (tag 0x%016llx)\n", DisplayName(path).c_str(),
+                    refusal.element->line == 0 ? ": " : ":", ElementPlace(*refusal.element).c_str(), CodeText(refusal.code).c_str(),
+                    static_cast<unsigned long long>(refusal.tag));
     }
+    conf_files files;
+    if (!machine.esp.empty() && !PrintMissingFiles(path, *loaded.Root(), machine, files)) return kExitUsageOrIo;
+    if (!refusals.empty() || !files.missing.empty()) return kExitRefused;
     std::string form = document.report.binary ? "binary document version " + Decimal(document.report.major_version) +
                                                     "." + Decimal(document.report.minor_version)
                                               : "text document";
     std::printf("ok: %s: %s, root <%s>, %s, %s, %s\n", DisplayName(path).c_str(), form.c_str(),
                 ShowName(loaded.Root()->name).c_str(), Count(counts.elements, "element").c_str(),
                 Count(counts.attributes, "attribute").c_str(), Count(counts.depth, "level").c_str());
+    if (!machine.esp.empty()) std::printf("files: %s opened, none missing\n", Count(files.opened, "file").c_str());
     return kExitOk;
 }
 
@@ -373,9 +396,19 @@ int RunConfCommand(int argc, char** argv) {
     const std::string action = argv[1];
     std::vector<std::string> operands;
     std::string form;
+    conf_machine machine;
+    bool machine_given = false;
     for (int i = 2; i < argc; ++i) {
         std::string argument = argv[i];
-        if (action == "convert" && argument == "--to") {
+        const bool machine_option = argument == "--esp" || argument == "--disk" || argument == "--image";
+        if (action == "check" && machine_option) {
+            if (i + 1 >= argc) return UsageError(argument + " needs a value");
+            std::string value = argv[++i];
+            if (argument == "--esp") machine.esp = value;
+            if (argument == "--image") machine.image = value;
+            if (argument == "--disk") machine.disks.push_back(value);
+            machine_given = true;
+        } else if (action == "convert" && argument == "--to") {
             if (i + 1 >= argc) return UsageError("--to needs a form: xml or bxml");
             form = argv[++i];
         } else if (action == "convert" && argument.compare(0, 5, "--to=") == 0) {
@@ -388,7 +421,8 @@ int RunConfCommand(int argc, char** argv) {
     }
     if (action == "check" || action == "show") {
         if (operands.size() != 1) return UsageError(("'" + action + "' takes one FILE").c_str());
-        return action == "check" ? Check(operands[0]) : Show(operands[0]);
+        if (machine_given && machine.esp.empty()) return UsageError("--disk and --image need --esp DIR");
+        return action == "check" ? Check(operands[0], machine) : Show(operands[0]);
     }
     if (action == "convert") {
         if (form.empty()) return UsageError("convert needs --to xml or --to bxml");

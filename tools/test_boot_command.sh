@@ -56,6 +56,7 @@ sed 's|Path="[^"]*vmlinuz"|Path="\\boot\\missing"|' "$examples/morvane.xml" > "$
 "$tool" boot --esp "$work/esp" > "$work/out" 2>&1
 [ $? -eq 1 ] || fail "a missing kernel must exit with 1"
 grep -q "^last file the ESP refused: .boot.missing " "$work/out" || fail "missing kernel path: $(cat "$work/out")"
+grep -qxF 'the loader looked for \boot\missing on the ESP: no file at this path' "$work/out" || fail "missing kernel lead: $(cat "$work/out")"
 cp "$examples/morvane.xml" "$work/esp/EFI/BOOT/BOOTX64.xml"
 
 # No keys and no time-out: the run ends waiting.
@@ -97,8 +98,18 @@ grep -q '^ended: the kernel took over' "$work/out" || fail "GPT boot: $(cat "$wo
 grep -q 'ramdisk           0x[0-9a-f]*, 26 bytes' "$work/out" || fail "GPT ramdisk: $(cat "$work/out")"
 grep -q "command line      \"reboot=k root=PARTUUID=$gpt_guid\"" "$work/out" || fail "GPT command line: $(cat "$work/out")"
 
+# A ramdisk that the FAT partition lacks: the loader's report says only
+# that the volume failed; the path and the partition follow it.
+gpt_document "$gpt_guid" | sed 's|initrd.img|none|' > "$work/esp/EFI/BOOT/BOOTX64.xml"
+"$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
+[ $? -eq 1 ] || fail "a missing ramdisk on a partition must exit with 1"
+grep -q "^Runtime exception '', code 21495816, tag " "$work/out" || fail "missing ramdisk, report: $(cat "$work/out")"
+grep -qixF "the loader looked for \\boot\\none on partition 2 ($gpt_guid) of $disk: no file at this path" "$work/out" ||
+    fail "missing ramdisk, lead: $(cat "$work/out")"
+
 # A GUID that no partition has, and a partition that no driver mounts: each
-# stops the loader with its report, and no kernel runs.
+# stops the loader with its report and the lead to the partition, and no
+# kernel runs.
 gpt_document 6A1F3E2D-9B4C-4D5E-8F70-112233445567 > "$work/esp/EFI/BOOT/BOOTX64.xml"
 "$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
 grep -q "^Runtime exception 'No se pudo encontrar\.', code 1101838, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
@@ -106,6 +117,8 @@ grep -q "^Runtime exception 'No se pudo encontrar\.', code 1101838, tag 0x[0-9a-
 grep -q "^reported: DISK_NOT_FOUND " "$work/out" || fail "wrong GUID, name: $(cat "$work/out")"
 grep -qi "gpt.img:2  $gpt_guid\$" "$work/out" || fail "wrong GUID, partitions: $(cat "$work/out")"
 grep -qi "gpt.img:1  $blank_guid\$" "$work/out" || fail "wrong GUID, partitions: $(cat "$work/out")"
+grep -qixF "the loader looked for /boot/vmlinuz on partition 6A1F3E2D-9B4C-4D5E-8F70-112233445567: no attached disk has this partition" \
+    "$work/out" || fail "wrong GUID, lead: $(cat "$work/out")"
 gpt_document "$blank_guid" > "$work/esp/EFI/BOOT/BOOTX64.xml"
 "$tool" boot --esp "$work/esp" --disk "$disk" > "$work/out" 2>&1
 grep -q "^Runtime exception '', code 21495816, tag 0x[0-9a-f]\{16\}$" "$work/out" ||
@@ -113,6 +126,8 @@ grep -q "^Runtime exception '', code 21495816, tag 0x[0-9a-f]\{16\}$" "$work/out
 grep -q "^reported: VOLUME_NOT_MOUNTED " "$work/out" || fail "unmounted partition, name: $(cat "$work/out")"
 grep -qi "gpt.img:1  $blank_guid  (read by the loader)" "$work/out" || fail "unmounted, partition read: $(cat "$work/out")"
 grep -qi "gpt.img:2  $gpt_guid\$" "$work/out" || fail "unmounted, partition 2 was not read: $(cat "$work/out")"
+grep -qixF "the loader looked for /boot/vmlinuz on partition 1 ($blank_guid) of $disk: no driver mounts this partition" "$work/out" ||
+    fail "unmounted, lead: $(cat "$work/out")"
 "$tool" boot --esp "$work/esp" --disk "$work/missing.img" > "$work/out" 2>&1
 [ $? -eq 2 ] || fail "a missing disk image must exit with 2"
 

@@ -154,6 +154,61 @@ for document in "$sources"/examples/*.xml "$sources"/tests/e2e/kernel/*.xml; do
     ! grep -v '^warning: ' "$work/err" || fail "$document: not a warning"
 done
 
+# With --esp, the files themselves, opened by the loader's kernel action on
+# the machine of `morvane boot`: the ESP folder, and a GPT disk of sgdisk
+# whose partition 1 is ext4 (mke2fs -d), 2 FAT (mkfs.fat and mtools) and 3
+# blank. Each file element sits on a line of its own, at column 1.
+g1=11111111-2222-4333-8444-555555555501; g2=11111111-2222-4333-8444-555555555502
+g3=11111111-2222-4333-8444-555555555503; gx=11111111-2222-4333-8444-5555555555FF
+disk="$work/gpt.img"
+truncate -s 12M "$disk"
+sgdisk -o -n 1:0:+4M -t 1:8300 -u 1:$g1 -n 2:0:+4M -t 2:0700 -u 2:$g2 -n 3:0:+1M -u 3:$g3 "$disk" >"$work/sgdisk" 2>&1 \
+    || fail "sgdisk: $(cat "$work/sgdisk")"
+sector() { sgdisk -i "$1" "$disk" | sed -n "s/^$2 sector: \([0-9]*\).*/\1/p"; }
+place() { dd if="$2" of="$disk" bs=512 seek="$(sector "$1" First)" conv=notrunc status=none; }
+mkdir -p "$work/ext/boot" "$work/esp/boot"
+for f in vmlinuz initrd; do printf '%s' "$f" >"$work/ext/boot/$f"; printf '%s' "$f" >"$work/esp/boot/$f"; done
+mkfs.ext4 -q -d "$work/ext" "$work/p1.img" 4M >/dev/null 2>&1 || fail "mkfs.ext4"
+mkfs.fat -C "$work/p2.img" 4096 >/dev/null || fail "mkfs.fat"
+mmd -i "$work/p2.img" ::/boot && mcopy -i "$work/p2.img" "$work/ext/boot/vmlinuz" "$work/ext/boot/initrd" ::/boot || fail "mtools"
+place 1 "$work/p1.img"; place 2 "$work/p2.img"
+# entry KEY KERNEL RAMDISK [GUID]: three lines, the kernel on the 2nd.
+entry() {
+    printf '<Entry Key="%s"><LoadKernel>\n<Kernel Path="%s"/>\n<Ramdisk Path="%s"/>' "$1" "$2" "$3"
+    [ -z "${4:-}" ] || printf '<GPT Guid="%s"/>' "$4"
+    printf '</LoadKernel></Entry>\n'
+}
+{ printf '<R><Menu>\n'; entry a '\boot\vmlinuz' '/boot/initrd'; entry b /boot/vmlinuz /boot/initrd $g1
+  printf '<Entry Key="n"><Menu>\n'; entry c '\boot\vmlinuz' /boot/initrd "$(echo $g2 | tr A-F a-f)"
+  printf '</Menu></Entry></Menu></R>\n'; } >"$work/present.xml"
+expect_status 0 "$tool" conf check "$work/present.xml" --esp "$work/esp" --disk "$disk"
+grep -q '^ok: ' "$work/out" && grep -qx 'files: 6 files opened, none missing' "$work/out" || fail "present: $(cat "$work/out")"
+{ printf '<R><Menu>\n'; entry a '\boot\missing' '\boot\initrd'; entry b /boot/vmlinuz /boot/none $g1
+  entry c '\boot\vmlinuz' '\boot\none' $g2; entry d /k /r $g3; entry e /k /r $gx; printf '</Menu></R>\n'; } >"$work/absent.xml"
+expect_status 1 "$tool" conf check "$work/absent.xml" --disk "$disk" --esp "$work/esp"
+on_part() { echo "on partition $1 ($2) of $disk"; }
+cat >"$work/absent.want" <<EOF
+$work/absent.xml:3:1: <Kernel>: \\boot\\missing on the ESP: no file at this path (code 262151 FILE_OPEN)
+$work/absent.xml:7:1: <Ramdisk>: /boot/none $(on_part 1 $g1): no file at this path (code 21495816 VOLUME_NOT_MOUNTED)
+$work/absent.xml:10:1: <Ramdisk>: \\boot\\none $(on_part 2 $g2): no file at this path (code 21495816 VOLUME_NOT_MOUNTED)
+$work/absent.xml:12:1: <Kernel>: /k $(on_part 3 $g3): no driver mounts this partition (code 21495816 VOLUME_NOT_MOUNTED)
+$work/absent.xml:13:1: <Ramdisk>: /r $(on_part 3 $g3): no driver mounts this partition (code 21495816 VOLUME_NOT_MOUNTED)
+$work/absent.xml:15:1: <Kernel>: /k on partition $gx: no attached disk has this partition (code 1101838 DISK_NOT_FOUND)
+$work/absent.xml:16:1: <Ramdisk>: /r on partition $gx: no attached disk has this partition (code 1101838 DISK_NOT_FOUND)
+EOF
+cmp -s "$work/out" "$work/absent.want" || fail "absent files: $(diff "$work/absent.want" "$work/out")"
+# The main action, beside a refusal of the rules; --image moves nothing.
+printf '<R><LoadKernel>\n<Kernel Path="/boot/vmlinuz"/>\n<Ramdisk Path="/boot/initrd.img"/><GPT Guid="%s"/></LoadKernel>\n<Jobs><Copy/></Jobs></R>' $g1 >"$work/main.xml"
+expect_status 1 "$tool" conf check "$work/main.xml" --esp "$work/esp" --image '\EFI\other\x.efi' --disk "$disk"
+grep -q '^.*main.xml:4:7: <Copy>: refused with 21495817' "$work/out" &&
+    grep -qx "$work/main.xml:3:1: <Ramdisk>: /boot/initrd.img $(on_part 1 $g1): no file at this path (code 21495816 VOLUME_NOT_MOUNTED)" "$work/out" &&
+    [ "$(wc -l <"$work/out")" -eq 2 ] || fail "main action: $(cat "$work/out")"
+expect_status 0 "$tool" conf check "$work/absent.xml"
+expect_status 2 "$tool" conf check "$work/present.xml" --disk "$disk"
+expect_status 2 "$tool" conf check "$work/present.xml" --esp "$work/no-esp"
+expect_status 2 "$tool" conf check "$work/present.xml" --esp "$work/esp" --disk "$work/no.img"
+grep -q 'no.img: No such file or directory$' "$work/err" || fail "missing disk message: $(cat "$work/err")"
+
 # Usage and input/output errors.
 expect_status 0 "$tool" --help
 expect_status 0 "$tool" conf --help
