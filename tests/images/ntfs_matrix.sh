@@ -246,8 +246,18 @@ check_gpt_partition() {
     [ "$(fs cat /which.txt)" = "in the second partition" ] || fail "cat /which.txt of partition 2"
     fs cat /random.bin | cmp -s - "$(ntfscat "$volume" /random.bin > "$work/random"; echo "$work/random")" ||
         fail "random.bin of partition 2 reads otherwise than ntfscat's"
+    check_info NTFS "$cluster" read-write \
+        $(($(ntfsinfo -m "$volume" 2>/dev/null | sed -n 's/^[[:space:]]*Free Clusters: \([0-9]*\).*/\1/p') * cluster))
     image="$disk:A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061"
     [ "$(fs cat /which.txt)" = "in the second partition" ] || fail "partition 2 by its GUID"
+    # parts: the entry as the layout made it, and the driver that takes it.
+    "$tool" fs "$disk" parts > "$work/parts" 2>&1 || fail "parts: $(cat "$work/parts")"
+    sed -n '/^partition: *2$/,/^mounted by:/p' "$work/parts" > "$work/part2"
+    grep -qx "unique GUID: *A1B2C3D4-E5F6-4708-9A0B-1C2D3E4F5061" "$work/part2" &&
+        grep -qx "first sector: *$first" "$work/part2" && grep -qx "last sector: *$last" "$work/part2" &&
+        grep -qx "mounted by: *NTFS" "$work/part2" || fail "parts, partition 2: $(cat "$work/parts")"
+    sed -n '/^partition: *1$/,/^mounted by:/p' "$work/parts" | grep -qx "mounted by: *-" ||
+        fail "parts, partition 1: $(cat "$work/parts")"
     image="$disk:1"
     if fs ls / > /dev/null 2>&1; then fail "partition 1, which holds no file system, was mounted"; fi
     image=$disk
