@@ -31,7 +31,7 @@ namespace {
 
 const char kUsage[] =
     "Usage: morvane boot --esp DIR [--disk IMAGE]... [--keys KEYS] [--image PATH]\n"
-    "                    [--vars FILE [--vars-out FILE]] [--no-display]\n"
+    "                    [--vars FILE [--vars-out FILE]] [--no-display] [--stats]\n"
     "                    [-- LOAD OPTIONS...]\n"
     "\n"
     "Runs the loader on a simulated machine whose EFI system partition is the\n"
@@ -50,6 +50,8 @@ const char kUsage[] =
     "  --disk IMAGE   a disk image file attached as a hard disk, read-only; each\n"
     "                 partition of its GPT becomes a partition of the machine,\n"
     "                 so a LoadKernel with a GPT Guid can find it (repeatable)\n"
+    "  --stats        after the run, the Block I/O reads the disks received:\n"
+    "                 calls and bytes per partition, and their sizes\n"
     "  --keys KEYS    keys typed, in order: characters stand for themselves,\n"
     "                 {Esc} {Up} {Down} {Left} {Right} {Home} {End} {Insert}\n"
     "                 {Delete} {PgUp} {PgDown} {F1}..{F12} for named keys,\n"
@@ -348,6 +350,9 @@ int PrintEnding(HostFirmware::Simulator& firmware, EFI_STATUS status, const std:
 
 }  // namespace
 
+// In boot_stats.cpp.
+void PrintBootStats(HostFirmware::Simulator& firmware, const std::vector<std::string>& images);
+
 int RunBootCommand(int argc, char** argv) {
     std::string esp;
     std::string keys;
@@ -356,6 +361,7 @@ int RunBootCommand(int argc, char** argv) {
     std::string vars_out;
     std::vector<std::string> disks;
     bool display = true;
+    bool stats = false;
     std::vector<std::string> options;
     bool have_options = false;
     for (int i = 1; i < argc; ++i) {
@@ -382,6 +388,8 @@ int RunBootCommand(int argc, char** argv) {
             vars_out = argv[++i];
         } else if (argument == "--no-display") {
             display = false;
+        } else if (argument == "--stats") {
+            stats = true;
         } else {
             return UsageProblem("boot", "unexpected argument '" + argument + "'", kUsage);
         }
@@ -411,6 +419,7 @@ int RunBootCommand(int argc, char** argv) {
     EFI_STATUS status = firmware.RunImage(_ModuleEntryPoint);
     PrintConsole(firmware.ConsoleUtf8());
     const int ending = PrintEnding(firmware, status, disks);
+    if (stats) PrintBootStats(firmware, disks);
     // The user's variable file is a copy of a machine's NVRAM: a trial run
     // leaves it alone unless told where its outcome goes.
     if (!vars_out.empty() && !firmware.Variables().SaveFile(vars_out, problem)) {

@@ -81,6 +81,13 @@ std::vector<std::uint8_t> HardDriveNode(const GptPartition& partition) {
 
 // ---- the protocol ----
 
+void ReadTally::Add(std::uint64_t size) {
+    ++calls;
+    bytes += size;
+    auto [entry, added] = calls_by_size.emplace(size, 1);
+    if (!added) ++entry->second;
+}
+
 BlockIoMedium::BlockIoMedium(int file, std::uint64_t first_byte, std::uint64_t sectors, const DiskOptions& options,
                              bool partition)
     : file_(file), first_byte_(first_byte) {
@@ -126,6 +133,7 @@ EFI_STATUS EFIAPI BlockIoMedium::ReadBlocks(EFI_BLOCK_IO_PROTOCOL* self, UINT32 
                                             VOID* buffer) {
     BlockIoMedium& medium = MediumOf(self);
     ++medium.reads;
+    medium.read_sizes.Add(size);
     EFI_STATUS status = medium.Check(media_id, lba, size, buffer);
     if (status != EFI_SUCCESS || size == 0) return status;
     if (!ReadAt(medium.file_, medium.first_byte_ + lba * medium.media_.BlockSize, buffer, size)) return EFI_DEVICE_ERROR;

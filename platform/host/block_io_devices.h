@@ -6,6 +6,7 @@
 #include <efi.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,16 @@ struct DiskOptions {
 };
 
 class BlockIoMedium;
+
+// The ReadBlocks calls a medium received and their sizes in bytes, so a
+// run can tell whether its files came in large transfers or many small ones.
+struct ReadTally {
+    std::uint64_t calls = 0;
+    std::uint64_t bytes = 0;
+    std::map<std::uint64_t, std::uint64_t> calls_by_size;
+
+    void Add(std::uint64_t size);
+};
 
 // The protocol as the firmware hands it out, with the way back to its medium.
 struct BlockIoInterface {
@@ -47,6 +58,7 @@ public:
     EFI_STATUS forced_status = EFI_SUCCESS;
     // What the image was asked, for tests.
     int reads = 0;
+    ReadTally read_sizes;
     int writes = 0;
     int flushes = 0;
     std::uint32_t last_media_id = 0;
