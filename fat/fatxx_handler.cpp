@@ -1,12 +1,27 @@
 #include "fat/fatxx_handler.h"
 
+#include <algorithm>
+
 #include "loader/common/byte_order.h"
 #include "loader/common/raise.h"
+
+namespace {
+
+// Table sectors read ahead at once when a walk goes from one sector to the
+// next: a chain of a large file crosses hundreds, each a firmware request
+// when read alone.
+constexpr std::uint32_t kReadAheadSectors = 64;
+
+}  // namespace
 
 template <typename T, unsigned long Mask>
 unsigned char* FATXXHandler<T, Mask>::entry_at(std::uint32_t cluster) {
     std::uint32_t index = cluster / entries_per_sector;
     if (index != cached_index) {
+        if (cached_index != 0xFFFFFFFF && index == cached_index + 1 && index < driver->sectors_per_fat) {
+            driver->prefetch_sectors(std::uint64_t(driver->active_fat_first) + index,
+                                     std::min(kReadAheadSectors, driver->sectors_per_fat - index));
+        }
         // A failed read leaves no sector cached rather than a stale index.
         cached_index = 0xFFFFFFFF;
         cached_block = driver->get_block(std::uint64_t(driver->active_fat_first) + index, 1, false);

@@ -95,6 +95,52 @@ BlockHandle FileSystemDriver::get_block(std::uint64_t first, std::uint32_t count
     return handle;
 }
 
+bool FileSystemDriver::covered(std::uint64_t sector) const {
+    auto after = blocks.upper_bound(sector);
+    if (after == blocks.begin()) return false;
+    const CachedBlock* block = std::prev(after)->second;
+    return sector - block->first < block->count;
+}
+
+void FileSystemDriver::admit_unheld(CachedBlock* block) {
+    block->holds = 0;
+    DriverLockHold hold(cache->lock);
+    std::uint64_t before = cache->bytes;
+    cache->bytes += CachedBlock::charge(block->count, sector_size);
+    cache->block_list.push_tail(block);
+    if (before <= kCacheBudget && cache->bytes > kCacheBudget) evict();
+}
+
+void FileSystemDriver::prefetch_sectors(std::uint64_t first, std::uint32_t count) {
+    if (count < 2 || first > volume_sectors || count > volume_sectors - first) return;
+    {
+        // A walk still inside what an earlier read-ahead brought needs none.
+        DriverLockHold hold(block_lock);
+        if (covered(first)) return;
+    }
+    // The transfer lands in a block of its own, for the alignment every
+    // block's data has; it never enters the cache.
+    CachedBlock* run = CachedBlock::create(this, first, count, sector_size);
+    if (run == nullptr) return;
+    if (device->Transfer(Fdisk::kTransferRead, first_sector + first, run->data(), count).Failed()) {
+        CachedBlock::destroy(run);
+        return;
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
+        CachedBlock* block = nullptr;
+        {
+            DriverLockHold hold(block_lock);
+            if (covered(first + i)) continue;
+            block = CachedBlock::create(this, first + i, 1, sector_size);
+            if (block == nullptr) break;
+            std::memcpy(block->data(), run->data() + std::size_t(i) * sector_size, sector_size);
+            blocks.emplace(first + i, block);
+        }
+        admit_unheld(block);
+    }
+    CachedBlock::destroy(run);
+}
+
 void FileSystemDriver::evict() {
     FlushingMark mark;
     CachedBlock* block = cache->block_list.head();

@@ -72,6 +72,13 @@ public:
     // error on the spot rather than left to show as damage elsewhere.
     // With `no_read` the data isn't fetched: the caller overwrites all of it.
     BlockHandle get_block(std::uint64_t first, std::uint32_t count, bool no_read);
+    // Read-ahead for metadata that a driver walks one sector at a time, in
+    // order: one transfer brings in sectors first..first+count-1, each as a
+    // clean, unheld block of one sector, unless the cache holds `first`
+    // already. A sector the cache holds already, or that a block of the cache
+    // covers, is left as it is. Nothing is raised:
+    // what can't be read ahead is read, and reported, by its own get_block.
+    void prefetch_sectors(std::uint64_t first, std::uint32_t count);
     // Copies `size` bytes from byte `offset` of the volume, for a record that
     // doesn't lie on the driver's grid of blocks (a superblock at byte 1024,
     // a 1 KiB record inside a larger cluster). The sectors go through the
@@ -146,6 +153,10 @@ protected:
 private:
     void first_write_gate(CachedBlock* block, bool ask_driver);
     void forget_block(CachedBlock* block);
+    // Whether a block of the cache covers `sector`; block_lock held.
+    bool covered(std::uint64_t sector) const;
+    // Puts a block read ahead into the cache, unheld, as the newest.
+    void admit_unheld(CachedBlock* block);
     void read_cached_run(unsigned char* buffer, std::uint64_t first, std::uint64_t count);
     void evict();
     void check_inside_volume(std::uint64_t first, std::uint64_t count) const;

@@ -543,6 +543,38 @@ TEST(FatTable32, ContiguousChainOverASectorBorderIsTwoRuns) {
     EXPECT_EQ(run.next, 0x0FFFFFFFu);
 }
 
+// A chain walked from sector to sector of the table reads it ahead in a few
+// transfers, and a sector changed in the cache but not yet written is not
+// replaced by the disk's older copy.
+TEST(FatTableReadAhead, LongWalkTakesFewTransfersAndKeepsChangedSectors) {
+    for (int bits : {16, 32}) {
+        SCOPED_TRACE(bits);
+        const std::uint32_t per_sector = kSector / (bits / 8);
+        const std::uint32_t clusters = std::min<std::uint32_t>(300 * per_sector, 0xFFF0) - 2;
+        Volume v(bits, clusters);
+        std::vector<std::uint32_t> chain;
+        for (std::uint32_t c = 2; c < clusters + 2; ++c) chain.push_back(c);
+        v.Chain(chain, 0x0FFFFFFF & ((1ull << bits) - 1));
+        // The end moves to a cluster in the table's 150th sector, in the cache only.
+        const std::uint32_t new_end = 150 * per_sector + 7;
+        v.handler().set_entry(new_end, 0x0FFFFFFF);
+        v.disk.log.clear();
+        ClusterRun run{0, 0, 2};
+        std::uint32_t expected_first = 2, walked = 0;
+        while (v.handler().next_run(run)) {
+            ASSERT_EQ(run.first, expected_first);
+            walked += run.end - run.first;
+            expected_first = run.end;
+            if (!v.driver->valid_cluster(run.next)) break;
+        }
+        EXPECT_EQ(walked, new_end - 1);
+        const std::size_t sectors_walked = new_end / per_sector + 1;
+        EXPECT_LE(v.disk.count_of(Fdisk::kTransferRead), sectors_walked / 32 + 2);
+        EXPECT_GT(v.disk.count_of(Fdisk::kTransferRead), 0u);
+        EXPECT_EQ(v.disk.unaligned, 0u);
+    }
+}
+
 TEST(FatTable32, FreeRunEndsAtTheSectorEnd) {
     Volume v(32, 400);
     v.FillUsed();
