@@ -22,22 +22,10 @@
 # banner); then, per file system, the Block I/O reads the loader makes on
 # the host simulator for the same disk (morvane boot --stats). Closing
 # line: "N passed, M failed", a boot passing when it reached the greeting.
-# RACE_KEEP=1 keeps the disks in BUILD_DIR/bench-race afterwards.
+# RACE_KEEP=1 keeps the disks in BUILD_DIR/bench-race afterwards;
+# RACE_FILE_SYSTEMS="fat32 ext4" races those alone.
 set -u
-
-if [ $# -lt 1 ] || [ $# -gt 2 ]; then
-    echo "usage: $0 BUILD_DIR [ROUNDS]" >&2
-    exit 2
-fi
-HERE=$(cd "$(dirname "$0")" && pwd)
-E2E=$(cd "$HERE/../tests/e2e" && pwd)
-BUILD_DIR=$(cd "$1" && pwd) || exit 2
-ROUNDS=${2:-3}
-case $ROUNDS in
-    ''|*[!0-9]*|0) echo "ROUNDS must be a positive number" >&2; exit 2 ;;
-esac
-. "$E2E/lib.sh"
-. "$E2E/kernel/kernel_lib.sh"
+. "$(dirname "$0")/boot_lib.sh" "$@"
 . "$E2E/gpt_disk.sh"
 . "$HERE/race_lib.sh"
 LOADER_IMAGE=$BUILD_DIR/morvane.efi
@@ -55,7 +43,7 @@ race_accelerator "$WORK"
 RAMDISK=$BUILD_DIR/e2e-kernel/race-initrd.img
 race_ramdisk "$INITRD_IMAGE" "$RAMDISK" || { echo "cannot make the padded ramdisk" >&2; exit 1; }
 
-FILE_SYSTEMS="fat32 ext4 ntfs hfsplus"
+FILE_SYSTEMS=${RACE_FILE_SYSTEMS:-fat32 ext4 ntfs hfsplus}
 DISK_KINDS="virtio ahci"
 WAYS="morvane grub firmware"
 

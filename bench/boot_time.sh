@@ -17,20 +17,7 @@
 # difference to and ratio over the firmware's own boot. Closing line:
 # "N passed, M failed", a boot passing when it reached the greeting.
 set -u
-
-if [ $# -lt 1 ] || [ $# -gt 2 ]; then
-    echo "usage: $0 BUILD_DIR [ROUNDS]" >&2
-    exit 2
-fi
-HERE=$(cd "$(dirname "$0")" && pwd)
-E2E=$(cd "$HERE/../tests/e2e" && pwd)
-BUILD_DIR=$(cd "$1" && pwd) || exit 2
-ROUNDS=${2:-3}
-case $ROUNDS in
-    ''|*[!0-9]*|0) echo "ROUNDS must be a positive number" >&2; exit 2 ;;
-esac
-. "$E2E/lib.sh"
-. "$E2E/kernel/kernel_lib.sh"
+. "$(dirname "$0")/boot_lib.sh" "$@"
 e2e_images "$BUILD_DIR" || exit 2
 kernel_inputs "$BUILD_DIR" >&2 || exit 2
 

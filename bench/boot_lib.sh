@@ -1,0 +1,19 @@
+# shellcheck shell=bash
+# The start that the boot benchmarks share (boot_time.sh, boot_race.sh):
+# their arguments BUILD_DIR [ROUNDS], and the end-to-end libraries that
+# make their disks and run QEMU + OVMF.
+#
+#   . "$(dirname "$0")/boot_lib.sh" "$@"      sets HERE, E2E, BUILD_DIR, ROUNDS
+if [ $# -lt 1 ] || [ $# -gt 2 ]; then
+    echo "usage: $0 BUILD_DIR [ROUNDS]" >&2
+    exit 2
+fi
+HERE=$(cd "$(dirname "$0")" && pwd)
+E2E=$(cd "$HERE/../tests/e2e" && pwd)
+BUILD_DIR=$(cd "$1" && pwd) || exit 2
+ROUNDS=${2:-3}
+case $ROUNDS in
+    ''|*[!0-9]*|0) echo "ROUNDS must be a positive number" >&2; exit 2 ;;
+esac
+. "$E2E/lib.sh"
+. "$E2E/kernel/kernel_lib.sh"
