@@ -2,14 +2,9 @@
 // folder of the host, with the keys a person would type.
 #include <efi.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,6 +18,8 @@
 #include "tools/command.h"
 #include "tools/error_names.h"
 #include "tools/file_leads.h"
+#include "tools/fs_volume.h"
+#include "tools/simulated_machine.h"
 
 extern "C" EFI_STATUS EFIAPI _ModuleEntryPoint(EFI_HANDLE image, EFI_SYSTEM_TABLE* system_table);
 
@@ -164,43 +161,6 @@ bool QueueKeys(HostFirmware::Simulator& firmware, const std::string& keys, std::
     return true;
 }
 
-// Attaches each image as a read-only hard disk, in the order given, so the
-// machine's block devices are numbered as on the command line.
-bool AttachDisks(HostFirmware::Simulator& firmware, const std::vector<std::string>& images, std::string& problem) {
-    for (const std::string& image : images) {
-        try {
-            firmware.Disks().Attach(image);
-        } catch (const std::runtime_error& error) {
-            problem = error.what();
-            return false;
-        }
-    }
-    return true;
-}
-
-// The host's own files, checked before the run so that a refusal names its
-// cause as the host's C library tells it.
-bool CanUseHostFiles(const std::string& esp, const std::string& vars, const std::vector<std::string>& disks,
-                     std::string& problem) {
-    struct stat info {};
-    const bool found = stat(esp.c_str(), &info) == 0;
-    if (!found || !S_ISDIR(info.st_mode)) {
-        problem = "--esp " + esp + ": " + std::strerror(found ? ENOTDIR : errno);
-        return false;
-    }
-    std::vector<std::string> files = disks;
-    if (!vars.empty()) files.push_back(vars);
-    for (const std::string& file : files) {
-        int descriptor = ::open(file.c_str(), O_RDONLY);
-        if (descriptor < 0) {
-            problem = file + ": " + std::strerror(errno);
-            return false;
-        }
-        ::close(descriptor);
-    }
-    return true;
-}
-
 // "\EFI\BOOT\X.EFI" as the file path node a firmware boot manager gives.
 std::u16string ImagePath(const std::string& path) { return Clib::FromMultibyte(path.data(), path.size()); }
 
@@ -295,12 +255,9 @@ bool IsFileCode(std::uint32_t code) {
 // read its sectors: the volume it was looking in.
 void PrintPartitions(HostFirmware::Simulator& firmware, const std::vector<std::string>& images) {
     for (std::size_t disk = 0; disk < images.size() && disk < firmware.Disks().Count(); ++disk) {
-        int file = ::open(images[disk].c_str(), O_RDONLY);
-        if (file < 0) continue;
-        struct stat info {};
         std::vector<HostFirmware::GptPartition> gpt;
-        if (fstat(file, &info) == 0) gpt = HostFirmware::ReadGpt(file, static_cast<std::uint64_t>(info.st_size), 512);
-        ::close(file);
+        std::string problem;
+        if (!ReadImageGpt(images[disk], 512, gpt, problem)) continue;
         std::vector<HostFirmware::BlockIoMedium*> media = firmware.Disks().Partitions(disk);
         for (std::size_t i = 0; i < gpt.size() && i < media.size(); ++i) {
             std::printf("  %s:%u  %s%s\n", images[disk].c_str(), gpt[i].number, GuidText(gpt[i].unique_guid).c_str(),
@@ -397,7 +354,9 @@ int RunBootCommand(int argc, char** argv) {
     if (esp.empty()) return UsageProblem("boot", "--esp DIR is needed", kUsage);
     if (!vars_out.empty() && vars.empty()) return UsageProblem("boot", "--vars-out needs --vars", kUsage);
     std::string problem;
-    if (!CanUseHostFiles(esp, vars, disks, problem)) {
+    std::vector<std::string> host_files = disks;
+    if (!vars.empty()) host_files.push_back(vars);
+    if (!CanUseHostFiles(esp, host_files, problem)) {
         std::fprintf(stderr, "morvane boot: %s\n", problem.c_str());
         return kExitUsageOrIo;
     }

@@ -281,6 +281,11 @@ std::string ShowTree(const xml_element& root) {
     return out;
 }
 
+// "FILE:LINE:COLUMN: <Name>", or "FILE: <Name>" for the binary form.
+std::string ElementLead(const std::string& path, const xml_element& element) {
+    return DisplayName(path) + (element.line == 0 ? ": " : ":") + ElementPlace(element);
+}
+
 // Each file that the kernel actions could not open, at the element naming
 // it; false when the machine could not be built (reported).
 bool PrintMissingFiles(const std::string& path, const xml_element& root, const conf_machine& machine,
@@ -291,8 +296,7 @@ bool PrintMissingFiles(const std::string& path, const xml_element& root, const c
         return false;
     }
     for (const conf_missing_file& file : files.missing) {
-        std::printf("%s%s%s: %s\n", DisplayName(path).c_str(), file.element->line == 0 ? ": " : ":",
-                    ElementPlace(*file.element).c_str(), file.lead.c_str());
+        std::printf("%s: %s\n", ElementLead(path, *file.element).c_str(), file.lead.c_str());
     }
     return true;
 }
@@ -313,9 +317,8 @@ int Check(const std::string& path, const conf_machine& machine) {
     loaded.Adopt(std::move(document.root));
     std::vector<conf_refusal> refusals = CheckRules(loaded);
     for (const conf_refusal& refusal : refusals) {
-        std::printf("%s%s%s: refused with %s (tag 0x%016llx)\n", DisplayName(path).c_str(),
-                    refusal.element->line == 0 ? ": " : ":", ElementPlace(*refusal.element).c_str(), CodeText(refusal.code).c_str(),
-                    static_cast<unsigned long long>(refusal.tag));
+        std::printf("%s: refused with %s (tag 0x%016llx)\n", ElementLead(path, *refusal.element).c_str(),
+                    CodeText(refusal.code).c_str(), static_cast<unsigned long long>(refusal.tag));
     }
     conf_files files;
     if (!machine.esp.empty() && !PrintMissingFiles(path, *loaded.Root(), machine, files)) return kExitUsageOrIo;

@@ -1,14 +1,6 @@
 // The files of a document, opened as the loader opens them at boot: its own
 // kernel action on a simulated machine with the ESP folder and the disk
 // images of `morvane boot`. Nothing runs; jobs are not carried out.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
-
 #include "firmware/firmware_access.h"
 #include "loader/load_kernel.h"
 #include "platform/clib/clib.h"
@@ -17,6 +9,7 @@
 #include "tools/conf_checks.h"
 #include "tools/error_names.h"
 #include "tools/file_leads.h"
+#include "tools/simulated_machine.h"
 
 namespace MorvaneTool {
 namespace {
@@ -74,41 +67,14 @@ void OpenActionFiles(const xml_element& element, const conf_machine& machine, co
     }
 }
 
-// The host's own files, checked first so that a refusal names its cause as
-// the host's C library tells it.
-bool CanUseHostFiles(const conf_machine& machine, std::string& problem) {
-    struct stat info {};
-    const bool found = stat(machine.esp.c_str(), &info) == 0;
-    if (!found || !S_ISDIR(info.st_mode)) {
-        problem = "--esp " + machine.esp + ": " + std::strerror(found ? ENOTDIR : errno);
-        return false;
-    }
-    for (const std::string& image : machine.disks) {
-        int descriptor = ::open(image.c_str(), O_RDONLY);
-        if (descriptor < 0) {
-            problem = "--disk " + image + ": " + std::strerror(errno);
-            return false;
-        }
-        ::close(descriptor);
-    }
-    return true;
-}
-
 }  // namespace
 
 bool CheckFiles(const xml_element& root, const conf_machine& machine, conf_files& files, std::string& problem) {
-    if (!CanUseHostFiles(machine, problem)) return false;
+    if (!CanUseHostFiles(machine.esp, machine.disks, problem)) return false;
     HostFirmware::Simulator firmware;
     firmware.MountEsp(machine.esp);
     firmware.SetImagePath({Clib::FromMultibyte(machine.image.data(), machine.image.size())});
-    for (const std::string& image : machine.disks) {
-        try {
-            firmware.Disks().Attach(image);
-        } catch (const std::runtime_error& error) {
-            problem = error.what();
-            return false;
-        }
-    }
+    if (!AttachDisks(firmware, machine.disks, problem)) return false;
     Uefi::InitializeFirmwareAccess(firmware.ImageHandle(), firmware.SystemTable());
     for (const xml_element* action : KernelActions(root)) OpenActionFiles(*action, machine, files);
     HostFirmware::ForgetRefusedFile();

@@ -9,9 +9,6 @@
 
 namespace MorvaneTool {
 
-// A GUID in its text form, capital digits.
-std::string GuidText(const std::uint8_t guid[16]);
-
 // "the ESP" for the all-zero GUID; "partition N (GUID) of IMAGE" for a
 // partition of an attached image's GPT; "partition GUID" otherwise.
 std::string PartitionPlace(const std::vector<std::string>& images, const std::uint8_t guid[16]);

@@ -53,15 +53,6 @@ const KnownType kKnownTypes[] = {
     {"21686148-6449-6E6F-744E-656564454649", "BIOS boot"},
 };
 
-std::string GuidText(const std::uint8_t* bytes) {
-    char text[40];
-    std::snprintf(text, sizeof(text), "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
-                  static_cast<unsigned>(Common::LoadLE32(bytes)), static_cast<unsigned>(Common::LoadLE16(bytes + 4)),
-                  static_cast<unsigned>(Common::LoadLE16(bytes + 6)), bytes[8], bytes[9], bytes[10], bytes[11],
-                  bytes[12], bytes[13], bytes[14], bytes[15]);
-    return text;
-}
-
 std::string TypeText(const std::uint8_t* bytes) {
     std::string guid = GuidText(bytes);
     for (const KnownType& type : kKnownTypes) {

@@ -1,7 +1,10 @@
 #include "tools/fs_volume.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -120,6 +123,29 @@ std::uint32_t GuessSectorSize(const std::string& image) {
     bool boot_signature = start.size() >= kSmallSector && start[510] == 0x55 && start[511] == 0xAA;
     bool large_sectors = start.size() >= kSmallSector && Common::LoadLE16(&start[11]) == kLargeSector;
     return boot_signature && large_sectors ? kLargeSector : kSmallSector;
+}
+
+std::string GuidText(const std::uint8_t guid[16]) {
+    char text[40];
+    std::snprintf(text, sizeof(text), "%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                  static_cast<unsigned>(Common::LoadLE32(guid)), static_cast<unsigned>(Common::LoadLE16(guid + 4)),
+                  static_cast<unsigned>(Common::LoadLE16(guid + 6)), guid[8], guid[9], guid[10], guid[11], guid[12],
+                  guid[13], guid[14], guid[15]);
+    return text;
+}
+
+bool ReadImageGpt(const std::string& image, std::uint32_t sector_size,
+                  std::vector<HostFirmware::GptPartition>& entries, std::string& problem) {
+    int file = ::open(image.c_str(), O_RDONLY);
+    struct stat info {};
+    if (file < 0 || fstat(file, &info) != 0) {
+        problem = image + ": " + std::strerror(errno);
+        if (file >= 0) ::close(file);
+        return false;
+    }
+    entries = HostFirmware::ReadGpt(file, static_cast<std::uint64_t>(info.st_size), sector_size);
+    ::close(file);
+    return true;
 }
 
 bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& problem) {

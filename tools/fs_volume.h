@@ -9,6 +9,7 @@
 
 #include "files/dir_object.h"
 #include "firmware/simple_disk.h"
+#include "platform/host/block_io_devices.h"
 #include "tools/fs_operations.h"
 
 namespace HostFirmware {
@@ -35,6 +36,15 @@ bool ParseVolumeName(const std::string& text, VolumeName& name, std::string& pro
 // The sector size an image was made with: where its GPT header lies, else
 // what its boot sector says; 512 when neither tells.
 std::uint32_t GuessSectorSize(const std::string& image);
+
+// A GUID as it stands in a GPT, in its text form with capital digits.
+std::string GuidText(const std::uint8_t guid[16]);
+
+// The GPT entries of a disk image read at `sector_size`, as the simulator
+// reads them when it attaches the image; none when it has no GPT. False,
+// with the host's cause in `problem`, when the image can't be opened.
+bool ReadImageGpt(const std::string& image, std::uint32_t sector_size,
+                  std::vector<HostFirmware::GptPartition>& entries, std::string& problem);
 
 // Mounted for the lifetime of the object. The destructor deletes the root,
 // so the driver writes what it holds back to the image before the simulated

@@ -4,13 +4,8 @@
 // and reads back as its own.
 #include <efi.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/shared_ptr.hpp>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -103,22 +98,6 @@ EntryPointer EntryObject(std::uint16_t number) {
     return entry;
 }
 
-// The GPT entries as the simulator reads them when it attaches the image,
-// at the sector size the image was made with.
-bool ReadPartitions(const std::string& image, std::vector<GptPartition>& entries, std::string& problem) {
-    const std::uint32_t sector_size = GuessSectorSize(image);
-    int file = open(image.c_str(), O_RDONLY);
-    struct stat info {};
-    if (file < 0 || fstat(file, &info) != 0) {
-        problem = image + ": " + std::strerror(errno);
-        if (file >= 0) close(file);
-        return false;
-    }
-    entries = HostFirmware::ReadGpt(file, static_cast<std::uint64_t>(info.st_size), sector_size);
-    close(file);
-    return true;
-}
-
 // The partition named by number or unique GUID, else the one EFI system
 // partition of the image.
 const GptPartition* ChoosePartition(const VolumeName& name, const std::vector<GptPartition>& entries,
@@ -150,7 +129,10 @@ VarsEdit FindPartition(const std::string& disk, GptPartition& chosen) {
     std::string problem;
     std::vector<GptPartition> entries;
     if (!ParseVolumeName(disk, name, problem)) return Refused(kExitUsageOrIo, "--disk " + disk + ": " + problem);
-    if (!ReadPartitions(name.image, entries, problem)) return Refused(kExitUsageOrIo, problem);
+    // At the sector size the image was made with.
+    if (!ReadImageGpt(name.image, GuessSectorSize(name.image), entries, problem)) {
+        return Refused(kExitUsageOrIo, problem);
+    }
     const GptPartition* partition = ChoosePartition(name, entries, problem);
     if (partition == nullptr) return Refused(kExitRefused, "--disk " + disk + ": " + problem);
     chosen = *partition;

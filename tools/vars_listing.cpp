@@ -19,6 +19,7 @@
 #include "loader/common/error.h"
 #include "platform/clib/clib.h"
 #include "platform/host/variable_store.h"
+#include "tools/fs_volume.h"
 #include "tools/vars_command.h"
 
 namespace MorvaneTool {
@@ -35,12 +36,6 @@ std::string Format(const char* format, ...) {
     std::vsnprintf(buffer, sizeof(buffer), format, arguments);
     va_end(arguments);
     return buffer;
-}
-
-std::string GuidText(const std::uint8_t* bytes) {
-    return Format("%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", static_cast<unsigned>(Common::LoadLE32(bytes)),
-                  static_cast<unsigned>(Common::LoadLE16(bytes + 4)), static_cast<unsigned>(Common::LoadLE16(bytes + 6)), bytes[8],
-                  bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
 }
 
 std::string Hex(const std::uint8_t* bytes, std::size_t size) {

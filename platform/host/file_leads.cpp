@@ -12,10 +12,6 @@ std::unique_ptr<RefusedFile> last_refused;
 
 }  // namespace
 
-bool RefusedFile::OnOwnVolume() const {
-    return std::all_of(guid, guid + 16, [](std::uint8_t byte) { return byte == 0; });
-}
-
 const RefusedFile* LastRefusedFile() { return last_refused.get(); }
 
 void ForgetRefusedFile() { last_refused.reset(); }

@@ -13,7 +13,6 @@ struct RefusedFile {
     std::uint8_t guid[16] = {};  // all zero: the loader's own volume
     std::u16string path;
     EfiLoader::FileLeadStep step = EfiLoader::FileLeadStep::file;
-    bool OnOwnVolume() const;
 };
 
 // The last lead noted since ForgetRefusedFile, or null.
