@@ -11,6 +11,10 @@
 
 #include "loader/common/byte_order.h"
 
+// Fewer clusters than this make a volume FAT12, more FAT16, whatever the
+// boot sector's type text says.
+constexpr std::uint32_t kFAT12Line = 0xFF6;
+
 // The part behind the shared block on FAT12 and FAT16.
 struct FAT16BootExtension {
     std::uint8_t BS_DrvNum;

@@ -14,7 +14,6 @@ namespace {
 
 constexpr std::uint32_t kMaxFAT32Clusters = 0xFFFFFEE;
 constexpr std::uint32_t kMaxFAT16Clusters = 0xFFF5;
-constexpr std::uint32_t kFAT12Line = 0xFF6;  // fewer clusters than this are FAT12
 
 bool PowerOfTwoUpTo128(std::uint32_t value) { return value != 0 && value <= 128 && (value & (value - 1)) == 0; }
 

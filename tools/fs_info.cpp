@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "extfs/ext_records.h"
+#include "fat/boot_sector.h"
 #include "loader/common/byte_order.h"
 #include "loader/common/error_codes.h"
 #include "tools/command.h"
@@ -64,15 +65,15 @@ std::uint32_t AllocationUnit(const std::string& type, const std::vector<unsigned
 // The driver's type name counts a 12-bit table as FAT16; the width is the
 // one the cluster count gives, as the driver itself takes it at mount.
 std::string FatWidthName(const std::vector<unsigned char>& start) {
-    constexpr std::uint32_t kFat12Line = 0xFF6;
-    const std::uint32_t sector = Common::LoadLE16(&start[kBootBytesPerSector]);
-    const std::uint32_t per_cluster = start[kBootSectorsPerCluster];
-    const std::uint64_t total = Common::LoadLE16(&start[19]) != 0 ? Common::LoadLE16(&start[19]) : Common::LoadLE32(&start[32]);
-    const std::uint64_t root_sectors = sector == 0 ? 0 : (Common::LoadLE16(&start[17]) * 32u + sector - 1) / sector;
+    FATBootSector boot;
+    std::memcpy(&boot, start.data(), sizeof(boot));
+    const std::uint32_t sector = boot.BPB_BytsPerSec.get();
+    const std::uint64_t root_sectors = sector == 0 ? 0 : (boot.root_entries() * 32u + sector - 1) / sector;
     const std::uint64_t metadata =
-        Common::LoadLE16(&start[14]) + std::uint64_t(start[16]) * Common::LoadLE16(&start[22]) + root_sectors;
-    if (per_cluster == 0 || metadata >= total) return "FAT16";
-    return (total - metadata) / per_cluster < kFat12Line ? "FAT12" : "FAT16";
+        boot.reserved_sectors() + std::uint64_t(boot.fat_count()) * boot.fat_size16() + root_sectors;
+    const std::uint64_t total = boot.total_sectors();
+    if (boot.sectors_per_cluster() == 0 || metadata >= total) return "FAT16";
+    return (total - metadata) / boot.sectors_per_cluster() < kFAT12Line ? "FAT12" : "FAT16";
 }
 
 // What an HFS+ header tells of why a volume is not to be changed.
@@ -148,7 +149,7 @@ std::string SpaceText(std::uint64_t bytes) {
 
 std::string VolumeKindName(MountedVolume& volume) {
     std::string type = VolumeTypeName(volume.Root());
-    if (type == "FAT16" && volume.Start().size() >= 512) type = FatWidthName(volume.Start());
+    if (type == "FAT16" && volume.Start().size() >= sizeof(FATBootSector)) type = FatWidthName(volume.Start());
     return type;
 }
 
