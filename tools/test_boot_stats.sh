@@ -6,9 +6,6 @@
 # must add up to the totals.
 set -u
 tool="$1"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-failures=0
 . "$(dirname "$0")/test_lib.sh"
 
 # poke FILE OFFSET OCTAL-BYTES: writes bytes at an offset.

@@ -10,10 +10,7 @@
 set -u
 tool="$1"
 images="$2"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 export TZ=UTC LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1
-failures=0
 . "$(dirname "$0")/test_lib.sh"
 
 fsck_clean() {

@@ -8,10 +8,7 @@
 #   test_fs_info.sh TOOL
 set -u
 tool="$1"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 export LC_ALL=C.UTF-8
-failures=0
 . "$(dirname "$0")/test_lib.sh"
 # value KEY [FILE]: the text behind "KEY:" and its padding.
 value() { sed -n "s/^$1: *//p" "${2:-$work/out}"; }

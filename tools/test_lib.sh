@@ -1,6 +1,9 @@
-# What the tool's shell tests share: failures counted, and a command's exit
-# status and output checked. The sourcing script sets $work (a scratch
-# folder) and failures=0 first.
+# What the tool's shell tests share: a scratch folder $work, removed at the
+# end, failures counted, and a command's exit status and output checked.
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
 
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 

@@ -8,10 +8,7 @@
 #   test_vars_command.sh TOOL
 set -u
 tool="$1"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 export LC_ALL=C.UTF-8
-failures=0
 . "$(dirname "$0")/test_lib.sh"
 ovmf=/usr/share/OVMF/OVMF_VARS_4M.fd
 [ -f "$ovmf" ] || { echo "no $ovmf: skipped"; exit 77; }
