@@ -86,9 +86,9 @@ for round in $(seq 1 "$ROUNDS"); do
                 mkdir -p "$dir"
                 race_arguments "$fs" "$kind" "$way"
                 race_boot "$dir" "${ARGS[@]}"
-                read -r total cpu < <(race_seconds "$dir/console.times" "^${INIT_GREETING}\$")
-                read -r first _ < <(race_seconds "$dir/console.times" "$FIRST_LINE")
-                read -r kernel _ < <(race_seconds "$dir/console.times" "$RACE_KERNEL_LINE")
+                read -r total cpu < <(seconds_to "$dir/console.times" "^${INIT_GREETING}\$")
+                read -r first _ < <(seconds_to "$dir/console.times" "$FIRST_LINE")
+                read -r kernel _ < <(seconds_to "$dir/console.times" "$RACE_KERNEL_LINE")
                 if [ "$BOOT_END" != greeting ] || [ -z "${total-}" ]; then
                     failed=$((failed + 1))
                     echo "  round $round, $fs $kind $way: no greeting ($BOOT_END); console in $dir"

@@ -41,15 +41,6 @@ QEMU_ARGS[firmware]="-drive format=raw,snapshot=on,file=$WORK/esp.img -kernel $K
 QEMU_ARGS[loader_ahci]="-drive format=raw,snapshot=on,file=$WORK/esp.img"
 QEMU_ARGS[loader_virtio]="-drive if=virtio,format=raw,snapshot=on,file=$WORK/esp.img"
 
-# seconds_to TIMES REGEX: "WALL CPU" for the first line of the stamped
-# console TIMES that matches REGEX: seconds from BOOT_START, and QEMU's
-# processor seconds by then; nothing if no line matches.
-seconds_to() {
-    clean_console <"$1" | awk -v start="$BOOT_START" -v regex="$2" '
-        { line = $0; sub(/^[^ ]* [^ ]* /, "", line) }
-        line ~ regex { printf "%.2f %s\n", $1 - start, $2; exit }'
-}
-
 # median VALUE...: the middle value, or the mean of the two middle ones.
 median() {
     printf '%s\n' "$@" | sort -n | awk '

@@ -2,7 +2,8 @@
 # Pieces of the boot race (bench/boot_race.sh): the padded ramdisk, one GPT
 # disk per file system made by the file systems' own tools, the ESPs of
 # the loader and of GRUB, and one boot stopped at the initramfs' greeting.
-# Sourced after tests/e2e/lib.sh, kernel/kernel_lib.sh and gpt_disk.sh.
+# Sourced after bench/boot_lib.sh (which brings tests/e2e/lib.sh and
+# kernel/kernel_lib.sh) and gpt_disk.sh.
 
 # Every race disk carries its one partition under this unique GUID: only one
 # is attached at a time, so one document serves them all.
@@ -184,15 +185,6 @@ race_boot() {
         esac
     fi
     rm -f "$workdir/vars.fd"
-}
-
-# race_seconds TIMES REGEX: "WALL CPU" for the first line of the stamped
-# console TIMES that matches REGEX (extended): seconds from BOOT_START, and
-# QEMU's processor seconds by then; nothing if no line matches.
-race_seconds() {
-    clean_console <"$1" | awk -v start="$BOOT_START" -v regex="$2" '
-        { line = $0; sub(/^[^ ]* [^ ]* /, "", line) }
-        line ~ regex { printf "%.2f %s\n", $1 - start, $2; exit }'
 }
 
 # race_summary VALUE...: "MEDIAN (MIN-MAX)", or "-" without values.
